@@ -1,0 +1,120 @@
+#pragma once
+
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace platform {
+
+/// The name of the category whose values are the URL-loading codes below.
+inline constexpr const char* NSURLErrorDomain = "NSURLErrorDomain";
+
+/// What can go wrong between a link and its answer. The values are fixed and never reused.
+enum class URLError : int {
+  unknown = -1,
+  cancelled = -999,
+  bad_url = -1000,
+  timed_out = -1001,
+  unsupported_url = -1002,
+  cannot_find_host = -1003,
+  cannot_connect_to_host = -1004,
+  network_connection_lost = -1005,
+  resource_unavailable = -1008,
+  too_many_redirects = -1007,
+  not_connected_to_internet = -1009,
+  bad_server_response = -1011,
+  user_authentication_required = -1013,
+  cannot_decode_content = -1016,
+  file_does_not_exist = -1100,
+  secure_connection_failed = -1200,
+  server_certificate_untrusted = -1202,
+  client_certificate_rejected = -1205,
+};
+
+} // namespace platform
+
+template <> struct std::is_error_code_enum<platform::URLError> : std::true_type {};
+
+namespace platform {
+
+/// The category of `URLError`; `name()` is `NSURLErrorDomain`.
+[[gnu::visibility("default")]] const std::error_category& url_error_category() noexcept;
+[[gnu::visibility("default")]] std::error_code make_error_code(URLError code) noexcept;
+
+/// A failed request. `what()` is the networking layer's own words; `code()` holds a `URLError`.
+class [[gnu::visibility("default")]] URLLoadingError : public std::system_error {
+public:
+  URLLoadingError(URLError code, std::string text);
+  const char* what() const noexcept override {
+    return text_.c_str();
+  }
+
+  /// What a safeguard found wrong with an answer.
+  enum class Refusal { none, http_status, range, changed_content };
+  Refusal refusal = Refusal::none;
+  /// Whether the request asked for a range.
+  bool asked_for_range = false;
+  /// The status of the answer that was refused.
+  std::optional<int> http_status;
+  /// How long the server asks to wait before the next attempt, where it said so.
+  std::optional<std::chrono::seconds> retry_after;
+
+private:
+  std::string text_;
+};
+
+/// Any thrown exception as a value: copied cheaply, carried to another thread, shown as text.
+///
+/// Threads: an ordinary value; copies may be used on different threads.
+/// Ownership: shares the exception with its copies.
+class [[gnu::visibility("default")]] Error {
+public:
+  /// `exception` must not be null.
+  explicit Error(std::exception_ptr exception);
+  /// The exception being handled; to be called inside a `catch` block.
+  static Error current() {
+    return Error(std::current_exception());
+  }
+
+  /// What happened, in words for people. Programs look at `code()` and the type instead.
+  const std::string& text() const;
+  /// The platform's code, or an empty code where the exception is no `std::system_error`.
+  std::error_code code() const;
+  /// The exception itself if it is an `E` (or derived from one), otherwise null. Valid as long as
+  /// this error or a copy of it lives.
+  template <class E> const E* get_if() const {
+    try {
+      std::rethrow_exception(exception());
+    } catch (const E& e) {
+      return &e; // the object is shared, not copied: it outlives this handler
+    } catch (...) {
+      return nullptr;
+    }
+  }
+  template <class E> bool is() const {
+    return get_if<E>() != nullptr;
+  }
+  /// Throws the exception again, unchanged.
+  [[noreturn]] void rethrow() const {
+    std::rethrow_exception(exception());
+  }
+
+private:
+  struct Held;
+  std::exception_ptr exception() const;
+  std::shared_ptr<const Held> held_;
+};
+
+} // namespace platform
+
+namespace ravelin {
+using platform::Error;
+using platform::NSURLErrorDomain;
+using platform::url_error_category;
+using platform::URLError;
+using platform::URLLoadingError;
+} // namespace ravelin

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "platform/receive_buffer.h"
+#include "platform/url_session.h"
+
+namespace platform {
+
+/// One request under way.
+///
+/// Threads: `resume()` and `cancel()` from any, the rest from the network thread.
+/// Ownership: shared by who made it and, while it runs, by the network thread.
+class DataTask : public std::enable_shared_from_this<DataTask> {
+public:
+  DataTask(std::shared_ptr<URLSession> session, URLRequest request);
+
+  /// Sends the request. Once.
+  void resume();
+  /// Ends the task with `URLError::cancelled`, promptly whatever it is waiting for; harmless when
+  /// it has ended.
+  void cancel();
+
+  const URLRequest& request() const { return request_; }
+  const Defaults& configuration() const { return session_->configuration_.values; }
+
+  void receive_response(URLResponse response);
+  /// False: there is no room, try again after the network thread has been told to.
+  bool receive_data(std::string_view bytes);
+  void complete(std::optional<Error> error);
+
+private:
+  void deliver_data();
+
+  const std::shared_ptr<URLSession> session_;
+  const URLRequest request_;
+  std::shared_ptr<ReceiveBuffer> buffer_; // made before the task starts
+};
+
+} // namespace platform

@@ -1,0 +1,168 @@
+#include "ravelin/main_queue.h"
+
+#include "platform/fatal.h"
+#include "platform/main_call.h"
+#include "platform/semaphore.h"
+#include "platform/wake_event.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <poll.h>
+#include <string>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+pid_t current_thread_id() {
+  thread_local const auto id = static_cast<pid_t>(syscall(SYS_gettid));
+  return id;
+}
+
+struct Queue {
+  // Read on every hop from any thread while a host may still be adopting: hence atomic. The thread
+  // that runs `main` has the process's own number.
+  std::atomic<pid_t> main_thread = getpid();
+  std::mutex mutex;          // every thread puts work in, the main thread takes it out
+  MainCall* first = nullptr; // a list through the calls themselves: a hop allocates nothing
+  MainCall* last = nullptr;
+  std::size_t length = 0;
+  bool awake = false; // the event is set: only the first of many pieces pays for a wake-up
+  bool stopped = false;
+  WakeEvent event;
+};
+
+Queue& queue() {
+  // Never destroyed: background threads still hop here while the process leaves `main`.
+  static auto& instance = *new Queue;
+  return instance;
+}
+
+void wake(Queue& q) {
+  if (!q.awake) {
+    q.awake = true;
+    q.event.set();
+  }
+}
+
+void push(MainCall& call) {
+  auto& q = queue();
+  const std::lock_guard lock(q.mutex);
+  (q.last ? q.last->next : q.first) = &call;
+  q.last = &call;
+  ++q.length;
+  wake(q);
+}
+
+void require_main_thread(const char* function) {
+  if (!MainQueue::is_main_thread())
+    fatal(std::string(function) + " was called off the main thread");
+}
+
+/// Takes the next call, or null.
+MainCall* pop() {
+  auto& q = queue();
+  const std::lock_guard lock(q.mutex);
+  auto* const call = q.first;
+  if (call) {
+    q.first = call->next;
+    if (!q.first)
+      q.last = nullptr;
+    --q.length;
+  }
+  return call;
+}
+
+struct AsyncCall : MainCall {
+  std::function<void()> task;
+};
+
+void run_and_delete(MainCall& call) {
+  const std::unique_ptr<AsyncCall> owned(static_cast<AsyncCall*>(&call));
+  owned->task();
+}
+
+/// Makes the descriptor readable again for what is still queued, however `drain()` ends.
+struct WakeForTheRest {
+  ~WakeForTheRest() {
+    auto& q = queue();
+    const std::lock_guard lock(q.mutex);
+    if (q.first || q.stopped)
+      wake(q);
+  }
+};
+
+} // namespace
+
+void MainQueue::adopt_current_thread() {
+  queue().main_thread = current_thread_id();
+}
+
+bool MainQueue::is_main_thread() noexcept {
+  return queue().main_thread.load(std::memory_order_relaxed) == current_thread_id();
+}
+
+void MainQueue::async(std::function<void()> task) {
+  auto call = std::make_unique<AsyncCall>();
+  call->call = run_and_delete;
+  call->task = std::move(task);
+  push(*call.release());
+}
+
+void call_on_main(MainCall& call, Semaphore& done) {
+  push(call);
+  done.wait();
+}
+
+std::size_t MainQueue::drain() {
+  require_main_thread("MainQueue::drain()");
+  auto& q = queue();
+  std::size_t due = 0;
+  {
+    const std::lock_guard lock(q.mutex);
+    q.event.clear();
+    q.awake = false;
+    due = q.length;
+  }
+  const WakeForTheRest rest;
+  std::size_t ran = 0;
+  for (; ran < due; ++ran) {
+    auto* const call = pop();
+    if (!call)
+      break; // work that ran here has drained the queue itself
+    call->call(*call);
+  }
+  return ran;
+}
+
+void MainQueue::run() {
+  require_main_thread("MainQueue::run()");
+  auto& q = queue();
+  for (;;) {
+    drain();
+    {
+      const std::lock_guard lock(q.mutex);
+      if (q.stopped) {
+        q.stopped = false;
+        return;
+      }
+    }
+    pollfd readable{q.event.descriptor(), POLLIN, 0};
+    poll(&readable, 1, -1);
+  }
+}
+
+void MainQueue::stop() {
+  auto& q = queue();
+  const std::lock_guard lock(q.mutex);
+  q.stopped = true;
+  wake(q);
+}
+
+int MainQueue::descriptor() {
+  return queue().event.descriptor();
+}
+
+} // namespace platform
