@@ -1,0 +1,31 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace bramblekit {
+
+/// An error that is a text of the library's own.
+class [[gnu::visibility("default")]] TextError : public std::runtime_error {
+public:
+  explicit TextError(const std::string& text) : TextError(text, text) {}
+  /// `text` is everything there is to say, `message` the sentence for people.
+  TextError(const std::string& text, std::string message)
+      : std::runtime_error(text), message_(std::move(message)) {}
+  const std::string& message() const {
+    return message_;
+  }
+
+private:
+  std::string message_;
+};
+
+/// The mark of a cancelled run, recognised by its type.
+class [[gnu::visibility("default")]] Exception{};
+
+} // namespace bramblekit
+
+namespace ravelin {
+using bramblekit::TextError;
+} // namespace ravelin
