@@ -1,0 +1,201 @@
+#include "src/FileProcessor.h"
+
+#include "platform/fatal.h"
+#include "ravelin/ravelin_operation.h"
+#include "support/errors.h"
+#include "support/file_marks.h"
+#include "support/main_thread.h"
+
+#include <algorithm>
+
+namespace ravelin {
+
+using bramblekit::main_sync;
+using bramblekit::TextError;
+using platform::Data;
+using platform::FileManager;
+
+namespace {
+
+constexpr std::size_t most_record_bytes = 1024 * 1024; // a real one has less than one thousandth
+
+/// Runs `step`; what it throws becomes a text error that begins with `message`.
+template <class Step> void with_message(const char* message, Step&& step) {
+  try {
+    step();
+  } catch (...) {
+    throw TextError(message + Error::current().text());
+  }
+}
+
+void remove_if_there(FileManager& fm, const URL& url) {
+  if (fm.file_exists(url))
+    fm.remove_item(url);
+}
+
+std::shared_ptr<ResumeData> read_record(const URL& resume_file) {
+  return ResumeData::instance(platform::read_text(resume_file, most_record_bytes));
+}
+
+} // namespace
+
+FileProcessor::FileProcessor(RavelinOperation& owner)
+    : fm(FileManager::default_manager()), owner_opr(owner) {}
+
+void FileProcessor::setup() {
+  if (!main_file_url)
+    platform::fatal("a file processor was set up without a destination");
+  resume_file_url = prepare_resume_file_url(*main_file_url);
+  exception.set(std::nullopt);
+  const bool continued = can_continue();
+  if (!continued) {
+    reset_files();
+    read_resume_data();
+  }
+  open_main_file(continued);
+}
+
+bool FileProcessor::can_continue() {
+  if (!fm.file_exists(*main_file_url) || !fm.file_exists(*resume_file_url) || !split_count ||
+      !content_len)
+    return false;
+  read_resume_data();
+  return main_sync([&]() MAIN_ONLY {
+    return resume_data->is_splitted == split_count.has_value() &&
+           resume_data->content_length == content_len;
+  });
+}
+
+void FileProcessor::open_main_file(bool continued) {
+  auto handle = platform::FileHandle::for_writing_to(*main_file_url);
+  if (content_len) {
+    if (continued)
+      handle.cut(*content_len); // a longer file of earlier times may have been killed in its reset
+    handle.reserve(*content_len);
+  }
+  main_file_handle.emplace(std::move(handle));
+}
+
+void FileProcessor::reset_files() {
+  const auto& resume_file = required_resume_file_url();
+  remove_if_there(fm, resume_file);
+  with_message("Couldn't create resume file: \n", [&] {
+    platform::write_text_atomically(resume_file, create_new_resume_data()->to_json());
+  });
+  remove_if_there(fm, *main_file_url);
+  fm.create_file(*main_file_url);
+  bramblekit::ext_attr(*main_file_url)["lg_ignore"] = bramblekit::to_data("true");
+  bramblekit::set_is_hidden(*main_file_url, true);
+  RavelinOperation::send(owner_opr.stat_closure,
+                         {Status::files_are_created{*main_file_url, resume_file}});
+}
+
+void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {
+  file_write_grp.enter();
+  queued_writes.push_back({pos, queued_count++});
+  file_write_queue.async([self = shared_from_this(), pos, bytes = std::move(bytes)] {
+    self->write_queued_bytes(pos, bytes);
+    self->file_write_grp.leave();
+  });
+}
+
+void FileProcessor::write_queued_bytes(std::int64_t pos, const Data& bytes) {
+  if (!main_file_handle)
+    platform::fatal("bytes were queued for a destination that is not open");
+  main_file_handle->write(pos, bytes);
+  main_file_handle->synchronize();
+  ++flushed_count;
+}
+
+ResumeData FileProcessor::flushed_record() {
+  if (!resume_data)
+    platform::fatal("there is no resume record to save");
+  while (!queued_writes.empty() && queued_writes.front().number < flushed_count)
+    queued_writes.pop_front();
+  auto record = resume_data->clone();
+  // The chunks of a part land in order: its first unflushed byte ends what may be counted.
+  for (const auto& write : queued_writes)
+    for (const auto& part : record.parts)
+      if (write.pos >= part->begin_pos && write.pos - part->begin_pos < part->curr_bytes)
+        part->curr_bytes = write.pos - part->begin_pos;
+  return record;
+}
+
+void FileProcessor::update_resume_file() {
+  with_message("Couldn't update resume file: \n", [&] {
+    const auto text = main_sync([&]() MAIN_ONLY { return flushed_record().to_json(); });
+    platform::write_text_atomically(required_resume_file_url(), text);
+  });
+}
+
+void FileProcessor::async_update_resume_file() {
+  file_write_grp.enter();
+  file_write_queue.async([self = shared_from_this()] {
+    try {
+      self->update_resume_file();
+    } catch (...) {
+      self->exception.set(Error::current());
+    }
+    self->file_write_grp.leave();
+  });
+}
+
+void FileProcessor::delete_resume_file() {
+  remove_if_there(fm, required_resume_file_url());
+}
+
+void FileProcessor::delete_resume_file(const URL& main_file) {
+  remove_if_there(FileManager::default_manager(), prepare_resume_file_url(main_file));
+}
+
+void FileProcessor::delete_main_file(const URL& main_file) {
+  remove_if_there(FileManager::default_manager(), main_file);
+}
+
+URL FileProcessor::prepare_resume_file_url(const URL& from) {
+  const auto path = from.path();
+  return URL::file(path.parent_path() / ("." + path.stem().native() + ".lgresume"));
+}
+
+std::shared_ptr<ResumeData> FileProcessor::create_new_resume_data() const {
+  if (!server_side_date)
+    platform::fatal("a resume record needs the server's date");
+  auto record = std::make_shared<ResumeData>();
+  record->server_side_date = *server_side_date;
+  record->content_length = content_len;
+  record->is_splitted = split_count.has_value();
+  if (content_len && split_count) {
+    record->parts = split_into_parts(*content_len, *split_count);
+    return record;
+  }
+  auto whole = std::make_shared<ResumeData::Part>();
+  whole->total_bytes_expected = content_len.value_or(-1);
+  record->parts.push_back(std::move(whole));
+  return record;
+}
+
+void FileProcessor::read_resume_data() {
+  with_message("Couldn't create resume data from file content: \n", [&] {
+    auto record = read_record(required_resume_file_url());
+    main_sync([&]() MAIN_ONLY { resume_data = std::move(record); });
+  });
+}
+
+std::shared_ptr<ResumeData> FileProcessor::read_resume_data(const URL& main_file) {
+  const auto resume_file = prepare_resume_file_url(main_file);
+  if (!FileManager::default_manager().file_exists(resume_file))
+    return nullptr;
+  try {
+    return read_record(resume_file);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+const URL& FileProcessor::required_resume_file_url() const {
+  if (!resume_file_url)
+    platform::fatal("the place of the resume file is not known yet");
+  return *resume_file_url;
+}
+
+} // namespace ravelin

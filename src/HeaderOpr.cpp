@@ -1,0 +1,112 @@
+#include "src/HeaderOpr.h"
+
+#include "platform/fatal.h"
+#include "src/request_parts.h"
+#include "support/background.h"
+#include "support/collections.h"
+#include "support/errors.h"
+#include "support/main_thread.h"
+
+namespace ravelin {
+
+using bramblekit::bg_async;
+using bramblekit::case_insensitive;
+using bramblekit::Exception;
+using bramblekit::main_sync;
+using bramblekit::to_error;
+using platform::ResponseDisposition;
+using platform::URLSession;
+
+void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
+  activate();
+  bg_async(0.0, [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
+                 closure = std::move(status_closure)] { self->bg_request(url, closure); });
+}
+
+void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
+  ephemeral_config = platform::URLSessionConfiguration::ephemeral();
+  ephemeral_session =
+      URLSession::make(*ephemeral_config, std::static_pointer_cast<HeaderOpr>(shared_from_this()));
+  sema = std::make_shared<platform::Semaphore>(0U);
+  std::optional<Error> error;
+  std::optional<Result> result;
+  try {
+    main_sync([&]() MAIN_ONLY { start_task(url); });
+    sema->wait();
+    error = task_err;
+    if (!error && recieved_response)
+      result = required_result();
+  } catch (...) {
+    error = Error::current();
+  }
+  main_sync([&]() MAIN_ONLY { finish(std::move(error), std::move(result), status_closure); });
+}
+
+void HeaderOpr::start_task(const URL& url) {
+  if (is_cancelled())
+    throw Exception();
+  auto task = ephemeral_session->data_task(url);
+  task_err.reset();
+  recieved_response = false;
+  task->resume();
+  data_task = std::move(task);
+}
+
+HeaderOpr::Result HeaderOpr::required_result() const {
+  if (!ranges_accepted || !http_header || !server_side_date)
+    platform::fatal("a response came without its header");
+  return {*ranges_accepted, *http_header, content_len, *server_side_date};
+}
+
+void HeaderOpr::finish(std::optional<Error> error, std::optional<Result> result,
+                       const StatusClosure& status_closure) {
+  if (is_cancelled())
+    error = to_error(Exception());
+  free();
+  if (error && error->is<Exception>())
+    status_closure({Status::cancelled{}});
+  else if (error)
+    status_closure({Status::error{*error}});
+  else if (result)
+    status_closure({Status::success{*std::move(result)}});
+  else
+    platform::fatal("a header request ended with neither an answer nor an error");
+}
+
+void HeaderOpr::cancel() {
+  main_sync([&]() MAIN_ONLY {
+    LGOperation::cancel();
+    if (data_task)
+      data_task->cancel();
+  });
+}
+
+void HeaderOpr::urlSession(URLSession&, platform::DataTask&,
+                           const platform::URLResponse& didReceive,
+                           platform::ResponseHandler completionHandler) {
+  if (recieved_response)
+    return;
+  recieved_response = true;
+  if (!didReceive.is_http) {
+    task_err = to_error(
+        bramblekit::error_msg("Couldn't cast response to `HTTPURLResponse`.", "src/HeaderOpr",
+                              "urlSession(_:dataTask:didReceive:completionHandler:)", 155));
+    completionHandler(ResponseDisposition::cancel);
+    return;
+  }
+  http_header = didReceive.header_fields;
+  const auto ranges = case_insensitive(*http_header, "Accept-Ranges");
+  ranges_accepted = ranges && ranges->find("bytes") != std::string::npos;
+  content_len = announced_length(*http_header);
+  server_side_date = case_insensitive(*http_header, "Date").value_or("");
+  completionHandler(ResponseDisposition::cancel);
+}
+
+void HeaderOpr::urlSession(URLSession&, platform::DataTask&,
+                           const std::optional<Error>& didCompleteWithError) {
+  if (didCompleteWithError && !is_platform_cancellation(*didCompleteWithError))
+    task_err = didCompleteWithError;
+  sema->signal();
+}
+
+} // namespace ravelin

@@ -1,0 +1,126 @@
+#include "src/PartialDataOpr.h"
+
+#include "platform/fatal.h"
+#include "src/request_parts.h"
+#include "support/background.h"
+#include "support/errors.h"
+#include "support/main_thread.h"
+
+#include <utility>
+
+namespace ravelin {
+
+using bramblekit::bg_async;
+using bramblekit::Exception;
+using bramblekit::main_sync;
+using bramblekit::to_error;
+using platform::URLSession;
+
+void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
+                             StatusClosure status_closure) {
+  activate();
+  main_sync([&]() MAIN_ONLY { stat_closure = status_closure; });
+  bg_async(0.0, [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url, range,
+                 closure = std::move(status_closure)] { self->bg_request(url, range, closure); });
+}
+
+void PartialDataOpr::bg_request(const URL& url, const std::optional<BytesRange>& range,
+                                const StatusClosure& status_closure) {
+  ephemeral_config = platform::URLSessionConfiguration::ephemeral();
+  ephemeral_session = URLSession::make(
+      *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
+  sema = std::make_shared<platform::Semaphore>(0U);
+  std::optional<Error> error;
+  try {
+    main_sync([&]() MAIN_ONLY { start_task(url, range, status_closure); });
+    sema->wait();
+    error = task_err;
+  } catch (...) {
+    error = Error::current();
+  }
+  main_sync([&]() MAIN_ONLY { finish(std::move(error), status_closure); });
+}
+
+void PartialDataOpr::start_task(const URL& url, const std::optional<BytesRange>& range,
+                                const StatusClosure& status_closure) {
+  if (is_cancelled())
+    throw Exception();
+  task_err.reset();
+  recieved_response = false;
+  total_fetched_bytes = 0;
+  status_closure({Status::connecting{}});
+  platform::URLRequest request(url);
+  request.cache_policy = platform::CachePolicy::use_protocol_cache_policy;
+  request.time_out_interval = std::chrono::milliseconds(60'000);
+  if (range)
+    request.set_header_field("Range", "bytes=" + std::to_string(range->start) + "-" +
+                                          std::to_string(range->end));
+  auto task = ephemeral_session->data_task(std::move(request));
+  task->resume();
+  data_task = std::move(task);
+}
+
+void PartialDataOpr::finish(std::optional<Error> error, const StatusClosure& status_closure) {
+  const auto taken = std::exchange(stat_closure, nullptr);
+  if (is_cancelled())
+    error = to_error(Exception());
+  free();
+  if (!error)
+    status_closure({Status::success{}});
+  else if (error->is<Exception>())
+    status_closure({Status::cancelled{}});
+  else
+    status_closure({Status::error{*error}});
+}
+
+void PartialDataOpr::cancel() {
+  main_sync([&]() MAIN_ONLY {
+    LGOperation::cancel();
+    if (data_task)
+      data_task->cancel();
+  });
+}
+
+void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
+                                const platform::URLResponse& didReceive,
+                                platform::ResponseHandler completionHandler) {
+  if (recieved_response)
+    return;
+  recieved_response = true;
+  if (!didReceive.is_http)
+    platform::fatal("the content of a link came without an HTTP response");
+  http_header = didReceive.header_fields;
+  content_len = announced_length(*http_header);
+  main_sync([&]() MAIN_ONLY {
+    if (!is_cancelled() && stat_closure)
+      stat_closure({Status::started{content_len}});
+  });
+  completionHandler(platform::ResponseDisposition::allow);
+}
+
+void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
+                                const platform::Data& didReceive) {
+  main_sync([&]() MAIN_ONLY { count_and_deliver(didReceive); });
+  const bool cancelled = main_sync([&]() MAIN_ONLY { return is_cancelled(); });
+  if (!cancelled && stat_closure)
+    stat_closure({Status::bg_after_receive_data{}});
+}
+
+void PartialDataOpr::count_and_deliver(const platform::Data& chunk) {
+  total_fetched_bytes =
+      platform::checked_add(total_fetched_bytes, static_cast<std::int64_t>(chunk.size()));
+  const float prog_value =
+      content_len ? static_cast<float>(total_fetched_bytes) / static_cast<float>(*content_len)
+                  : 0.0F;
+  if (!is_cancelled() && stat_closure)
+    stat_closure({Status::did_receive_data{{prog_value, chunk}}});
+}
+
+void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
+                                const std::optional<Error>& didCompleteWithError) {
+  if (didCompleteWithError && !is_platform_cancellation(*didCompleteWithError))
+    task_err = didCompleteWithError;
+  sema->signal();
+}
+
+} // namespace ravelin

@@ -1,0 +1,229 @@
+#include "ravelin/ravelin_operation.h"
+
+#include "platform/file_manager.h"
+#include "platform/semaphore.h"
+#include "src/FileProcessor.h"
+#include "support/collections.h"
+#include "support/errors.h"
+#include "support/file_naming.h"
+#include "support/main_thread.h"
+
+#include <cerrno>
+#include <utility>
+
+// Claiming the destination, waiting for it, and giving it back.
+
+namespace ravelin {
+
+using bramblekit::error_msg;
+using bramblekit::main_sync;
+using bramblekit::to_error;
+using platform::FileManager;
+using platform::Semaphore;
+
+namespace {
+
+constexpr const char* source_file = "src/RavelinOperation";
+
+} // namespace
+
+std::map<URL, std::shared_ptr<RavelinOperation>>& RavelinOperation::active_oprs_dict() {
+  // Never destroyed: downloads may be under way while the process leaves `main`.
+  static auto& dict = *new std::map<URL, std::shared_ptr<RavelinOperation>>;
+  return dict;
+}
+
+std::vector<std::shared_ptr<RavelinOperation>>& RavelinOperation::active_oprs_ary() {
+  static auto& ary = *new std::vector<std::shared_ptr<RavelinOperation>>;
+  return ary;
+}
+
+std::shared_ptr<RavelinOperation> RavelinOperation::get_active_opr(const URL& url) {
+  const auto found = active_oprs_dict().find(url);
+  return found == active_oprs_dict().end() ? nullptr : found->second;
+}
+
+void RavelinOperation::remove_active_opr(const URL& url) {
+  const auto opr = get_active_opr(url);
+  if (!opr)
+    return;
+  active_oprs_dict().erase(url);
+  bramblekit::remove(active_oprs_ary(), opr);
+}
+
+void RavelinOperation::add_active_opr(std::shared_ptr<RavelinOperation> opr, const URL& url) {
+  remove_active_opr(url);
+  active_oprs_dict()[url] = opr;
+  active_oprs_ary().push_back(std::move(opr));
+}
+
+bool RavelinOperation::is_download_limit_reached() {
+  const auto limit = max_simultaneous_download_count();
+  std::int64_t running = 0;
+  for (const auto& opr : active_oprs_ary())
+    if (!opr->pending_sema && ++running == limit)
+      return true;
+  return false;
+}
+
+RavelinOperation::MainFileState RavelinOperation::get_main_file_state(const URL& url) {
+  const auto& fm = FileManager::default_manager();
+  if (auto opr = get_active_opr(url))
+    return {MainFileState::busy{std::move(opr)}};
+  if (!fm.file_exists(url))
+    return {MainFileState::not_existing{}};
+  if (fm.file_exists(FileProcessor::prepare_resume_file_url(url)))
+    return {MainFileState::incomplete{}};
+  return {MainFileState::complete{}};
+}
+
+void RavelinOperation::special_activate(URL& dest_file, OnConflict on_conflict) {
+  activate();
+  setup_active_opr(dest_file, on_conflict);
+}
+
+void RavelinOperation::setup_active_opr(URL& url, OnConflict on_conflict) {
+  main_sync([&]() MAIN_ONLY { claim_for(url, on_conflict); });
+}
+
+void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
+  const auto file_state = get_main_file_state(url);
+  const auto* const busy = std::get_if<MainFileState::busy>(&file_state.value);
+  const bool complete = std::holds_alternative<MainFileState::complete>(file_state.value);
+  if (std::holds_alternative<MainFileState::not_existing>(file_state.value)) {
+    claim(url);
+    return;
+  }
+  switch (on_conflict) {
+  case OnConflict::resume:
+    if (busy) {
+      busy->opr->cancel();
+      wait_for_identical(*busy->opr, url);
+    } else if (!complete) {
+      claim(url);
+    } else if (FileManager::default_manager().is_directory(url)) {
+      error_during_activation = to_error(std::system_error(
+          EISDIR, std::system_category(), "could not write to '" + url.path().native() + "'"));
+    } else {
+      main_file_is_already_complete = true;
+    }
+    return;
+  case OnConflict::replace:
+    if (busy) {
+      busy->opr->cancel_and_clear_files();
+      wait_for_identical(*busy->opr, url);
+    } else if (delete_files(url)) {
+      claim(url);
+    }
+    return;
+  case OnConflict::keep_both:
+    if (rename_dest_file(url))
+      claim(url);
+    return;
+  case OnConflict::stop:
+    if (busy)
+      refuse_claim("An operation is already in-progress for the destination file.", 778);
+    else if (complete)
+      refuse_claim("Destination file already exists and complete.", 735);
+    else
+      refuse_claim("Destination file already exists and incomplete.", 755);
+    return;
+  }
+}
+
+void RavelinOperation::refuse_claim(const char* message, std::int64_t line) {
+  error_during_activation =
+      to_error(error_msg(message, source_file, "setup_active_opr(for:_:)", line));
+}
+
+void RavelinOperation::claim(const URL& url) {
+  if (!pending_sema && is_download_limit_reached()) {
+    pending_sema = std::make_shared<Semaphore>(0U);
+    is_pending_for_identical_opr = false;
+  }
+  add_active_opr(self(), url);
+  opr_has_never_been_added_to_active_list = false;
+}
+
+void RavelinOperation::wait_for_identical(RavelinOperation& other, const URL& url) {
+  pending_sema = std::make_shared<Semaphore>(0U);
+  is_pending_for_identical_opr = true;
+  other.pending_identical_opr = self();
+  add_active_opr(self(), url);
+  opr_has_never_been_added_to_active_list = false;
+}
+
+bool RavelinOperation::rename_dest_file(URL& url) {
+  std::vector<URL> taken;
+  for (const auto& [active_url, opr] : active_oprs_dict())
+    taken.push_back(active_url);
+  const auto free_url = bramblekit::generate_non_conflicting_file_url(url, taken);
+  if (!free_url) {
+    error_during_activation = to_error(error_msg("Destination file already exists and complete.",
+                                                 source_file, "rename_dest_file()", 690));
+    return false;
+  }
+  url = *free_url;
+  send(stat_closure, {Status::renamed{url}});
+  return true;
+}
+
+bool RavelinOperation::delete_files(const URL& url) {
+  try {
+    FileProcessor::delete_resume_file(url);
+    FileProcessor::delete_main_file(url);
+    return true;
+  } catch (...) {
+    error_during_activation = to_error(
+        error_msg("Couldn't delete files during replace.", source_file, "delete_files()", 701));
+    return false;
+  }
+}
+
+void RavelinOperation::bg_handle_pending() {
+  const auto sema = main_sync([&]() MAIN_ONLY {
+    auto waited_for = pending_sema; // the callback, or who wakes this one, may clear the field
+    if (waited_for)
+      report({State::pending{}}, {Status::pending{}});
+    return waited_for;
+  });
+  if (sema)
+    sema->wait();
+}
+
+void RavelinOperation::special_free(const URL& dest_file) {
+  free();
+  finalize_active_opr(dest_file);
+}
+
+void RavelinOperation::stop_waiting() {
+  if (const auto sema = std::exchange(pending_sema, nullptr))
+    sema->signal();
+}
+
+void RavelinOperation::finalize_active_opr(const URL& url) {
+  main_sync([&]() MAIN_ONLY {
+    if (opr_has_never_been_added_to_active_list)
+      return;
+    if (!pending_identical_opr)
+      remove_active_opr(url);
+    const bool limit_reached = is_download_limit_reached();
+    if (const auto next = std::exchange(pending_identical_opr, nullptr)) {
+      next->is_pending_for_identical_opr = false;
+      // One that was cancelled meanwhile downloads nothing and needs no slot; a third operation on
+      // the same file may have taken its place in the list, where nobody would find it again.
+      if (!limit_reached || next->is_cancelled())
+        next->stop_waiting();
+      return;
+    }
+    if (limit_reached)
+      return;
+    for (const auto& opr : active_oprs_ary())
+      if (opr->pending_sema && !opr->is_pending_for_identical_opr) {
+        opr->stop_waiting();
+        return;
+      }
+  });
+}
+
+} // namespace ravelin

@@ -1,0 +1,57 @@
+#include "ravelin/ravelin_operation.h"
+
+#include "src/FileProcessor.h"
+#include "src/HeaderOpr.h"
+#include "src/PartialDataOpr.h"
+#include "support/main_thread.h"
+
+// Stopping downloads and removing their files.
+
+namespace ravelin {
+
+using bramblekit::main_sync;
+
+void RavelinOperation::cancel() {
+  main_sync([&]() MAIN_ONLY {
+    const bool said = state_.holds<State::cancelling>(); // and its callback cancels once more
+    if (is_busy() && !is_cancelled() && !said)
+      report({State::cancelling{}}, {Status::cancelling{}});
+    LGOperation::cancel();
+    if (header_opr)
+      header_opr->cancel();
+    const auto requests = partial_data_oprs; // one that ends meanwhile leaves the set
+    for (const auto& request : requests)
+      request->cancel();
+    if (pending_sema && !is_pending_for_identical_opr)
+      stop_waiting();
+  });
+}
+
+void RavelinOperation::cancel_and_clear_files() {
+  main_sync([&]() MAIN_ONLY {
+    cancel();
+    should_clear_files = true;
+  });
+}
+
+void RavelinOperation::cancel_all(bool also_clear_files) {
+  main_sync([&]() MAIN_ONLY {
+    const auto oprs = active_oprs_ary();
+    for (const auto& opr : oprs)
+      if (also_clear_files)
+        opr->cancel_and_clear_files();
+      else
+        opr->cancel();
+  });
+}
+
+void RavelinOperation::clear_files(const URL& dest_file) {
+  try {
+    FileProcessor::delete_main_file(dest_file);
+    FileProcessor::delete_resume_file(dest_file);
+  } catch (...) {
+    // A main file that cannot be removed keeps its record.
+  }
+}
+
+} // namespace ravelin

@@ -1,0 +1,235 @@
+#include "ravelin/ravelin_operation.h"
+
+#include "platform/fatal.h"
+#include "platform/semaphore.h"
+#include "src/FileProcessor.h"
+#include "src/HeaderOpr.h"
+#include "src/PartialDataOpr.h"
+#include "src/snap_points.h"
+#include "support/errors.h"
+#include "support/file_marks.h"
+#include "support/main_thread.h"
+#include "support/stop_watch.h"
+
+#include <utility>
+
+// The download proper: header, files, parts, chunks, and the end of them.
+
+namespace ravelin {
+
+using bramblekit::error_msg;
+using bramblekit::Exception;
+using bramblekit::main_sync;
+using bramblekit::to_error;
+using platform::checked_add;
+using platform::checked_subtract;
+using platform::Semaphore;
+
+namespace {
+
+constexpr const char* source_file = "src/RavelinOperation";
+constexpr const char* header_function = "bg_request_http_header(for:)";
+constexpr double save_interval = 0.1; // seconds between two saves of the record
+
+ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData* record,
+                                std::int64_t index) {
+  if (!file_proc || !record || index < 0 ||
+      index >= static_cast<std::int64_t>(record->parts.size()))
+    platform::fatal("the resume record has no part " + std::to_string(index));
+  return *record->parts[static_cast<std::size_t>(index)];
+}
+
+} // namespace
+
+void RavelinOperation::bg_request_http_header(const URL& link) {
+  main_sync([&]() MAIN_ONLY {
+    is_header_received = false;
+    ranges_accepted = false;
+    content_len.reset();
+    server_side_date.clear();
+  });
+  std::optional<HeaderOpr::Status> answer;
+  bramblekit::wait_signal_main([&](Semaphore& sema) MAIN_ONLY {
+    if (is_cancelled())
+      throw Exception();
+    report({State::connecting{}}, {Status::connecting{}});
+    if (is_cancelled())
+      throw Exception(); // by the callback just now, before there was a request to cancel
+    header_opr = std::make_shared<HeaderOpr>();
+    header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
+      answer = status;
+      header_opr = nullptr;
+      sema.signal();
+    });
+  });
+  if (!answer)
+    platform::fatal("the header request ended without an answer");
+  if (const auto* const failed = std::get_if<HeaderOpr::Status::error>(&answer->value))
+    failed->error.rethrow();
+  const auto* const success = std::get_if<HeaderOpr::Status::success>(&answer->value);
+  if (!success)
+    throw Exception();
+  main_sync([&]() MAIN_ONLY {
+    is_header_received = true;
+    ranges_accepted = success->result.ranges_accepted;
+    content_len = success->result.content_length;
+    server_side_date = success->result.server_side_date;
+    if (content_len == 0)
+      throw error_msg("File content has zero length.", source_file, header_function, 259);
+    if (!is_header_received)
+      throw error_msg("Couldn't receive http header.", source_file, header_function, 271);
+  });
+}
+
+void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_file,
+                                            bool split_allowed) {
+  const bool should_split = main_sync([&]() MAIN_ONLY {
+    download_exception.reset();
+    download_started = false;
+    return split_allowed && ranges_accepted && content_len.has_value();
+  });
+  bg_prepare_files(dest_file, should_split);
+  std::optional<Error> error;
+  try {
+    const auto running = main_sync([&]() MAIN_ONLY {
+      data_opr_sema = nullptr;
+      last_progress_snap_point = 0.0F;
+      watch->reset();
+      if (is_cancelled())
+        throw Exception();
+      start_parts(link, should_split);
+      return data_opr_sema;
+    });
+    if (running)
+      running->wait();
+    file_proc->file_write_grp.wait(); // what is saved or closed below is on storage
+    main_sync([&]() MAIN_ONLY { finish_files(); });
+  } catch (...) {
+    error = Error::current();
+  }
+  file_proc->file_write_grp.wait();
+  if (!file_proc->main_file_handle)
+    platform::fatal("the destination was not open");
+  file_proc->main_file_handle->close_file();
+  if (error)
+    error->rethrow();
+}
+
+void RavelinOperation::bg_prepare_files(const URL& dest_file, bool should_split) {
+  main_sync([&]() MAIN_ONLY {
+    file_proc = std::make_shared<FileProcessor>(*this);
+    if (should_split)
+      file_proc->split_count = split_count;
+    file_proc->content_len = content_len;
+    file_proc->server_side_date = server_side_date;
+    file_proc->main_file_url = dest_file;
+  });
+  file_proc->setup();
+}
+
+void RavelinOperation::start_parts(const URL& link, bool should_split) {
+  if (!should_split) {
+    start_download(link, 0, false);
+    return;
+  }
+  for (std::int64_t i = 0; i < split_count; ++i)
+    start_download(link, i, true);
+}
+
+void RavelinOperation::start_download(const URL& link, std::int64_t part_index, bool use_range) {
+  bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
+  std::optional<PartialDataOpr::BytesRange> range;
+  if (use_range) {
+    const auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
+    if (part.curr_bytes >= part.total_bytes_expected)
+      return;
+    const auto end = checked_add(part.begin_pos, part.total_bytes_expected);
+    range = {checked_add(part.begin_pos, part.curr_bytes), checked_subtract(end, 1)};
+  }
+  const auto request = std::make_shared<PartialDataOpr>();
+  partial_data_oprs.insert(request);
+  if (!data_opr_sema)
+    data_opr_sema = std::make_shared<Semaphore>(0U);
+  using Event = PartialDataOpr::Status;
+  const auto handler = [keep = self(), part_index, request](const Event& event) MAIN_ONLY {
+    std::visit(
+        match{
+            [&](const Event::started& started) MAIN_ONLY {
+              bramblekit::suppress_warns_for(started.content_length);
+              if (!std::exchange(keep->download_started, true))
+                send(keep->stat_closure, {Status::started{keep->content_len}});
+            },
+            [](const Event::connecting&) {},
+            [&](const Event::did_receive_data& received)
+                MAIN_ONLY { keep->did_receive_data(part_index, received.progress.data); },
+            [&](const Event::bg_after_receive_data&) { keep->bg_after_receive_data(*request); },
+            [&](const Event::error& failed) MAIN_ONLY {
+              keep->download_exception = failed.error;
+              keep->end_part(request);
+            },
+            [&](const Event::success&) MAIN_ONLY { keep->end_part(request); },
+            [&](const Event::cancelled&) MAIN_ONLY {
+              keep->download_exception = to_error(Exception());
+              keep->end_part(request);
+            },
+        },
+        event.value);
+  };
+  request->request(link, range, handler);
+}
+
+void RavelinOperation::did_receive_data(std::int64_t part_index, const platform::Data& data) {
+  auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
+  file_proc->async_write_bytes(checked_add(part.begin_pos, part.curr_bytes), data);
+  part.curr_bytes = checked_add(part.curr_bytes, static_cast<std::int64_t>(data.size()));
+  if (watch->elapsed_time() > save_interval) {
+    file_proc->async_update_resume_file();
+    watch->reset();
+  }
+  const auto progress = advance_progress();
+  report({State::downloading{progress}}, {Status::downloading{progress}});
+}
+
+Progress RavelinOperation::advance_progress() {
+  const auto& record = *file_proc->resume_data;
+  const auto received = record.received_bytes();
+  std::optional<float> value;
+  if (record.content_length)
+    value = static_cast<float>(received) / static_cast<float>(*record.content_length);
+  const auto snap = snap_rule(value, last_progress_snap_point, progress_snap_interval_);
+  last_progress_snap_point = snap.next;
+  return {value, received, snap.is_at_snap_point, record.content_length};
+}
+
+void RavelinOperation::bg_after_receive_data(PartialDataOpr& opr) {
+  file_proc->file_write_grp.wait();
+  if (const auto failed_save = file_proc->exception.get())
+    main_sync([&]() MAIN_ONLY {
+      download_exception = failed_save;
+      opr.cancel();
+    });
+}
+
+void RavelinOperation::end_part(const std::shared_ptr<PartialDataOpr>& opr) {
+  partial_data_oprs.erase(opr);
+  if (!partial_data_oprs.empty())
+    return;
+  if (!data_opr_sema)
+    platform::fatal("nobody waits for the parts of this download");
+  data_opr_sema->signal();
+}
+
+void RavelinOperation::finish_files() {
+  if (!download_exception) {
+    file_proc->delete_resume_file();
+    bramblekit::set_is_hidden(*file_proc->main_file_url, false);
+    bramblekit::ext_attr(*file_proc->main_file_url)["lg_ignore"] = std::nullopt;
+  } else if (download_exception->is<Exception>()) {
+    if (!should_clear_files)
+      file_proc->update_resume_file();
+  } else {
+    download_exception->rethrow();
+  }
+}
+
+} // namespace ravelin

@@ -1,0 +1,80 @@
+#include "src/ResumeData.h"
+
+#include "platform/fatal.h"
+
+namespace ravelin {
+
+using bramblekit::KeyedDecoder;
+using bramblekit::KeyedEncoder;
+using platform::checked_add;
+using platform::checked_multiply;
+using platform::checked_subtract;
+
+void ResumeData::Part::encode(KeyedEncoder& to) const {
+  to.put("begin_pos", begin_pos);
+  to.put("total_bytes_expected", total_bytes_expected);
+  to.put("curr_bytes", curr_bytes);
+}
+
+void ResumeData::Part::decode(const KeyedDecoder& from) {
+  from.get("begin_pos", begin_pos);
+  from.get("total_bytes_expected", total_bytes_expected);
+  from.get("curr_bytes", curr_bytes);
+}
+
+void ResumeData::encode(KeyedEncoder& to) const {
+  to.put("server_side_date", server_side_date);
+  to.put("content_length", content_length);
+  to.put("is_splitted", is_splitted);
+  to.put_list("parts", parts.size(),
+              [this](std::size_t i, KeyedEncoder& part) { parts[i]->encode(part); });
+}
+
+void ResumeData::decode(const KeyedDecoder& from) {
+  from.get("server_side_date", server_side_date);
+  from.get("content_length", content_length);
+  from.get("is_splitted", is_splitted);
+  from.get_list("parts", [this](const KeyedDecoder& element) {
+    auto part = std::make_shared<Part>();
+    part->decode(element);
+    parts.push_back(std::move(part));
+  });
+}
+
+std::int64_t ResumeData::received_bytes() const {
+  std::int64_t sum = 0;
+  for (const auto& part : parts)
+    sum = checked_add(sum, part->curr_bytes);
+  return sum;
+}
+
+ResumeData ResumeData::clone() const {
+  auto copy = *this;
+  for (auto& part : copy.parts)
+    part = std::make_shared<Part>(*part);
+  return copy;
+}
+
+std::vector<std::shared_ptr<ResumeData::Part>> split_into_parts(std::int64_t length,
+                                                                std::int64_t split_count) {
+  if (split_count < 0)
+    platform::fatal("a negative number of parts");
+  std::vector<std::shared_ptr<ResumeData::Part>> parts;
+  if (split_count == 0)
+    return parts;
+  const auto size = length / split_count;
+  const auto left_over = checked_subtract(length, checked_multiply(size, split_count));
+  for (std::int64_t i = 0; i < split_count; ++i) {
+    const auto begin = checked_multiply(i, size);
+    auto end = checked_subtract(checked_add(begin, size), 1);
+    if (i == split_count - 1)
+      end = checked_add(end, left_over);
+    auto part = std::make_shared<ResumeData::Part>();
+    part->begin_pos = begin;
+    part->total_bytes_expected = checked_add(checked_subtract(end, begin), 1);
+    parts.push_back(std::move(part));
+  }
+  return parts;
+}
+
+} // namespace ravelin
