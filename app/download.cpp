@@ -1,0 +1,208 @@
+#include "app/download.h"
+
+#include "app/event_lines.h"
+#include "app/naming.h"
+#include "app/sha256.h"
+#include "platform/file_marks.h"
+#include "ravelin/main_queue.h"
+#include "ravelin/text_error.h"
+#include "support/background.h"
+
+#include <fmt/core.h>
+
+#include <utility>
+
+namespace app {
+
+namespace fs = std::filesystem;
+using ravelin::CustomError;
+using ravelin::match;
+using ravelin::OnConflict;
+using ravelin::RavelinOperation;
+using ravelin::Status;
+using ravelin::URL;
+
+namespace {
+
+std::string reason_of(const CustomError& error) {
+  const auto* const other = error.get_if<CustomError::other>();
+  if (!other)
+    return error.text();
+  const auto* const own = other->error.get_if<ravelin::TextError>();
+  return own ? own->message() : other->error.text();
+}
+
+/// Marked as incomplete, but its record is gone: a process was killed while it began anew.
+bool lost_its_record(const fs::path& file) {
+  const auto record = file.parent_path() / ("." + file.stem().native() + ".lgresume");
+  std::error_code ignored;
+  return fs::is_regular_file(file, ignored) && !fs::exists(record, ignored) &&
+         platform::extended_attribute(URL::file(file), "lg_ignore").has_value();
+}
+
+} // namespace
+
+Download::Download(std::string link, fs::path file, const GetOptions& options, ProgressView& view)
+    : link_(std::move(link)), file_(std::move(file)), options_(options), view_(view),
+      row_(view.add(file_.filename().native())), retries_(options.retries), split_(options.split),
+      operation_(std::make_shared<RavelinOperation>()) {}
+
+void Download::start(std::function<void(End)> on_end) {
+  on_end_ = std::move(on_end);
+  std::error_code ignored;
+  if (fs::is_directory(file_, ignored)) {
+    fail("it is a directory; name a file with --output, or use --dir");
+    return;
+  }
+  lock_.emplace(file_);
+  if (lock_->held_by_another()) {
+    fail("another process is downloading to it; wait for that one or choose another --output");
+    return;
+  }
+  attempt();
+}
+
+OnConflict Download::policy() const {
+  if (!first_attempt_)
+    return OnConflict::resume; // what is there is ours by now
+  if (options_.on_conflict == OnConflict::resume && lost_its_record(file_))
+    return OnConflict::replace;
+  return options_.on_conflict;
+}
+
+void Download::attempt() {
+  waiting_ = false;
+  const auto on_conflict = policy();
+  first_attempt_ = false;
+  operation_->resume(URL(link_), URL::file(file_), split_, on_conflict,
+                     [self = shared_from_this()](const Status& status) {
+                       if (platform::MainQueue::is_main_thread())
+                         self->on_status(status);
+                       else // the creation of the files is told where it happens
+                         ravelin::MainQueue::async([self, status] { self->on_status(status); });
+                     });
+}
+
+void Download::on_status(const Status& status) {
+  if (options_.events) {
+    fmt::print("{}\n", event_line(status, link_, file_.native()));
+    std::fflush(stdout);
+  }
+  status.visit(match{
+      [&](const Status::renamed& e) {
+        file_ = e.new_file_url.path();
+        view_.rename(row_, file_.filename().native());
+      },
+      [](const Status::files_are_created&) {},
+      [](const Status::started&) {},
+      [&](const Status::downloading& e) {
+        anything_fetched_ = true;
+        view_.show_progress(row_, e.progress);
+      },
+      [&](const Status::cancelled&) {
+        end(End::cancelled, "interrupted; the same command continues");
+      },
+      [&](const Status::error& e) { on_error(e.custom_error); },
+      [&](const Status::pending&) { view_.show_state(row_, "waiting for its turn"); },
+      [&](const Status::connecting&) { view_.show_state(row_, "connecting"); },
+      [&](const Status::success&) { on_success(); },
+      [&](const Status::cancelling&) { view_.show_state(row_, "stopping"); },
+  });
+}
+
+void Download::on_error(const CustomError& error) {
+  if (cancelled_) {
+    end(End::cancelled, "interrupted; the same command continues");
+    return;
+  }
+  const auto received = RavelinOperation::get_progress(URL::file(file_)).received_bytes;
+  switch (retries_.judge(error, received, split_)) {
+  case Remedy::give_up:
+    fail(reason_of(error));
+    return;
+  case Remedy::try_in_one_piece:
+    split_ = false;
+    view_.say(fmt::format("ravelin: {}: {}; fetching it in one piece", printable(link_),
+                          printable(reason_of(error))));
+    break;
+  case Remedy::try_again:
+    view_.say(fmt::format("ravelin: {}: {}; trying again in {:.1f} s ({} of {})", printable(link_),
+                          printable(reason_of(error)),
+                          std::chrono::duration<double>(retries_.wait()).count(),
+                          retries_.attempt(), retries_.most_retries()));
+    break;
+  }
+  retry_later();
+}
+
+void Download::retry_later() {
+  waiting_ = true;
+  view_.show_state(row_, "waiting to try again");
+  const std::chrono::duration<double> wait = retries_.wait();
+  bramblekit::bg_async(wait.count(), [self = shared_from_this()] {
+    ravelin::MainQueue::async([self] {
+      if (std::exchange(self->waiting_, false))
+        self->attempt();
+    });
+  });
+}
+
+void Download::cancel() {
+  cancelled_ = true;
+  if (std::exchange(waiting_, false))
+    end(End::cancelled, "interrupted; the same command continues");
+  else
+    operation_->cancel();
+}
+
+std::string Download::finished_words() const {
+  if (!anything_fetched_)
+    return "already complete";
+  std::error_code unknown;
+  const auto size = fs::file_size(file_, unknown);
+  return unknown ? "done" : "done, " + human_size(static_cast<std::int64_t>(size));
+}
+
+void Download::on_success() {
+  if (!options_.sha256) {
+    end(End::success, finished_words());
+    return;
+  }
+  view_.show_state(row_, "comparing the checksum");
+  bramblekit::bg_async(0, [self = shared_from_this()] {
+    std::string found;
+    try {
+      found = sha256_of(self->file_);
+    } catch (const std::exception& error) {
+      found = error.what();
+    }
+    ravelin::MainQueue::async([self, found] {
+      if (found == *self->options_.sha256) {
+        self->end(End::success, self->finished_words() + ", checksum right");
+        return;
+      }
+      auto wrong = self->file_;
+      std::error_code failed;
+      if (self->anything_fetched_) {
+        wrong += ".sha256-mismatch";
+        fs::rename(self->file_, wrong, failed);
+      }
+      self->fail("its SHA-256 is " + found + ", not the one asked for; it is kept as '" +
+                 (failed ? self->file_ : wrong).native() + "'");
+    });
+  });
+}
+
+void Download::fail(const std::string& why) {
+  view_.say(fmt::format("ravelin: {} -> {}: {}", printable(link_), printable(file_.native()),
+                        printable(why)));
+  end(End::failure, "failed");
+}
+
+void Download::end(End how, const std::string& word) {
+  lock_.reset();
+  view_.finish(row_, word);
+  ravelin::MainQueue::async([call = std::exchange(on_end_, nullptr), how] { call(how); });
+}
+
+} // namespace app

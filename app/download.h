@@ -1,0 +1,59 @@
+#pragma once
+
+#include "app/options.h"
+#include "app/process_lock.h"
+#include "app/progress_view.h"
+#include "app/retry.h"
+#include "ravelin/ravelin_operation.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace app {
+
+/// One link of the command line on its way to its file, over as many attempts as it takes.
+///
+/// Threads: main thread. Ownership: the command's, until `on_end` has been called.
+class Download : public std::enable_shared_from_this<Download> {
+public:
+  enum class End { success, failure, cancelled };
+
+  Download(std::string link, std::filesystem::path file, const GetOptions& options,
+           ProgressView& view);
+
+  /// `on_end` is called once, on the main thread, after this has returned.
+  void start(std::function<void(End)> on_end);
+  /// Keeps the files.
+  void cancel();
+
+private:
+  void attempt();
+  ravelin::OnConflict policy() const;
+  void on_status(const ravelin::Status& status);
+  void on_error(const ravelin::CustomError& error);
+  void on_success();
+  void retry_later();
+  void fail(const std::string& why);
+  void end(End how, const std::string& word);
+  std::string finished_words() const;
+
+  const std::string link_;
+  std::filesystem::path file_;
+  const GetOptions& options_;
+  ProgressView& view_;
+  const std::size_t row_;
+  std::optional<ProcessLock> lock_;
+  RetryPolicy retries_;
+  bool split_;
+  bool first_attempt_ = true;
+  bool anything_fetched_ = false;
+  bool waiting_ = false;
+  bool cancelled_ = false;
+  std::shared_ptr<ravelin::RavelinOperation> operation_;
+  std::function<void(End)> on_end_;
+};
+
+} // namespace app

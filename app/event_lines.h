@@ -1,0 +1,14 @@
+#pragma once
+
+#include "ravelin/status.h"
+
+#include <string>
+
+namespace app {
+
+/// One event as one line of JSON, without the line end: its name, the link, the destination, and
+/// the fields of its payload under their own names.
+std::string event_line(const ravelin::Status& status, const std::string& link,
+                       const std::string& dest_file);
+
+} // namespace app

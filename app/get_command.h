@@ -1,0 +1,10 @@
+#pragma once
+
+#include "app/options.h"
+
+namespace app {
+
+/// Downloads all links and returns the exit status. Runs the main queue.
+int run_get(const GetOptions& options);
+
+} // namespace app

@@ -1,0 +1,216 @@
+#include "app/progress_view.h"
+
+#include "app/naming.h"
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cwchar>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace app {
+namespace {
+
+constexpr auto redraw_interval = std::chrono::milliseconds(100);
+
+std::size_t terminal_width() {
+  winsize size{};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  return known ? size.ws_col : 80;
+}
+
+std::size_t terminal_height() {
+  winsize size{};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+  return known ? size.ws_row : 24;
+}
+
+bool colours_wanted() {
+  const auto* const no_colour = std::getenv("NO_COLOR");
+  return (!no_colour || !*no_colour) && isatty(STDERR_FILENO);
+}
+
+std::string human_time(double seconds) {
+  if (!std::isfinite(seconds) || seconds > 359'999)
+    return "--:--";
+  const auto whole = static_cast<long>(std::ceil(seconds));
+  if (whole >= 3600)
+    return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+  return fmt::format("{:02}:{:02}", whole / 60, whole % 60);
+}
+
+std::string bar(double share, std::size_t width) {
+  const auto filled =
+      static_cast<std::size_t>(std::clamp(share, 0.0, 1.0) * static_cast<double>(width));
+  std::string text = "[" + std::string(filled, '=') + std::string(width - filled, ' ') + "]";
+  if (filled > 0 && filled < width)
+    text[filled] = '>';
+  return text;
+}
+
+} // namespace
+
+std::string fitted(const std::string& text, std::size_t columns) {
+  std::string result;
+  std::size_t used = 0;
+  std::mbstate_t state{};
+  for (std::size_t i = 0; i < text.size();) {
+    wchar_t letter = 0;
+    const auto length = std::mbrtowc(&letter, text.data() + i, text.size() - i, &state);
+    const bool readable = length != 0 && length <= text.size() - i;
+    const auto width = readable ? static_cast<std::size_t>(std::max(wcwidth(letter), 0)) : 1;
+    if (used + width > columns)
+      break;
+    result += readable ? text.substr(i, length) : "?";
+    used += width;
+    i += readable ? length : 1;
+    if (!readable)
+      state = {};
+  }
+  return result + std::string(columns - used, ' ');
+}
+
+ProgressView::ProgressView(bool quiet) : quiet_(quiet) {
+  const auto* const terminal = std::getenv("TERM");
+  live_ = !quiet && isatty(STDERR_FILENO) && terminal && std::string(terminal) != "dumb";
+}
+
+std::size_t ProgressView::add(std::string name) {
+  rows_.emplace_back().name = printable(name);
+  return rows_.size() - 1;
+}
+
+void ProgressView::rename(std::size_t row, std::string name) {
+  rows_[row].name = printable(name);
+}
+
+void ProgressView::show_state(std::size_t row, std::string state) {
+  rows_[row].state = std::move(state);
+  rows_[row].finished = false;
+  draw(false);
+}
+
+void ProgressView::update_rate(Row& row, std::int64_t bytes) {
+  const auto now = Clock::now();
+  const std::chrono::duration<double> passed = now - row.rated_at;
+  if (row.rated_at != Clock::time_point{} && passed.count() < 0.25)
+    return;
+  if (row.rated_at != Clock::time_point{} && bytes >= row.rated_bytes) {
+    const double latest = static_cast<double>(bytes - row.rated_bytes) / passed.count();
+    row.rate = row.rate > 0 ? 0.7 * row.rate + 0.3 * latest : latest;
+  }
+  row.rated_at = now;
+  row.rated_bytes = bytes;
+}
+
+void ProgressView::show_progress(std::size_t row, const ravelin::Progress& progress) {
+  auto& shown = rows_[row];
+  shown.progress = progress;
+  shown.state.clear();
+  update_rate(shown, progress.received_bytes);
+  if (live_)
+    draw(false);
+  else if (!quiet_ && progress.is_at_snap_point)
+    print_plain(shown);
+}
+
+void ProgressView::print_plain(const Row& row) const {
+  const auto& progress = *row.progress;
+  if (progress.prog_value && progress.content_length)
+    fmt::print(stderr, "{}: {:.0f}% ({} of {})\n", row.name, *progress.prog_value * 100,
+               human_size(progress.received_bytes), human_size(*progress.content_length));
+}
+
+void ProgressView::finish(std::size_t row, const std::string& word) {
+  rows_[row].finished = true;
+  rows_[row].state = word;
+  if (live_)
+    draw(true);
+  else if (!quiet_)
+    fmt::print(stderr, "{}: {}\n", rows_[row].name, word);
+}
+
+void ProgressView::say(const std::string& line) {
+  wipe();
+  fmt::print(stderr, "{}\n", line);
+  draw(true);
+}
+
+void ProgressView::close() {
+  draw(true);
+  drawn_lines_ = 0;
+}
+
+void ProgressView::wipe() {
+  if (drawn_lines_ > 0)
+    fmt::print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
+  drawn_lines_ = 0;
+}
+
+std::string ProgressView::text_of(const Row& row, std::size_t width) const {
+  const auto name_width = std::clamp<std::size_t>(width / 4, 8, 40);
+  const auto name = fitted(row.name, name_width);
+  if (!row.progress || !row.state.empty())
+    return name + " " + row.state;
+  const auto& progress = *row.progress;
+  const auto size = human_size(progress.received_bytes);
+  const auto rate = fmt::format("{}/s", human_size(static_cast<std::int64_t>(row.rate)));
+  if (!progress.prog_value || !progress.content_length)
+    return fmt::format("{} {:>10} {:>12}", name, size, rate);
+  const double share = static_cast<double>(*progress.prog_value);
+  const auto left = static_cast<double>(*progress.content_length - progress.received_bytes);
+  const auto numbers =
+      fmt::format(" {:3.0f}% {}/{} {:>12} {}", std::floor(share * 100), size,
+                  human_size(*progress.content_length), rate, human_time(left / row.rate));
+  const auto room =
+      width > name_width + numbers.size() + 4 ? width - name_width - numbers.size() - 4 : 0;
+  if (room < 5)
+    return name + fmt::format(" {:3.0f}% {}", std::floor(share * 100), size);
+  const auto drawn = bar(share, std::min<std::size_t>(room, 60));
+  return name + " " + (colours_wanted() ? "\x1b[32m" + drawn + "\x1b[0m" : drawn) + numbers;
+}
+
+std::string ProgressView::total_text() const {
+  std::int64_t bytes = 0;
+  double rate = 0;
+  std::size_t done = 0;
+  for (const auto& row : rows_) {
+    bytes += row.progress ? row.progress->received_bytes : 0;
+    rate += row.finished ? 0 : row.rate;
+    done += row.finished ? 1 : 0;
+  }
+  return fmt::format("{} of {} files, {}, {}/s", done, rows_.size(), human_size(bytes),
+                     human_size(static_cast<std::int64_t>(rate)));
+}
+
+void ProgressView::draw(bool now) {
+  if (!live_ || (!now && Clock::now() - drawn_at_ < redraw_interval))
+    return;
+  drawn_at_ = Clock::now();
+  const auto width = terminal_width() - 1; // a full last column would wrap
+  const auto most_rows = std::max<std::size_t>(terminal_height(), 4) - 3;
+  wipe();
+  std::string picture;
+  // What runs comes before what has ended where not all fit.
+  std::vector<const Row*> shown;
+  for (const bool finished : {false, true})
+    for (const auto& row : rows_)
+      if (row.finished == finished && shown.size() < most_rows)
+        shown.push_back(&row);
+  std::ranges::sort(shown);
+  for (const auto* const row : shown) {
+    const auto text = text_of(*row, width);
+    picture += (text.find('\x1b') == std::string::npos ? fitted(text, width) : text) + "\n";
+  }
+  drawn_lines_ = shown.size();
+  if (rows_.size() > 1) {
+    picture += fitted(total_text(), width) + "\n";
+    ++drawn_lines_;
+  }
+  fmt::print(stderr, "{}", picture);
+}
+
+} // namespace app
