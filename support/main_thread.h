@@ -16,6 +16,16 @@ using platform::Semaphore;
 
 namespace detail {
 
+/// Calls what was sent to the main thread; that it is there is this file's business to know.
+template <class Block>
+#if defined(__clang__)
+__attribute__((no_thread_safety_analysis))
+#endif
+decltype(auto)
+call_on_this_thread(Block& block) {
+  return block();
+}
+
 /// A block and its outcome on the stack of the thread that waits for it.
 template <class Block, class Result> struct MainHop : platform::MainCall {
   explicit MainHop(Block& the_block) : block(the_block) { call = run; }
@@ -24,9 +34,9 @@ template <class Block, class Result> struct MainHop : platform::MainCall {
     auto& hop = static_cast<MainHop&>(self);
     try {
       if constexpr (std::is_void_v<Result>)
-        hop.block();
+        call_on_this_thread(hop.block);
       else
-        hop.result.emplace(hop.block());
+        hop.result.emplace(call_on_this_thread(hop.block));
     } catch (...) {
       hop.error = std::current_exception();
     }
@@ -43,17 +53,12 @@ template <class Block, class Result> struct MainHop : platform::MainCall {
 
 /// Runs `block` on the main thread and returns its result or throws its error, unchanged. Runs it
 /// in place when the caller is on the main thread. Allocates nothing.
-template <class Block>
-auto main_sync(Block&& block) -> std::invoke_result_t<Block&>
-#if defined(__clang__)
-    __attribute__((no_thread_safety_analysis))
-#endif
-{
+template <class Block> auto main_sync(Block&& block) -> std::invoke_result_t<Block&> {
   using Result = std::invoke_result_t<Block&>;
   static_assert(!std::is_reference_v<Result>,
                 "a reference to main state must not leave its thread");
   if (platform::MainQueue::is_main_thread())
-    return block();
+    return detail::call_on_this_thread(block);
   detail::MainHop<std::remove_reference_t<Block>, Result> hop(block);
   platform::call_on_main(hop, hop.done);
   if (hop.error)
@@ -67,10 +72,10 @@ auto main_sync(Block&& block) -> std::invoke_result_t<Block&>
 template <class Block> auto wait_signal_main(Block&& block) {
   Semaphore signalled(0);
   if constexpr (std::is_void_v<std::invoke_result_t<Block&, Semaphore&>>) {
-    main_sync([&] { block(signalled); });
+    main_sync([&]() MAIN_ONLY { block(signalled); });
     signalled.wait();
   } else {
-    auto result = main_sync([&] { return block(signalled); });
+    auto result = main_sync([&]() MAIN_ONLY { return block(signalled); });
     signalled.wait();
     return result;
   }
