@@ -21,6 +21,7 @@ using ravelin::OnConflict;
 using ravelin::RavelinOperation;
 using ravelin::Status;
 using ravelin::URL;
+using ravelin::URLLoadingError;
 
 namespace {
 
@@ -28,8 +29,11 @@ std::string reason_of(const CustomError& error) {
   const auto* const other = error.get_if<CustomError::other>();
   if (!other)
     return error.text();
-  const auto* const own = other->error.get_if<ravelin::TextError>();
-  return own ? own->message() : other->error.text();
+  if (const auto* const own = other->error.get_if<ravelin::TextError>())
+    return own->message();
+  const auto* const loading = other->error.get_if<URLLoadingError>();
+  const bool changed = loading && loading->refusal == URLLoadingError::Refusal::changed_content;
+  return other->error.text() + (changed ? "; begin anew with --on-conflict replace" : "");
 }
 
 /// Marked as incomplete, but its record is gone: a process was killed while it began anew.

@@ -91,11 +91,27 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
     platform::fatal("the content of a link came without an HTTP response");
   http_header = didReceive.header_fields;
   content_len = announced_length(*http_header);
+  if (auto refused = refusal(didReceive)) {
+    task_err = std::move(refused);
+    completionHandler(platform::ResponseDisposition::cancel);
+    return;
+  }
   main_sync([&]() MAIN_ONLY {
     if (!is_cancelled() && stat_closure)
       stat_closure({Status::started{content_len}});
   });
   completionHandler(platform::ResponseDisposition::allow);
+}
+
+std::optional<Error> PartialDataOpr::refusal(const platform::URLResponse& response) const {
+  const auto& values = ephemeral_config->values;
+  if (!expected_version || (!values.reject_changed_content && !values.require_exact_ranges))
+    return std::nullopt;
+  auto expected = *expected_version;
+  if (!values.reject_changed_content)
+    expected = {.strong_etag = {}, .last_modified = {}, .total = expected.total};
+  const auto changed = difference(expected, ContentVersion::of(response));
+  return changed ? std::optional(changed_content_error(*changed)) : std::nullopt;
 }
 
 void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,

@@ -4,6 +4,7 @@
 #include "platform/semaphore.h"
 #include "platform/url_session.h"
 #include "ravelin/lg_operation.h"
+#include "src/content_version.h"
 
 #include <cstdint>
 #include <functional>
@@ -56,6 +57,10 @@ public:
   void request(const URL& url, std::optional<BytesRange> range, StatusClosure status_closure);
   void cancel() override;
 
+  /// What the answer must be a version of, where changed content is to be rejected. Set before
+  /// `request`.
+  std::optional<ContentVersion> expected_version;
+
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
                   const platform::URLResponse& didReceive,
                   platform::ResponseHandler completionHandler) override;
@@ -69,6 +74,7 @@ private:
                   const StatusClosure& status_closure) BG_ONLY;
   void start_task(const URL& url, const std::optional<BytesRange>& range,
                   const StatusClosure& status_closure) MAIN_ONLY;
+  std::optional<Error> refusal(const platform::URLResponse& response) const;
   void count_and_deliver(const platform::Data& chunk) MAIN_ONLY;
   void finish(std::optional<Error> error, const StatusClosure& status_closure) MAIN_ONLY;
 

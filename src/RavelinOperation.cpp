@@ -4,6 +4,7 @@
 #include "src/FileProcessor.h"
 #include "src/HeaderOpr.h"
 #include "src/PartialDataOpr.h"
+#include "src/content_version.h"
 #include "support/background.h"
 #include "support/errors.h"
 #include "support/main_thread.h"

@@ -5,6 +5,7 @@
 #include "src/FileProcessor.h"
 #include "src/HeaderOpr.h"
 #include "src/PartialDataOpr.h"
+#include "src/content_version.h"
 #include "src/snap_points.h"
 #include "support/errors.h"
 #include "support/file_marks.h"
@@ -47,6 +48,7 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
     ranges_accepted = false;
     content_len.reset();
     server_side_date.clear();
+    probed_version = nullptr;
   });
   std::optional<HeaderOpr::Status> answer;
   bramblekit::wait_signal_main([&](Semaphore& sema) MAIN_ONLY {
@@ -74,6 +76,8 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
     ranges_accepted = success->result.ranges_accepted;
     content_len = success->result.content_length;
     server_side_date = success->result.server_side_date;
+    probed_version =
+        std::make_unique<ContentVersion>(ContentVersion::of_whole(success->result.header));
     if (content_len == 0)
       throw error_msg("File content has zero length.", source_file, header_function, 259);
     if (!is_header_received)
@@ -97,6 +101,7 @@ void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_fil
       watch->reset();
       if (is_cancelled())
         throw Exception();
+      reject_changed_content();
       start_parts(link, should_split);
       return data_opr_sema;
     });
@@ -127,6 +132,15 @@ void RavelinOperation::bg_prepare_files(const URL& dest_file, bool should_split)
   file_proc->setup();
 }
 
+/// A record of content that has been replaced meanwhile must not be continued.
+void RavelinOperation::reject_changed_content() {
+  const auto& record = *file_proc->resume_data;
+  if (!platform::defaults().reject_changed_content || record.received_bytes() == 0)
+    return;
+  if (const auto changed = change_since(record.server_side_date, probed_version->last_modified))
+    changed_content_error(*changed).rethrow();
+}
+
 void RavelinOperation::start_parts(const URL& link, bool should_split) {
   if (!should_split) {
     start_download(link, 0, false);
@@ -147,6 +161,7 @@ void RavelinOperation::start_download(const URL& link, std::int64_t part_index, 
     range = {checked_add(part.begin_pos, part.curr_bytes), checked_subtract(end, 1)};
   }
   const auto request = std::make_shared<PartialDataOpr>();
+  request->expected_version = *probed_version;
   partial_data_oprs.insert(request);
   if (!data_opr_sema)
     data_opr_sema = std::make_shared<Semaphore>(0U);

@@ -27,6 +27,7 @@ namespace ravelin {
 class FileProcessor;
 class HeaderOpr;
 class PartialDataOpr;
+struct ContentVersion;
 
 /// Downloads one link to one file, whole or in five parts side by side; can be stopped at any
 /// moment and continued later, by this object or another, in this process or another.
@@ -142,6 +143,7 @@ private:
   void bg_request_http_header(const URL& link) BG_ONLY;
   void bg_start_connections(const URL& link, const URL& dest_file, bool split_allowed) BG_ONLY;
   void bg_prepare_files(const URL& dest_file, bool should_split) BG_ONLY;
+  void reject_changed_content() MAIN_ONLY;
   void start_parts(const URL& link, bool should_split) MAIN_ONLY;
   void start_download(const URL& link, std::int64_t part_index, bool use_range) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;
@@ -155,6 +157,7 @@ private:
   bool ranges_accepted MAIN_STATE = false;
   std::optional<std::int64_t> content_len MAIN_STATE; // bytes
   std::string server_side_date MAIN_STATE;
+  std::unique_ptr<ContentVersion> probed_version MAIN_STATE; // null until the header has come
   // Made by the background flow before any request starts; every reader is reached from there
   // through a hop to the main thread.
   std::shared_ptr<FileProcessor> file_proc;
