@@ -1,0 +1,33 @@
+# Completion of ravelin for bash.
+_ravelin() {
+  local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
+  local commands="get status clear"
+  local options="--output --dir --input-file --on-conflict --no-split --max-downloads --sha256
+    --retry --header --limit-rate --proxy --cacert --user-agent --timeout --no-safeguards --quiet
+    --events --help"
+  COMPREPLY=()
+  if ((COMP_CWORD == 1)); then
+    mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$word")
+    return
+  fi
+  case $before in
+  -c | --on-conflict)
+    mapfile -t COMPREPLY < <(compgen -W "resume replace keep_both stop" -- "$word")
+    return
+    ;;
+  -o | --output | -i | --input-file | --cacert)
+    mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    return
+    ;;
+  -d | --dir)
+    mapfile -t COMPREPLY < <(compgen -d -- "$word")
+    return
+    ;;
+  esac
+  if [[ ${COMP_WORDS[1]} == get ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
+  else
+    mapfile -t COMPREPLY < <(compgen -f -- "$word")
+  fi
+}
+complete -o filenames -F _ravelin ravelin

@@ -1,0 +1,25 @@
+# Completion of ravelin for fish.
+set -l commands get status clear
+complete -c ravelin -f
+complete -c ravelin -n "not __fish_seen_subcommand_from $commands" -a get -d 'Download links'
+complete -c ravelin -n "not __fish_seen_subcommand_from $commands" -a status -d 'Say how far files have come'
+complete -c ravelin -n "not __fish_seen_subcommand_from $commands" -a clear -d 'Delete files and records'
+complete -c ravelin -n '__fish_seen_subcommand_from status clear' -F
+set -l get -n '__fish_seen_subcommand_from get'
+complete -c ravelin $get -s o -l output -r -F -d 'Write to this file'
+complete -c ravelin $get -s d -l dir -x -a '(__fish_complete_directories)' -d 'Put files into this directory'
+complete -c ravelin $get -s i -l input-file -r -F -d 'Read links from a file'
+complete -c ravelin $get -s c -l on-conflict -x -a 'resume replace keep_both stop' -d 'When the file is there'
+complete -c ravelin $get -l no-split -d 'Use one connection'
+complete -c ravelin $get -s j -l max-downloads -x -d 'How many files at once'
+complete -c ravelin $get -l sha256 -x -d 'Compare with this checksum'
+complete -c ravelin $get -l retry -x -d 'Try this often again'
+complete -c ravelin $get -s H -l header -x -d 'Send this header field'
+complete -c ravelin $get -l limit-rate -x -d 'Most bytes a second'
+complete -c ravelin $get -s x -l proxy -x -d 'Use this proxy'
+complete -c ravelin $get -l cacert -r -F -d 'Trust these certificates'
+complete -c ravelin $get -s A -l user-agent -x -d 'Send this as the user agent'
+complete -c ravelin $get -l timeout -x -d 'Give up on a silent server'
+complete -c ravelin $get -l no-safeguards -d 'Take every answer as it comes'
+complete -c ravelin $get -s q -l quiet -d 'Print errors only'
+complete -c ravelin $get -l events -d 'Print events as JSON'
