@@ -7,6 +7,7 @@
 #include "ravelin/main_queue.h"
 #include "ravelin/text_error.h"
 #include "support/background.h"
+#include "support/errors.h"
 
 #include <fmt/core.h>
 
@@ -27,20 +28,19 @@ namespace {
 
 std::string reason_of(const CustomError& error) {
   const auto* const other = error.get_if<CustomError::other>();
-  if (!other)
-    return error.text();
-  if (const auto* const own = other->error.get_if<ravelin::TextError>())
-    return own->message();
-  const auto* const loading = other->error.get_if<URLLoadingError>();
+  const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
   const bool changed = loading && loading->refusal == URLLoadingError::Refusal::changed_content;
-  return other->error.text() + (changed ? "; begin anew with --on-conflict replace" : "");
+  return error.text() + (changed ? "; begin anew with --on-conflict replace" : "");
+}
+
+fs::path record_of(const fs::path& file) {
+  return file.parent_path() / ("." + file.stem().native() + ".lgresume");
 }
 
 /// Marked as incomplete, but its record is gone: a process was killed while it began anew.
 bool lost_its_record(const fs::path& file) {
-  const auto record = file.parent_path() / ("." + file.stem().native() + ".lgresume");
   std::error_code ignored;
-  return fs::is_regular_file(file, ignored) && !fs::exists(record, ignored) &&
+  return fs::is_regular_file(file, ignored) && !fs::exists(record_of(file), ignored) &&
          platform::extended_attribute(URL::file(file), "lg_ignore").has_value();
 }
 
@@ -87,7 +87,19 @@ void Download::attempt() {
                      });
 }
 
-void Download::on_status(const Status& status) {
+/// A save of the record that fails in mid-transfer stops the parts, and the run then ends as a
+/// success all the same; only the record tells.
+Status Download::checked(const Status& status) const {
+  std::error_code ignored;
+  if (!status.holds<Status::success>() || !fs::exists(record_of(file_), ignored))
+    return status;
+  return {Status::error{{CustomError::other{bramblekit::to_error(
+      ravelin::TextError("its resume record could not be saved in the middle; make room or mend "
+                         "the disk, then run the same command to continue"))}}}};
+}
+
+void Download::on_status(const Status& told) {
+  const auto status = checked(told);
   if (options_.events) {
     fmt::print("{}\n", event_line(status, link_, file_.native()));
     std::fflush(stdout);

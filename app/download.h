@@ -32,7 +32,8 @@ public:
 private:
   void attempt();
   ravelin::OnConflict policy() const;
-  void on_status(const ravelin::Status& status);
+  ravelin::Status checked(const ravelin::Status& status) const;
+  void on_status(const ravelin::Status& told);
   void on_error(const ravelin::CustomError& error);
   void on_success();
   void retry_later();

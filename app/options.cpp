@@ -6,6 +6,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -59,7 +60,10 @@ void add_get_options(CLI::App& get, GetOptions& options, Raw& raw) {
   get.add_option("--cacert", raw.ca_file, "Trust the certificates in this PEM file");
   get.add_option("-A,--user-agent", raw.user_agent, "Send this as the user agent");
   get.add_option("--timeout", raw.timeout, "Give up on a silent server after these seconds (60)")
-      ->check(CLI::Range(0.001, 86400.0));
+      ->check(CLI::Range(0.001, 86400.0))
+      ->check([](const std::string& text) {
+        return std::isnan(std::strtod(text.c_str(), nullptr)) ? "is no number" : std::string();
+      });
   get.add_flag("--no-safeguards", raw.no_safeguards,
                "Take every answer as it comes: error pages, wrong ranges, changed content");
   get.add_flag("-q,--quiet", options.quiet, "Print errors only");

@@ -67,6 +67,10 @@ bool write_flushed(const fs::path& path, std::string_view text) {
          file_calls().fdatasync(opened.number) == 0;
 }
 
+fs::path temporary_of(fs::path path) {
+  return path += ".tmp";
+}
+
 fs::path directory_of(const fs::path& path) {
   return path.has_parent_path() ? path.parent_path() : fs::path(".");
 }
@@ -126,10 +130,13 @@ std::string read_text(const URL& url, std::size_t limit) {
   return text;
 }
 
+void remove_temporary_of(const URL& url) noexcept {
+  file_calls().unlink(temporary_of(url.path()).c_str());
+}
+
 void write_text_atomically(const URL& url, std::string_view text) {
   const auto path = url.path();
-  auto temporary = path;
-  temporary += ".tmp";
+  const auto temporary = temporary_of(path);
   const bool placed =
       write_flushed(temporary, text) && file_calls().rename(temporary.c_str(), path.c_str()) == 0;
   if (!placed) {

@@ -45,7 +45,8 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   size_ += line.size();
   if (size_ > most_header_bytes)
     return Line::too_large;
-  if (line.starts_with("HTTP/")) {
+  constexpr std::string_view status_line = "HTTP";
+  if (!in_head_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
     response_ = {.is_http = true, .status = 0, .header_fields = {}};
     const auto blank = std::min(line.find(' '), line.size() - 1);
     const auto code = line.substr(blank + 1, 3);

@@ -5,8 +5,8 @@
 namespace platform {
 namespace {
 
-constexpr std::size_t block_size = 1024 * 1024; // bytes; a chunk costs two hops and a flush
-constexpr std::size_t enough = block_size / 8 * 7;  // bytes that need not wait for more
+constexpr std::size_t block_size = 1024 * 1024;    // bytes; a chunk costs two hops and a flush
+constexpr std::size_t enough = block_size / 8 * 7; // bytes that need not wait for more
 constexpr auto gathering = std::chrono::milliseconds(5);
 constexpr int most_blocks = 2;
 

@@ -156,12 +156,19 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
     return Outcome{refused_};
   if (code != CURLE_OK)
     return Outcome{url_error_for({code, words_, host_, headers_.last_was_redirect()})};
+  if (!is_file_ && !response_reported_)
+    return Outcome{url_error(URLError::network_connection_lost,
+                             "the server ended its answer within the header")};
   if (asked_ && received_ < asked_size())
     return Outcome{url_error(URLError::network_connection_lost,
                              "the server ended the range after " + std::to_string(received_) +
                                  " of " + std::to_string(asked_size()) + " bytes")};
   report_response();
   return Outcome{};
+}
+
+Error Transfer::no_http() {
+  return url_error(URLError::bad_server_response, "the answer is not one of HTTP");
 }
 
 Transfer::Clock::time_point Transfer::deadline() const {
@@ -203,7 +210,13 @@ bool Transfer::take_header(std::string_view line) {
 std::optional<Error> Transfer::refusal() const {
   const auto& values = task_->configuration();
   const auto& response = headers_.response();
-  if (values.reject_http_errors && response.status >= 400) {
+  const auto* const length = find_field(response.header_fields, "Content-Length");
+  if (length && !length_ignored_ && length->find(',') != std::string::npos)
+    return url_error(URLError::bad_server_response,
+                     "the server announced different lengths: " + *length);
+  const bool has_no_content =
+      response.status / 100 != 2 || response.status == 204 || response.status == 205;
+  if (values.reject_http_errors && has_no_content) {
     URLLoadingError error(URLError::bad_server_response,
                           "the server answered with status " + std::to_string(response.status));
     error.refusal = URLLoadingError::Refusal::http_status;
@@ -216,6 +229,9 @@ std::optional<Error> Transfer::refusal() const {
       error.retry_after = std::chrono::seconds(seconds);
     return Error(std::make_exception_ptr(error));
   }
+  const bool unasked = values.require_exact_ranges && !asks_for_range_ && response.status == 206;
+  if (unasked)
+    return range_refusal("the server was asked for the whole and answered with a part");
   return asked_ ? range_refusal(range_fault(*asked_, response)) : std::nullopt;
 }
 
@@ -232,7 +248,13 @@ std::optional<Error> Transfer::range_refusal(const std::optional<std::string>& f
 void Transfer::report_response() {
   if (std::exchange(response_reported_, true))
     return;
-  task_->receive_response(headers_.response());
+  auto response = headers_.response();
+  // What libcurl could not read is no length: a negative one would make empty parts.
+  if (length_ignored_ && task_->configuration().require_exact_ranges)
+    std::erase_if(response.header_fields, [](const auto& field) {
+      return find_field({field}, "Content-Length") != nullptr;
+    });
+  task_->receive_response(response);
 }
 
 std::size_t Transfer::on_body(char* bytes, std::size_t one, std::size_t size, void* self) {
@@ -241,6 +263,10 @@ std::size_t Transfer::on_body(char* bytes, std::size_t one, std::size_t size, vo
 
 std::size_t Transfer::take_body(std::string_view bytes) {
   heard();
+  if (!response_reported_ && !is_file_) {
+    refused_ = no_http();
+    return CURL_WRITEFUNC_ERROR;
+  }
   report_response(); // the content of a local file comes without a header
   const auto rate = task_->configuration().rate_limit;
   waits_for_rate_ = data_allowed_ && rate && !limiter_.may_take(*rate, last_heard_);

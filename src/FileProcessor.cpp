@@ -116,8 +116,9 @@ ResumeData FileProcessor::flushed_record() {
   // The chunks of a part land in order: its first unflushed byte ends what may be counted.
   for (const auto& write : queued_writes)
     for (const auto& part : record.parts)
-      if (write.pos >= part->begin_pos && write.pos - part->begin_pos < part->curr_bytes)
-        part->curr_bytes = write.pos - part->begin_pos;
+      if (write.pos >= part->begin_pos)
+        part->curr_bytes =
+            std::min(part->curr_bytes, platform::checked_subtract(write.pos, part->begin_pos));
   return record;
 }
 
@@ -142,10 +143,13 @@ void FileProcessor::async_update_resume_file() {
 
 void FileProcessor::delete_resume_file() {
   remove_if_there(fm, required_resume_file_url());
+  platform::remove_temporary_of(required_resume_file_url());
 }
 
 void FileProcessor::delete_resume_file(const URL& main_file) {
-  remove_if_there(FileManager::default_manager(), prepare_resume_file_url(main_file));
+  const auto resume_file = prepare_resume_file_url(main_file);
+  remove_if_there(FileManager::default_manager(), resume_file);
+  platform::remove_temporary_of(resume_file);
 }
 
 void FileProcessor::delete_main_file(const URL& main_file) {

@@ -57,8 +57,9 @@ void RavelinOperation::resume(const URL& link, const URL& dest_file, bool split_
     opr_has_never_been_added_to_active_list = true;
     auto destination = dest_file;
     special_activate(destination, on_conflict);
-    bramblekit::bg_async(0.0, [keep, link, destination, split_allowed, status_closure] {
-      keep->bg_run(link, destination, split_allowed, status_closure);
+    bramblekit::bg_async(0.0, [keep, link, destination, split_allowed,
+                               closure = std::move(status_closure)]() mutable {
+      keep->bg_run(link, destination, split_allowed, std::move(closure));
     });
   });
 }
@@ -70,9 +71,13 @@ void RavelinOperation::refuse(const StatusClosure& status_closure) {
 }
 
 void RavelinOperation::bg_run(const URL& link, const URL& destination, bool split_allowed,
-                              const StatusClosure& status_closure) {
+                              StatusClosure status_closure) {
   auto outcome = bg_outcome(link, destination, split_allowed);
-  main_sync([&]() MAIN_ONLY { complete(std::move(outcome), destination, status_closure); });
+  main_sync([&]() MAIN_ONLY {
+    const auto last =
+        std::move(status_closure); // what it holds is the application's, and dies here
+    complete(std::move(outcome), destination, last);
+  });
 }
 
 std::optional<Error> RavelinOperation::bg_outcome(const URL& link, const URL& destination,
@@ -136,7 +141,10 @@ CustomError RavelinOperation::make_custom_error(const Error& from) {
 
 std::string CustomError::text() const {
   return visit(match{
-      [](const other& e) { return e.error.text(); },
+      [](const other& e) {
+        const auto* const own = e.error.get_if<bramblekit::TextError>();
+        return own ? own->message() : e.error.text();
+      },
       [](const timeout&) { return make_error_code(URLError::timed_out).message(); },
       [](const not_connected_to_internet&) {
         return make_error_code(URLError::not_connected_to_internet).message();
@@ -149,7 +157,8 @@ std::string CustomError::text() const {
 
 void RavelinOperation::report(State new_state, const Status& status) {
   state_ = std::move(new_state);
-  send(stat_closure, status);
+  const auto closure = stat_closure; // stays whole if the run should end inside the call
+  send(closure, status);
 }
 
 void RavelinOperation::send(const StatusClosure& closure, const Status& status) noexcept {

@@ -87,6 +87,11 @@ void RavelinOperation::setup_active_opr(URL& url, OnConflict on_conflict) {
 }
 
 void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
+  if (url.path().empty()) {
+    error_during_activation = to_error(std::system_error(
+        ENOENT, std::system_category(), "the destination '" + url.text() + "' is not a file"));
+    return;
+  }
   const auto file_state = get_main_file_state(url);
   const auto* const busy = std::get_if<MainFileState::busy>(&file_state.value);
   const bool complete = std::holds_alternative<MainFileState::complete>(file_state.value);
@@ -98,7 +103,7 @@ void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
   case OnConflict::resume:
     if (busy) {
       busy->opr->cancel();
-      wait_for_identical(*busy->opr, url);
+      wait_for_identical_or_claim_anew(*busy->opr, url, on_conflict);
     } else if (!complete) {
       claim(url);
     } else if (FileManager::default_manager().is_directory(url)) {
@@ -111,13 +116,17 @@ void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
   case OnConflict::replace:
     if (busy) {
       busy->opr->cancel_and_clear_files();
-      wait_for_identical(*busy->opr, url);
+      wait_for_identical_or_claim_anew(*busy->opr, url, on_conflict);
     } else if (delete_files(url)) {
       claim(url);
     }
     return;
   case OnConflict::keep_both:
-    if (rename_dest_file(url))
+    if (!rename_dest_file(url))
+      return;
+    if (get_active_opr(url))
+      claim_for(url, on_conflict); // the callback let another one have the new name
+    else
       claim(url);
     return;
   case OnConflict::stop:
@@ -129,6 +138,14 @@ void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
       refuse_claim("Destination file already exists and incomplete.", 755);
     return;
   }
+}
+
+void RavelinOperation::wait_for_identical_or_claim_anew(RavelinOperation& other, URL& url,
+                                                        OnConflict on_conflict) {
+  if (get_active_opr(url).get() == &other)
+    wait_for_identical(other, url);
+  else // its callback let it end, or let another one have the destination
+    claim_for(url, on_conflict);
 }
 
 void RavelinOperation::refuse_claim(const char* message, std::int64_t line) {
@@ -183,7 +200,7 @@ bool RavelinOperation::delete_files(const URL& url) {
 void RavelinOperation::bg_handle_pending() {
   const auto sema = main_sync([&]() MAIN_ONLY {
     auto waited_for = pending_sema; // the callback, or who wakes this one, may clear the field
-    if (waited_for)
+    if (waited_for && !state_.holds<State::cancelling>())
       report({State::pending{}}, {Status::pending{}});
     return waited_for;
   });

@@ -12,6 +12,7 @@ namespace ravelin {
 using bramblekit::main_sync;
 
 void RavelinOperation::cancel() {
+  const auto keep = weak_from_this().lock(); // the callback may drop the last hold
   main_sync([&]() MAIN_ONLY {
     const bool said = state_.holds<State::cancelling>(); // and its callback cancels once more
     if (is_busy() && !is_cancelled() && !said)

@@ -234,6 +234,16 @@ void RavelinOperation::end_part(const std::shared_ptr<PartialDataOpr>& opr) {
   data_opr_sema->signal();
 }
 
+/// What came since the last save would be fetched again; against a server that cuts every
+/// connection soon, nothing would ever add up.
+void RavelinOperation::save_what_came() noexcept {
+  try {
+    file_proc->update_resume_file();
+  } catch (...) {
+    // The older record is right, too.
+  }
+}
+
 void RavelinOperation::finish_files() {
   if (!download_exception) {
     file_proc->delete_resume_file();
@@ -243,6 +253,7 @@ void RavelinOperation::finish_files() {
     if (!should_clear_files)
       file_proc->update_resume_file();
   } else {
+    save_what_came();
     download_exception->rethrow();
   }
 }

@@ -25,9 +25,11 @@ struct [[gnu::visibility("default")]] Defaults {
   /// How long a server may be silent. Unset: each request's own, 60 seconds. Above 0.
   std::optional<std::chrono::milliseconds> idle_timeout;
 
-  /// A final status of 400 or more is an error and not a body.
+  /// A final status that brings no content, such as 404, 204 or a redirect to nowhere, is an error
+  /// and its body not a file.
   bool reject_http_errors = false;
-  /// A request for a range must be answered with exactly that range, of the same total.
+  /// A request for a range must be answered with exactly that range, of the same total, and one for
+  /// the whole with the whole.
   bool require_exact_ranges = false;
   /// All answers of one download must be of the same version of the content, and a download that
   /// continues must find it unchanged since its record was made.

@@ -49,7 +49,9 @@ public:
   using OnConflict = ravelin::OnConflict;
 
   /// Called on the main thread, `Status::files_are_created` excepted, until after a final event;
-  /// never after it for the same run. It may call any function of any operation, and start this
+  /// never after it for the same run. `files_are_created` may come while the main thread is inside
+  /// the same callback; what the callback holds is let go of on the main thread. It must not run
+  /// the main queue itself. It may call any function of any operation, and start this
   /// one again when the event is final. It must not throw: an exception that leaves it ends the
   /// process through `std::terminate`. May be empty.
   using StatusClosure = std::function<void(const Status&)>;
@@ -82,7 +84,7 @@ public:
 
   /// Asks the run to stop and keeps its files. `Status::cancelling` comes before this returns, the
   /// final `Status::cancelled` later. May be repeated. On an operation that does not run it stops
-  /// the next run at its start.
+  /// the next run before anything is asked of the server.
   void cancel() override;
   /// The same, and deletes the files at the end.
   void cancel_and_clear_files();
@@ -107,7 +109,7 @@ private:
 
   // The public flow.
   void bg_run(const URL& link, const URL& destination, bool split_allowed,
-              const StatusClosure& status_closure) BG_ONLY;
+              StatusClosure status_closure) BG_ONLY;
   std::optional<Error> bg_outcome(const URL& link, const URL& destination, bool split_allowed)
       BG_ONLY;
   void complete(std::optional<Error> outcome, const URL& destination,
@@ -124,6 +126,8 @@ private:
   void claim_for(URL & url, OnConflict on_conflict) MAIN_ONLY;
   void claim(const URL& url) MAIN_ONLY;
   void wait_for_identical(RavelinOperation & other, const URL& url) MAIN_ONLY;
+  void wait_for_identical_or_claim_anew(RavelinOperation & other, URL & url, OnConflict on_conflict)
+      MAIN_ONLY;
   void refuse_claim(const char* message, std::int64_t line) MAIN_ONLY;
   bool rename_dest_file(URL & url) MAIN_ONLY;
   bool delete_files(const URL& url) MAIN_ONLY;
@@ -151,6 +155,7 @@ private:
   void bg_after_receive_data(PartialDataOpr & opr) BG_ONLY;
   void end_part(const std::shared_ptr<PartialDataOpr>& opr) MAIN_ONLY;
   void finish_files() MAIN_ONLY;
+  void save_what_came() noexcept MAIN_ONLY;
 
   State state_ MAIN_STATE;
   bool is_header_received MAIN_STATE = false;

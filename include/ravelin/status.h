@@ -71,10 +71,12 @@ struct CustomError {
 struct State {
   struct downloading {
     Progress progress;
+    friend bool operator==(const downloading&, const downloading&) = default;
   };
   struct cancelled {
     bool also_cleared_files;
     Progress progress;
+    friend bool operator==(const cancelled&, const cancelled&) = default;
   };
   struct failed {
     CustomError custom_error;
@@ -102,24 +104,29 @@ struct Status {
   /// returns.
   struct renamed {
     URL new_file_url;
+    friend bool operator==(const renamed&, const renamed&) = default;
   };
   /// Both files were made anew. The one event that does not come on the main thread: it comes on
   /// the background thread that made them.
   struct files_are_created {
     URL main_file_url;
     URL resume_file_url;
+    friend bool operator==(const files_are_created&, const files_are_created&) = default;
   };
   /// The content comes in now.
   struct started {
     std::optional<std::int64_t> content_length; // bytes
+    friend bool operator==(const started&, const started&) = default;
   };
   struct downloading {
     Progress progress;
+    friend bool operator==(const downloading&, const downloading&) = default;
   };
-  /// Final. The progress is what a later `resume(...)` begins with.
+  /// Final. The progress is the record's; what was not split begins anew all the same.
   struct cancelled {
     bool also_cleared_files;
     Progress progress;
+    friend bool operator==(const cancelled&, const cancelled&) = default;
   };
   /// Final.
   struct error {

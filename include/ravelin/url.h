@@ -29,6 +29,10 @@ public:
   /// The link as given; for a file URL, "file://" and the percent-encoded absolute path.
   std::string text() const;
 
+  std::size_t hash() const {
+    return std::hash<std::string>()(text_);
+  }
+
   friend bool operator==(const URL&, const URL&) = default;
   friend std::strong_ordering operator<=>(const URL&, const URL&) = default;
 
@@ -44,7 +48,5 @@ using platform::URL;
 } // namespace ravelin
 
 template <> struct std::hash<platform::URL> {
-  std::size_t operator()(const platform::URL& url) const {
-    return std::hash<std::string>()(url.text());
-  }
+  std::size_t operator()(const platform::URL& url) const { return url.hash(); }
 };
