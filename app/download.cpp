@@ -1,6 +1,7 @@
 #include "app/download.h"
 
 #include "app/event_lines.h"
+#include "app/leftovers.h"
 #include "app/naming.h"
 #include "app/sha256.h"
 #include "platform/file_marks.h"
@@ -30,18 +31,10 @@ std::string reason_of(const CustomError& error) {
   const auto* const other = error.get_if<CustomError::other>();
   const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
   const bool changed = loading && loading->refusal == URLLoadingError::Refusal::changed_content;
-  return error.text() + (changed ? "; begin anew with --on-conflict replace" : "");
-}
-
-fs::path record_of(const fs::path& file) {
-  return file.parent_path() / ("." + file.stem().native() + ".lgresume");
-}
-
-/// Marked as incomplete, but its record is gone: a process was killed while it began anew.
-bool lost_its_record(const fs::path& file) {
-  std::error_code ignored;
-  return fs::is_regular_file(file, ignored) && !fs::exists(record_of(file), ignored) &&
-         platform::extended_attribute(URL::file(file), "lg_ignore").has_value();
+  auto text = error.text();
+  if (const auto line_feed = text.find('\n'); line_feed != std::string::npos)
+    text.erase(line_feed, 1); // the library's own texts have one between their halves
+  return text + (changed ? "; begin anew with --on-conflict replace" : "");
 }
 
 } // namespace
@@ -58,26 +51,61 @@ void Download::start(std::function<void(End)> on_end) {
     fail("it is a directory; name a file with --output, or use --dir");
     return;
   }
-  lock_.emplace(file_);
-  if (lock_->held_by_another()) {
-    fail("another process is downloading to it; wait for that one or choose another --output");
+  if (fs::exists(file_, ignored) && !fs::is_regular_file(file_, ignored)) {
+    fail("it is a pipe or a device; name a file with --output");
     return;
   }
-  attempt();
+  if (cancelled_) {
+    end(End::cancelled, "interrupted; the same command continues");
+    return;
+  }
+  if (const auto reason = take_lock(); !reason.empty())
+    fail(reason);
+  else
+    attempt();
+}
+
+std::string Download::take_lock() {
+  lock_.emplace(file_);
+  if (lock_->held_by_another())
+    return "another process is downloading to it; wait for that one or choose another --output";
+  std::error_code ignored;
+  const bool renames = options_.on_conflict == OnConflict::keep_both && fs::exists(file_, ignored);
+  if (!lock_->other_owner().empty() && !renames)
+    return "its resume record is in use for the unfinished '" + lock_->other_owner() +
+           "'; finish or clear that one first, or choose another --output";
+  return {};
+}
+
+/// Incomplete, but its record is gone: a process was killed while it began anew.
+bool Download::lost_its_record() const {
+  std::error_code ignored;
+  return fs::is_regular_file(file_, ignored) && !fs::exists(record_of(file_), ignored) &&
+         (lock_->unfinished() ||
+          platform::extended_attribute(URL::file(file_), "lg_ignore").has_value());
 }
 
 OnConflict Download::policy() const {
-  if (!first_attempt_)
-    return OnConflict::resume; // what is there is ours by now
-  if (options_.on_conflict == OnConflict::resume && lost_its_record(file_))
-    return OnConflict::replace;
-  return options_.on_conflict;
+  const auto asked_for = first_attempt_ ? options_.on_conflict : OnConflict::resume;
+  const bool unusable =
+      asked_for == OnConflict::resume && (lost_its_record() || !record_fits(file_));
+  return unusable ? OnConflict::replace : asked_for; // after the first attempt the file is ours
+}
+
+/// In this order a killed process never leaves an unfinished file without its record.
+void Download::prepare(OnConflict on_conflict) {
+  std::error_code ignored;
+  if (on_conflict == OnConflict::replace)
+    RavelinOperation::clear_files(URL::file(file_));
+  if (!fs::exists(file_, ignored) || fs::exists(record_of(file_), ignored))
+    lock_->begin();
 }
 
 void Download::attempt() {
   waiting_ = false;
   const auto on_conflict = policy();
   first_attempt_ = false;
+  prepare(on_conflict);
   operation_->resume(URL(link_), URL::file(file_), split_, on_conflict,
                      [self = shared_from_this()](const Status& status) {
                        if (platform::MainQueue::is_main_thread())
@@ -108,19 +136,27 @@ void Download::on_status(const Status& told) {
       [&](const Status::renamed& e) {
         file_ = e.new_file_url.path();
         view_.rename(row_, file_.filename().native());
+        stop_reason_ = take_lock();
+        if (stop_reason_.empty())
+          lock_->begin();
+        else
+          operation_->cancel();
       },
       [](const Status::files_are_created&) {},
-      [](const Status::started&) {},
-      [&](const Status::downloading& e) {
-        anything_fetched_ = true;
-        view_.show_progress(row_, e.progress);
-      },
+      [&](const Status::started& e) { length_ = e.content_length; },
+      [&](const Status::downloading& e) { view_.show_progress(row_, e.progress); },
       [&](const Status::cancelled&) {
-        end(End::cancelled, "interrupted; the same command continues");
+        if (stop_reason_.empty())
+          end(End::cancelled, "interrupted; the same command continues");
+        else
+          fail(stop_reason_);
       },
       [&](const Status::error& e) { on_error(e.custom_error); },
       [&](const Status::pending&) { view_.show_state(row_, "waiting for its turn"); },
-      [&](const Status::connecting&) { view_.show_state(row_, "connecting"); },
+      [&](const Status::connecting&) {
+        connected_ = true;
+        view_.show_state(row_, "connecting");
+      },
       [&](const Status::success&) { on_success(); },
       [&](const Status::cancelling&) { view_.show_state(row_, "stopping"); },
   });
@@ -172,14 +208,33 @@ void Download::cancel() {
 }
 
 std::string Download::finished_words() const {
-  if (!anything_fetched_)
+  if (!connected_)
     return "already complete";
   std::error_code unknown;
   const auto size = fs::file_size(file_, unknown);
   return unknown ? "done" : "done, " + human_size(static_cast<std::int64_t>(size));
 }
 
+std::string Download::flaw() const {
+  if (!connected_)
+    return {};
+  std::error_code missing;
+  const auto size = fs::file_size(file_, missing);
+  if (missing)
+    return "the file went away while it was being downloaded; run the same command again";
+  if (options_.defaults.require_exact_ranges && length_ &&
+      size != static_cast<std::uintmax_t>(*length_))
+    return "it has " + std::to_string(size) + " bytes and not " + std::to_string(*length_) +
+           "; run the same command with --on-conflict replace";
+  return {};
+}
+
 void Download::on_success() {
+  if (const auto what = flaw(); !what.empty()) {
+    fail(what);
+    return;
+  }
+  lock_->finish();
   if (!options_.sha256) {
     end(End::success, finished_words());
     return;
@@ -199,7 +254,7 @@ void Download::on_success() {
       }
       auto wrong = self->file_;
       std::error_code failed;
-      if (self->anything_fetched_) {
+      if (self->connected_) {
         wrong += ".sha256-mismatch";
         fs::rename(self->file_, wrong, failed);
       }

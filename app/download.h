@@ -26,10 +26,17 @@ public:
 
   /// `on_end` is called once, on the main thread, after this has returned.
   void start(std::function<void(End)> on_end);
+  const std::filesystem::path& file() const { return file_; }
   /// Keeps the files.
   void cancel();
 
 private:
+  /// Why it cannot be had; empty where it is ours.
+  std::string take_lock();
+  bool lost_its_record() const;
+  void prepare(ravelin::OnConflict on_conflict);
+  /// What is wrong with a download that ended well; empty if nothing is.
+  std::string flaw() const;
   void attempt();
   ravelin::OnConflict policy() const;
   ravelin::Status checked(const ravelin::Status& status) const;
@@ -50,7 +57,9 @@ private:
   RetryPolicy retries_;
   bool split_;
   bool first_attempt_ = true;
-  bool anything_fetched_ = false;
+  bool connected_ = false;
+  std::optional<std::int64_t> length_; // bytes, where the server told it
+  std::string stop_reason_;
   bool waiting_ = false;
   bool cancelled_ = false;
   std::shared_ptr<ravelin::RavelinOperation> operation_;

@@ -1,10 +1,13 @@
 #include "app/get_command.h"
 
 #include "app/download.h"
+#include "app/leftovers.h"
 #include "app/naming.h"
 #include "ravelin/main_queue.h"
 
 #include <csignal>
+#include <deque>
+#include <map>
 #include <pthread.h>
 #include <set>
 #include <thread>
@@ -35,7 +38,9 @@ public:
   void start() {
     running_ = downloads_.size();
     for (const auto& download : downloads_)
-      download->start([this](Download::End how) { on_end(how); });
+      lines_[record_of(download->file())].push_back(download);
+    for (auto& [record, line] : lines_)
+      begin_first(line);
   }
 
   void interrupt(int signal) {
@@ -61,14 +66,24 @@ private:
     return name;
   }
 
-  void on_end(Download::End how) {
+  using Line = std::deque<std::shared_ptr<Download>>;
+
+  void begin_first(Line& line) {
+    if (!line.empty())
+      line.front()->start([this, &line](Download::End how) { on_end(how, line); });
+  }
+
+  void on_end(Download::End how, Line& line) {
     any_failed_ = any_failed_ || how == Download::End::failure;
+    line.pop_front();
+    begin_first(line);
     if (--running_ == 0)
       MainQueue::stop();
   }
 
   ProgressView view_;
   std::vector<std::shared_ptr<Download>> downloads_;
+  std::map<fs::path, Line> lines_; // those that share a resume record go one after the other
   std::size_t running_ = 0;
   bool any_failed_ = false;
   int signal_ = 0;

@@ -1,7 +1,10 @@
 #include "app/get_command.h"
+#include "app/leftovers.h"
 #include "app/naming.h"
 #include "app/options.h"
+#include "app/process_lock.h"
 #include "ravelin/ravelin_operation.h"
+#include "src/FileProcessor.h"
 
 #include <fmt/core.h>
 
@@ -23,7 +26,7 @@ namespace fs = std::filesystem;
 int show_status(const fs::path& file) {
   std::error_code ignored;
   const auto shown = printable(file.native());
-  const auto record = file.parent_path() / ("." + file.stem().native() + ".lgresume");
+  const auto record = app::record_of(file);
   if (!fs::exists(record, ignored)) {
     const bool there = fs::exists(file, ignored);
     fmt::print("{}: {}\n", shown,
@@ -42,8 +45,22 @@ int show_status(const fs::path& file) {
 }
 
 int clear(const fs::path& file) {
-  RavelinOperation::clear_files(URL::file(file));
+  app::ProcessLock lock(file);
+  if (lock.held_by_another()) {
+    fmt::print(stderr, "ravelin: '{}' is being downloaded; stop that first\n",
+               printable(file.native()));
+    return app::failed;
+  }
   std::error_code ignored;
+  if (lock.other_owner().empty()) {
+    RavelinOperation::clear_files(URL::file(file));
+  } else { // the record is another's
+    try {
+      ravelin::FileProcessor::delete_main_file(URL::file(file));
+    } catch (const std::exception&) {
+      // Said below.
+    }
+  }
   if (!fs::exists(fs::symlink_status(file, ignored)))
     return app::all_well;
   fmt::print(stderr,

@@ -17,7 +17,7 @@ FileHandle::FileHandle(int descriptor, std::filesystem::path path)
 
 FileHandle FileHandle::for_writing_to(const URL& url) {
   auto path = url.path();
-  const int descriptor = file_calls().open(path.c_str(), O_WRONLY, 0);
+  const int descriptor = file_calls().open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY, 0);
   FileHandle handle(descriptor, std::move(path));
   if (descriptor < 0)
     handle.fail("open");
@@ -39,7 +39,9 @@ void FileHandle::write(std::int64_t offset, const Data& bytes) {
     const auto written = file_calls().pwrite(descriptor_, rest.data(), rest.size(), offset);
     if (written < 0 && errno == EINTR)
       continue;
-    if (written < 0)
+    if (written == 0)
+      errno = EIO; // nothing more goes in, and no reason is given
+    if (written <= 0)
       fail("write to");
     rest = rest.subspan(static_cast<std::size_t>(written));
     offset += written;

@@ -36,7 +36,9 @@ bool write_all(int descriptor, std::string_view text) {
     const auto written = file_calls().pwrite(descriptor, text.data(), text.size(), offset);
     if (written < 0 && errno == EINTR)
       continue;
-    if (written < 0)
+    if (written == 0)
+      errno = EIO; // nothing more goes in, and no reason is given
+    if (written <= 0)
       return false;
     text.remove_prefix(static_cast<std::size_t>(written));
     offset += written;
@@ -54,25 +56,34 @@ int create_fresh(const fs::path& path) {
   return file_calls().open(path.c_str(), flags, 0666);
 }
 
+fs::path directory_of(const fs::path& path) {
+  return path.has_parent_path() ? path.parent_path() : fs::path(".");
+}
+
 bool flush_directory(const fs::path& directory) {
   const Descriptor opened{file_calls().open(directory.c_str(), O_RDONLY | O_DIRECTORY, 0)};
   if (opened.number < 0)
     return errno == EACCES; // a directory that may be written but not read cannot be flushed
-  return file_calls().fsync(opened.number) == 0 || errno == EINVAL;
+  while (file_calls().fsync(opened.number) != 0)
+    if (errno != EINTR)
+      return errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+  return true;
+}
+
+bool flush(int descriptor) {
+  while (file_calls().fdatasync(descriptor) != 0)
+    if (errno != EINTR)
+      return false;
+  return true;
 }
 
 bool write_flushed(const fs::path& path, std::string_view text) {
   const Descriptor opened{create_fresh(path)};
-  return opened.number >= 0 && write_all(opened.number, text) &&
-         file_calls().fdatasync(opened.number) == 0;
+  return opened.number >= 0 && write_all(opened.number, text) && flush(opened.number);
 }
 
 fs::path temporary_of(fs::path path) {
   return path += ".tmp";
-}
-
-fs::path directory_of(const fs::path& path) {
-  return path.has_parent_path() ? path.parent_path() : fs::path(".");
 }
 
 } // namespace
@@ -92,7 +103,11 @@ bool FileManager::is_directory(const URL& url) const {
 }
 
 void FileManager::create_file(const URL& url) noexcept {
-  const Descriptor made{file_calls().open(url.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666)};
+  const auto path = url.path();
+  constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY;
+  const Descriptor made{file_calls().open(path.c_str(), flags, 0666)};
+  if (made.number >= 0)
+    flush_directory(directory_of(path)); // before any record counts bytes under this name
 }
 
 void FileManager::remove_item(const URL& url) {
@@ -107,9 +122,15 @@ void FileManager::remove_item(const URL& url) {
 
 std::string read_text(const URL& url, std::size_t limit) {
   const auto path = url.path();
-  const Descriptor opened{file_calls().open(path.c_str(), O_RDONLY, 0)};
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY; // a pipe would keep us waiting
+  const Descriptor opened{file_calls().open(path.c_str(), flags, 0)};
   if (opened.number < 0)
     fail(errno, "open", path);
+  struct stat status {};
+  if (::fstat(opened.number, &status) != 0)
+    fail(errno, "read", path);
+  if (!S_ISREG(status.st_mode))
+    fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "read", path);
   std::string text(4096, '\0');
   std::size_t size = 0;
   for (;;) {

@@ -26,19 +26,30 @@ bool is_plain_file(const fs::path& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
+bool is_link(const fs::path& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 /// Unprivileged programs own the "user." names only.
 std::string attribute_name(std::string_view name) {
   return "user." + std::string(name);
 }
 
-/// Keeps other processes from editing the same list meanwhile.
+/// Keeps other processes from editing the same list meanwhile. Whoever can read the directory can
+/// hold its lock for good: after a while the list is left alone.
 class DirectoryLock {
 public:
   explicit DirectoryLock(const fs::path& directory)
       : descriptor_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (descriptor_ >= 0)
-      ::flock(descriptor_, LOCK_EX);
+    for (int attempt = 0; descriptor_ >= 0 && attempt < 50; ++attempt) {
+      held_ = ::flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
+      if (held_ || (errno != EWOULDBLOCK && errno != EINTR))
+        return;
+      ::usleep(2000);
+    }
   }
+  bool held() const { return held_; }
   ~DirectoryLock() {
     if (descriptor_ >= 0)
       ::close(descriptor_);
@@ -48,6 +59,7 @@ public:
 
 private:
   int descriptor_;
+  bool held_ = false;
 };
 
 struct Edit {
@@ -82,12 +94,14 @@ bool made_by_us(const URL& list) {
 
 void edit_list(const fs::path& directory, const std::string& name, bool listed) {
   const DirectoryLock lock(directory);
+  if (!lock.held())
+    return;
   const auto list = URL::file(directory / ".hidden");
   const bool existed = FileManager::default_manager().file_exists(list);
   if (!existed && !listed)
     return;
-  if (existed && !is_plain_file(list.path()))
-    return;
+  if (is_link(list.path()) || (existed && !is_plain_file(list.path())))
+    return; // somebody keeps the list elsewhere
   const bool ours = !existed || made_by_us(list);
   const auto edit = edited(existed ? read_text(list, longest_list) : "", name, listed);
   if (!edit.changed)
@@ -109,10 +123,18 @@ void set_extended_attribute(const URL& url, std::string_view name,
   if (!is_plain_file(path))
     return;
   const auto full_name = attribute_name(name);
-  if (value)
-    file_calls().setxattr(path.c_str(), full_name.c_str(), value->bytes().data(), value->size());
-  else
+  if (!value) {
     file_calls().removexattr(path.c_str(), full_name.c_str());
+    return;
+  }
+  if (file_calls().setxattr(path.c_str(), full_name.c_str(), value->bytes().data(),
+                            value->size()) != 0)
+    return;
+  const int descriptor = file_calls().open(path.c_str(), O_RDONLY | O_NONBLOCK, 0);
+  if (descriptor < 0)
+    return;
+  file_calls().fsync(descriptor); // a mark that a power cut takes away does not warn anybody
+  file_calls().close(descriptor);
 } catch (...) {
   // Best effort: a mark that cannot be set is not worth a download.
 }

@@ -24,6 +24,21 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
+/// Header fields are ASCII; what else a server sends is Latin-1, as of old.
+std::string as_utf8(std::string_view latin) {
+  std::string text;
+  for (const char c : latin) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80) {
+      text += c;
+    } else {
+      text += static_cast<char>(0xC0 | (byte >> 6));
+      text += static_cast<char>(0x80 | (byte & 0x3F));
+    }
+  }
+  return text;
+}
+
 std::optional<std::int64_t> parse_digits(std::string_view text) {
   std::int64_t number = 0;
   const auto* const end = text.data() + text.size();
@@ -68,7 +83,9 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   return last_was_redirect_ ? Line::redirect_end : Line::final_end;
 }
 
-void HeaderCollector::add_field(std::string_view line) {
+void HeaderCollector::add_field(std::string_view raw_line) {
+  const auto text = as_utf8(raw_line);
+  const std::string_view line = text;
   const auto colon = line.find(':');
   if (colon == std::string_view::npos)
     return;
@@ -95,7 +112,8 @@ std::optional<ContentRange> parse_content_range(std::string_view value) {
   const auto end = parse_digits(trimmed(value.substr(dash + 1, slash - dash - 1)));
   const auto total_text = trimmed(value.substr(slash + 1));
   const auto total = parse_digits(total_text);
-  if (!start || !end || *end < *start || (!total && total_text != "*"))
+  const bool beyond = end && total && *end >= *total;
+  if (!start || !end || *end < *start || beyond || (!total && total_text != "*"))
     return std::nullopt;
   return ContentRange{*start, *end, total};
 }

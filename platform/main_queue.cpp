@@ -12,6 +12,7 @@
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 
 namespace platform {
 namespace {
@@ -31,6 +32,7 @@ struct Queue {
   std::size_t length = 0;
   bool awake = false; // the event is set: only the first of many pieces pays for a wake-up
   bool stopped = false;
+  int runs = 0; // calls of `run()` under way, nested ones included
   WakeEvent event;
 };
 
@@ -44,6 +46,14 @@ void wake(Queue& q) {
   if (!q.awake) {
     q.awake = true;
     q.event.set();
+  }
+}
+
+/// The event is set exactly while there is work, so that a loop nested in a callback sees it, too.
+void sleep_if_empty(Queue& q) {
+  if (!q.first) {
+    q.awake = false;
+    q.event.clear();
   }
 }
 
@@ -71,6 +81,7 @@ MainCall* pop() {
     if (!q.first)
       q.last = nullptr;
     --q.length;
+    sleep_if_empty(q);
   }
   return call;
 }
@@ -84,15 +95,31 @@ void run_and_delete(MainCall& call) {
   owned->task();
 }
 
-/// Makes the descriptor readable again for what is still queued, however `drain()` ends.
-struct WakeForTheRest {
-  ~WakeForTheRest() {
+/// Marks that somebody inside `run()` waits for the event, however `run()` ends.
+class Running {
+public:
+  Running() { change(1); }
+  ~Running() { change(-1); }
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+private:
+  static void change(int by) {
     auto& q = queue();
     const std::lock_guard lock(q.mutex);
-    if (q.first || q.stopped)
-      wake(q);
+    q.runs += by;
   }
 };
+
+/// Whether a `run()` is to end now; takes the wish away.
+bool take_stop() {
+  auto& q = queue();
+  const std::lock_guard lock(q.mutex);
+  const bool stopped = std::exchange(q.stopped, false);
+  if (stopped)
+    sleep_if_empty(q);
+  return stopped;
+}
 
 } // namespace
 
@@ -122,11 +149,8 @@ std::size_t MainQueue::drain() {
   std::size_t due = 0;
   {
     const std::lock_guard lock(q.mutex);
-    q.event.clear();
-    q.awake = false;
     due = q.length;
   }
-  const WakeForTheRest rest;
   std::size_t ran = 0;
   for (; ran < due; ++ran) {
     auto* const call = pop();
@@ -139,17 +163,12 @@ std::size_t MainQueue::drain() {
 
 void MainQueue::run() {
   require_main_thread("MainQueue::run()");
-  auto& q = queue();
+  const Running running;
   for (;;) {
     drain();
-    {
-      const std::lock_guard lock(q.mutex);
-      if (q.stopped) {
-        q.stopped = false;
-        return;
-      }
-    }
-    pollfd readable{q.event.descriptor(), POLLIN, 0};
+    if (take_stop())
+      return;
+    pollfd readable{descriptor(), POLLIN, 0};
     poll(&readable, 1, -1);
   }
 }
@@ -158,7 +177,8 @@ void MainQueue::stop() {
   auto& q = queue();
   const std::lock_guard lock(q.mutex);
   q.stopped = true;
-  wake(q);
+  if (q.runs > 0)
+    wake(q);
 }
 
 int MainQueue::descriptor() {

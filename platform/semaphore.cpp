@@ -35,13 +35,17 @@ void DispatchGroup::leave() {
   const std::lock_guard lock(mutex_);
   if (--count_ < 0)
     fatal("a group was left more often than entered");
-  if (count_ == 0)
-    empty_.notify_all(); // under the lock: a waiter may destroy the group once it has returned
+  if (count_ > 0)
+    return;
+  ++times_empty_;
+  empty_.notify_all(); // under the lock: a waiter may destroy the group once it has returned
 }
 
 void DispatchGroup::wait() {
   std::unique_lock lock(mutex_);
-  empty_.wait(lock, [this] { return count_ == 0; });
+  // Jobs that come after the group was empty are not waited for, however soon they come.
+  empty_.wait(lock,
+              [this, before = times_empty_] { return count_ == 0 || times_empty_ != before; });
 }
 
 } // namespace platform

@@ -23,7 +23,7 @@ private:
   sem_t semaphore_;
 };
 
-/// Counts jobs under way. A wait returns when the count is zero.
+/// Counts jobs under way. A wait returns when all that were under way at its start have ended.
 class DispatchGroup {
 public:
   void enter();
@@ -34,6 +34,7 @@ private:
   std::mutex mutex_; // jobs end on a queue's thread while other threads wait
   std::condition_variable empty_;
   long count_ = 0;
+  unsigned long times_empty_ = 0;
 };
 
 } // namespace platform

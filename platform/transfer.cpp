@@ -1,5 +1,6 @@
 #include "platform/transfer.h"
 
+#include "platform/http_date.h"
 #include "platform/range_check.h"
 
 #include <charconv>
@@ -10,6 +11,20 @@ namespace {
 constexpr long most_redirects = 20;
 constexpr long read_size = 128 * 1024;                     // bytes asked of the socket at once
 constexpr long beyond_any_deadline = 24L * 60 * 60 * 1000; // ms; our own deadline decides
+
+/// The seconds, or the seconds until the date, that a "Retry-After" field names.
+std::optional<std::chrono::seconds> parse_wait(const std::string& text) {
+  std::int64_t seconds = 0;
+  const auto* const end = text.data() + text.size();
+  const auto parsed = std::from_chars(text.data(), end, seconds);
+  if (parsed.ec == std::errc() && parsed.ptr == end)
+    return seconds < 0 ? std::nullopt : std::optional(std::chrono::seconds(seconds));
+  const auto date = parse_http_date(text);
+  const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  if (!date || *date < now)
+    return std::nullopt;
+  return *date - now;
+}
 
 } // namespace
 
@@ -155,7 +170,7 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
   if (refused_)
     return Outcome{refused_};
   if (code != CURLE_OK)
-    return Outcome{url_error_for({code, words_, host_, headers_.last_was_redirect()})};
+    return Outcome{failure(code)};
   if (!is_file_ && !response_reported_)
     return Outcome{url_error(URLError::network_connection_lost,
                              "the server ended its answer within the header")};
@@ -165,6 +180,15 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
                                  " of " + std::to_string(asked_size()) + " bytes")};
   report_response();
   return Outcome{};
+}
+
+Error Transfer::failure(CURLcode code) const {
+  if (code == CURLE_OUT_OF_MEMORY && !response_reported_) // said of a line beyond libcurl's bounds
+    return url_error(URLError::bad_server_response, "the header of the answer is too large");
+  char* last_link = nullptr;
+  curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &last_link);
+  const bool left_the_web = last_link && !std::string_view(last_link).starts_with("http");
+  return url_error_for({code, words_, host_, left_the_web});
 }
 
 Error Transfer::no_http() {
@@ -222,11 +246,8 @@ std::optional<Error> Transfer::refusal() const {
     error.refusal = URLLoadingError::Refusal::http_status;
     error.asked_for_range = asks_for_range_;
     error.http_status = response.status;
-    const auto* const wait = find_field(response.header_fields, "Retry-After");
-    std::int64_t seconds = 0;
-    if (wait &&
-        std::from_chars(wait->data(), wait->data() + wait->size(), seconds).ec == std::errc())
-      error.retry_after = std::chrono::seconds(seconds);
+    if (const auto* const wait = find_field(response.header_fields, "Retry-After"))
+      error.retry_after = parse_wait(*wait);
     return Error(std::make_exception_ptr(error));
   }
   const bool unasked = values.require_exact_ranges && !asks_for_range_ && response.status == 206;
@@ -240,7 +261,7 @@ std::optional<Error> Transfer::range_refusal(const std::optional<std::string>& f
     return std::nullopt;
   URLLoadingError error(URLError::bad_server_response, *fault);
   error.refusal = URLLoadingError::Refusal::range;
-  error.asked_for_range = true;
+  error.asked_for_range = asks_for_range_;
   error.http_status = headers_.response().status;
   return Error(std::make_exception_ptr(error));
 }
@@ -268,6 +289,10 @@ std::size_t Transfer::take_body(std::string_view bytes) {
     return CURL_WRITEFUNC_ERROR;
   }
   report_response(); // the content of a local file comes without a header
+  if (is_file_) {    // and is none of a network's business
+    refused_ = url_error(URLError::cancelled, "local files are not downloaded");
+    return CURL_WRITEFUNC_ERROR;
+  }
   const auto rate = task_->configuration().rate_limit;
   waits_for_rate_ = data_allowed_ && rate && !limiter_.may_take(*rate, last_heard_);
   if (!data_allowed_ || waits_for_rate_) {

@@ -47,6 +47,7 @@ private:
   static std::size_t on_header(char* bytes, std::size_t one, std::size_t size, void* self);
   static std::size_t on_body(char* bytes, std::size_t one, std::size_t size, void* self);
   static Error no_http();
+  Error failure(CURLcode code) const;
   std::optional<Error> check_link();
   void set_options();
   void set_request_headers(bool close_connection);

@@ -7,6 +7,8 @@
 #include "support/main_thread.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 
 namespace ravelin {
 
@@ -29,8 +31,14 @@ template <class Step> void with_message(const char* message, Step&& step) {
 }
 
 void remove_if_there(FileManager& fm, const URL& url) {
-  if (fm.file_exists(url))
+  if (!fm.file_exists(url))
+    return;
+  try {
     fm.remove_item(url);
+  } catch (const std::system_error& error) {
+    if (error.code().value() != ENOENT) // somebody else was faster
+      throw;
+  }
 }
 
 std::shared_ptr<ResumeData> read_record(const URL& resume_file) {

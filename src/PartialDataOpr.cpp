@@ -26,6 +26,7 @@ void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
 
 void PartialDataOpr::bg_request(const URL& url, const std::optional<BytesRange>& range,
                                 const StatusClosure& status_closure) {
+  asks_for_whole = !range;
   ephemeral_config = platform::URLSessionConfiguration::ephemeral();
   ephemeral_session = URLSession::make(
       *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
@@ -136,7 +137,24 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
                                 const std::optional<Error>& didCompleteWithError) {
   if (didCompleteWithError && !is_platform_cancellation(*didCompleteWithError))
     task_err = didCompleteWithError;
+  if (!didCompleteWithError && !task_err)
+    task_err = wrong_length();
   sema->signal();
+}
+
+/// A body without a length of its own, or without a body at all, is no whole of the length that
+/// the header probe was told.
+std::optional<Error> PartialDataOpr::wrong_length() const {
+  if (!asks_for_whole || !expected_version || !expected_version->total ||
+      !ephemeral_config->values.require_exact_ranges)
+    return std::nullopt;
+  const auto total = *expected_version->total;
+  const auto got = main_sync([&]() MAIN_ONLY { return total_fetched_bytes; });
+  if (got == total)
+    return std::nullopt;
+  return to_error(URLLoadingError(
+      got < total ? URLError::network_connection_lost : URLError::bad_server_response,
+      "the server announced " + std::to_string(total) + " bytes and sent " + std::to_string(got)));
 }
 
 } // namespace ravelin

@@ -75,6 +75,7 @@ private:
   void start_task(const URL& url, const std::optional<BytesRange>& range,
                   const StatusClosure& status_closure) MAIN_ONLY;
   std::optional<Error> refusal(const platform::URLResponse& response) const;
+  std::optional<Error> wrong_length() const;
   void count_and_deliver(const platform::Data& chunk) MAIN_ONLY;
   void finish(std::optional<Error> error, const StatusClosure& status_closure) MAIN_ONLY;
 
@@ -84,6 +85,7 @@ private:
   std::optional<platform::HeaderFields> http_header;
   std::optional<Error> task_err;
   bool recieved_response = false;
+  bool asks_for_whole = false;
   std::int64_t total_fetched_bytes MAIN_STATE = 0;
   std::optional<std::int64_t> content_len; // bytes of this request's body
   // Written on the main thread; the delegate's queue reads it between the start and the completion

@@ -8,24 +8,37 @@ namespace bramblekit {
 
 using Json = nlohmann::ordered_json;
 
+constexpr int deepest = 32; // what is copied below is copied by recursion
+
 struct KeyedEncoder::Object {
   Json json = Json::object();
   Json& operator[](std::string_view key) { return json[std::string(key)]; }
 };
 
 struct KeyedDecoder::Object {
-  Json json;
+  nlohmann::json json; // sorted: a text of many keys is searched in no time
+
+  static nlohmann::json parsed(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos)
+      throw std::runtime_error("the JSON text has a null byte"); // the parser would stop there
+    using Event = nlohmann::json::parse_event_t;
+    return nlohmann::json::parse(text, [](int depth, Event, nlohmann::json&) {
+      if (depth > deepest)
+        throw std::runtime_error("the JSON text is nested too deeply");
+      return true;
+    });
+  }
 
   [[noreturn]] static void wrong(std::string_view key, const char* what) {
     throw std::runtime_error("the value of \"" + std::string(key) + "\" is " + what);
   }
-  const Json& at(std::string_view key) const {
+  const nlohmann::json& at(std::string_view key) const {
     const auto found = json.find(std::string(key));
     if (found == json.end())
       wrong(key, "missing");
     return *found;
   }
-  static std::int64_t integer(std::string_view key, const Json& value) {
+  static std::int64_t integer(std::string_view key, const nlohmann::json& value) {
     if (!value.is_number_integer())
       wrong(key, "not an integer of 64 bits");
     const bool too_large = value.is_number_unsigned() &&
@@ -78,7 +91,7 @@ std::string KeyedEncoder::text() const {
 }
 
 KeyedDecoder::KeyedDecoder(std::string_view text)
-    : KeyedDecoder(std::make_unique<Object>(Object{Json::parse(text)})) {}
+    : KeyedDecoder(std::make_unique<Object>(Object{Object::parsed(text)})) {}
 
 KeyedDecoder::KeyedDecoder(std::unique_ptr<Object> object) : object_(std::move(object)) {
   if (!object_->json.is_object())
