@@ -1,0 +1,52 @@
+# `cmake --install`: the library for find_package(Ravelin CONFIG) and pkg-config, and the program.
+include(CMakePackageConfigHelpers)
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Ravelin)
+set_target_properties(ravelin PROPERTIES EXPORT_NAME ravelin)
+install(TARGETS ravelin EXPORT RavelinTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ravelin
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT RavelinTargets NAMESPACE ravelin::
+  DESTINATION ${config_dir} COMPONENT development)
+if(NOT BUILD_SHARED_LIBS)
+  set(BUILD_SHARED_LIBS OFF) # unset reads as nothing in the configured file
+endif()
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/RavelinConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/RavelinConfig.cmake INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/RavelinConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/RavelinConfig.cmake
+  ${PROJECT_BINARY_DIR}/RavelinConfigVersion.cmake
+  DESTINATION ${config_dir} COMPONENT development)
+
+# The prefix is found from where the file lies, so that an installed tree can be moved.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+  BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE RAVELIN_PC_PREFIX)
+set(RAVELIN_PC_REQUIRES Requires)
+if(BUILD_SHARED_LIBS)
+  set(RAVELIN_PC_REQUIRES Requires.private)
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/cmake/ravelin.pc.in ${PROJECT_BINARY_DIR}/ravelin.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/ravelin.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+if(TARGET ravelin_program)
+  install(TARGETS ravelin_program
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
+  install(FILES ${PROJECT_SOURCE_DIR}/man/ravelin.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
+  set(zsh_dir zsh/site-functions)
+  if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
+    set(zsh_dir zsh/vendor-completions) # where packages put theirs
+  endif()
+  install(FILES ${PROJECT_SOURCE_DIR}/completions/_ravelin
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/${zsh_dir} COMPONENT program)
+  install(FILES ${PROJECT_SOURCE_DIR}/completions/ravelin.fish
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT program)
+  install(FILES ${PROJECT_SOURCE_DIR}/completions/ravelin.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ravelin
+    COMPONENT program)
+endif()

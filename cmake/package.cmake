@@ -1,0 +1,42 @@
+# `cpack`: Debian packages of a shared build. A static one has no package of its own for the library.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_CONTACT "The ravelin developers <ravelin@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "download files over HTTP in parts and continue them")
+set(CPACK_PACKAGE_DESCRIPTION
+  "Fetches a file over several connections at once, can be stopped at any moment, and continues
+ where it left off, in the same process or another.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_COMPONENTS_ALL development)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the dependencies are read from the binaries...
+set(libcurl "libcurl4 (>= 7.87)")      # ...which show no options of libcurl, only its functions
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libravelin-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Development files of the ravelin download library.")
+if(BUILD_SHARED_LIBS)
+  list(APPEND CPACK_COMPONENTS_ALL library)
+  set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libravelin${PROJECT_VERSION_MAJOR})
+  set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+  set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${libcurl})
+  set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
+  set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The ravelin download library.")
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), libcurl4-openssl-dev | libcurl4-gnutls-dev")
+else()
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libcurl4-openssl-dev | libcurl4-gnutls-dev")
+endif()
+if(TARGET ravelin_program)
+  list(APPEND CPACK_COMPONENTS_ALL program)
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME ravelin)
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION net)
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS ${libcurl})
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_RECOMMENDS ca-certificates)
+  set(CPACK_COMPONENT_PROGRAM_DESCRIPTION "The ravelin command-line download program.")
+endif()
+
+include(CPack)

@@ -1,0 +1,21 @@
+// Downloads one link to one file: ten_lines LINK FILE
+
+#include <ravelin/main_queue.h>
+#include <ravelin/ravelin_operation.h>
+
+#include <cstdio>
+
+using namespace ravelin;
+
+int main(int, char** argv) {
+  const auto download = std::make_shared<RavelinOperation>();
+  download->resume(URL(argv[1]), URL::file(argv[2]), true, OnConflict::resume, [](const Status& s) {
+    if (const auto* now = s.get_if<Status::downloading>())
+      std::printf("%3.0f %%\n", 100 * now->progress.prog_value.value_or(0));
+    else if (const auto* failed = s.get_if<Status::error>())
+      std::printf("%s\n", failed->custom_error.text().c_str());
+    if (s.holds<Status::success>() || s.holds<Status::error>())
+      MainQueue::stop();
+  });
+  MainQueue::run();
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <ravelin/main_queue.h>
+
+#include <memory>
+#include <system_error>
+#include <uv.h>
+
+namespace ravelin {
+
+/// Runs the main queue inside a libuv loop for as long as this object lives, and keeps `uv_run`
+/// from returning for want of other handles.
+///
+/// Threads: all of it belongs to the thread that runs the loop, which must be the main thread.
+/// Errors: the constructor throws what libuv refuses, such as a second adapter on one loop. An
+/// exception of queued work cannot pass through libuv and ends the process.
+/// Ownership: goes before the loop does, which must be run once more to close the handle, as for
+/// every handle of libuv.
+class UvAdapter {
+public:
+  explicit UvAdapter(uv_loop_t* loop) {
+    auto poll = std::make_unique<uv_poll_t>();
+    if (const int refused = uv_poll_init(loop, poll.get(), MainQueue::descriptor()))
+      throw std::system_error(-refused, std::system_category(), "could not watch the main queue");
+    poll_ = poll.release();
+    uv_poll_start(poll_, UV_READABLE, [](uv_poll_t*, int, int) noexcept { MainQueue::drain(); });
+  }
+  ~UvAdapter() {
+    uv_close(reinterpret_cast<uv_handle_t*>(poll_),
+             [](uv_handle_t* handle) { delete reinterpret_cast<uv_poll_t*>(handle); });
+  }
+  UvAdapter(const UvAdapter&) = delete;
+  UvAdapter& operator=(const UvAdapter&) = delete;
+
+private:
+  uv_poll_t* poll_;
+};
+
+} // namespace ravelin
