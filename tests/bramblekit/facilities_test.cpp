@@ -1,0 +1,76 @@
+#include "support/background.h"
+#include "support/collections.h"
+#include "support/errors.h"
+#include "support/file_marks.h"
+#include "support/file_naming.h"
+#include "support/stop_watch.h"
+#include "tests/support/temp_dir.h"
+
+#include <barrier>
+#include <gtest/gtest.h>
+
+namespace bramblekit {
+namespace {
+
+TEST(FileNaming, finds_another_name_that_is_free) {
+  const test::TempDir dir;
+  dir.write("taken (1).mkv", "");
+  const auto at = [&dir](const char* name) { return URL::file(dir / name); };
+  const std::tuple<const char*, std::vector<URL>, const char*> cases[] = {
+      {"movie.mkv", {at("movie (1).mkv"), at("movie (2).mkv")}, "movie (3).mkv"},
+      {"taken.mkv", {at("taken (2).mkv")}, "taken (3).mkv"},
+      {"plain", {}, "plain (1)"},
+      {".hidden", {}, ".hidden (1)"},
+      {"two.tar.gz", {}, "two.tar (1).gz"}};
+  for (const auto& [name, not_allowed, other] : cases)
+    EXPECT_EQ(at(other), generate_non_conflicting_file_url(at(name), not_allowed)) << name;
+}
+
+TEST(Collections, look_up_in_any_case_and_remove_one_element) {
+  const platform::HeaderFields fields{{"content-LENGTH", "5"}, {"Content-Length-X", "6"}};
+  for (const auto* name : {"Content-Length", "content-length", "CONTENT-LENGTH"})
+    EXPECT_EQ("5", case_insensitive(fields, name)) << name;
+  EXPECT_EQ(std::nullopt, case_insensitive(fields, "Content-Lengt"));
+  std::vector<int> numbers{1, 2, 3};
+  for (const int each : {2, 9, 1, 3, 3})
+    remove(numbers, each);
+  EXPECT_TRUE(numbers.empty());
+}
+
+TEST(ExtAttr, sets_and_removes_the_mark_of_a_file) {
+  const test::TempDir dir;
+  const auto url = URL::file(dir.write("a", ""));
+  ext_attr(url)["mark"] = to_data("true");
+  if (!platform::extended_attribute(url, "mark") && errno == ENOTSUP)
+    GTEST_SKIP() << "this file system has no attributes of users";
+  EXPECT_EQ("true", platform::extended_attribute(url, "mark"));
+  for (int i = 0; i < 2; ++i)
+    ext_attr(url)["mark"] = std::nullopt;
+  EXPECT_EQ(std::nullopt, platform::extended_attribute(url, "mark"));
+}
+
+TEST(TextError, says_what_failed_and_where) {
+  const auto error = error_msg("It failed.", "src/Thing", "go(for:)", 123);
+  EXPECT_EQ("It failed.", error.message());
+  for (const auto* part : {"It failed.", "src/Thing", "go(for:)", "123"})
+    EXPECT_NE(std::string::npos, to_error(error).text().find(part)) << part;
+}
+
+TEST(BgAsync, runs_tasks_side_by_side_after_the_delay_that_a_watch_shows) {
+  StopWatch watch;
+  std::barrier all_are_there(3);
+  double times[2] = {};
+  for (auto& time : times)
+    bg_async(&time == times ? 0.3 : 0.0, [&] {
+      time = watch.elapsed_time();
+      all_are_there.arrive_and_wait();
+    });
+  all_are_there.arrive_and_wait();
+  EXPECT_GE(times[0], 0.3);
+  EXPECT_LT(times[1], 0.3);
+  watch.reset();
+  EXPECT_LT(watch.elapsed_time(), 0.3);
+}
+
+} // namespace
+} // namespace bramblekit

@@ -1,0 +1,32 @@
+# Each installed header compiles alone, and none needs one of libcurl or of the JSON library.
+file(GLOB_RECURSE headers ${PREFIX}/include/ravelin/*.h)
+list(LENGTH headers count)
+foreach(header ${headers})
+  set(command ${CXX} -std=c++20 -x c++)
+  if(header MATCHES "integrations/(glib|qt|uv).h")
+    set(package_glib glib-2.0)
+    set(package_qt Qt6Core)
+    set(package_uv libuv)
+    execute_process(COMMAND pkg-config --cflags ${package_${CMAKE_MATCH_1}}
+      OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE missing ERROR_QUIET)
+    if(missing)
+      continue()
+    endif()
+    separate_arguments(flags UNIX_COMMAND "${flags}")
+    list(APPEND command -fPIC ${flags})
+  elseif(header MATCHES "/ravelin/ravelin.h$")
+    set(command ${CC} -std=c99 -pedantic -x c)
+  endif()
+  file(WRITE ${PREFIX}/alone "#include \"${header}\"\n")
+  execute_process(
+    COMMAND ${command} -Wall -Wextra -Werror -fsyntax-only -MD -MF ${PREFIX}/needed
+      -I ${PREFIX}/include ${PREFIX}/alone
+    COMMAND_ERROR_IS_FATAL ANY)
+  file(READ ${PREFIX}/needed needed)
+  if(needed MATCHES "curl/|nlohmann")
+    message(FATAL_ERROR "${header} needs ${CMAKE_MATCH_0}")
+  endif()
+endforeach()
+if(count LESS 14)
+  message(FATAL_ERROR "only ${count} headers were installed")
+endif()
