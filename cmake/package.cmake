@@ -1,4 +1,4 @@
-# `cpack`: Debian packages of a shared build. A static one has no package of its own for the library.
+# `cpack`: Debian packages. The library has one of its own in a shared build only.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The ravelin developers <ravelin@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "download files over HTTP in parts and continue them")
@@ -14,6 +14,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the dependencies are read from the binaries...
 set(libcurl "libcurl4 (>= 7.87)")      # ...which show no options of libcurl, only its functions
 
+set(libcurl_dev "libcurl4-openssl-dev | libcurl4-gnutls-dev") # pkg-config follows it there
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libravelin-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
@@ -26,9 +27,9 @@ if(BUILD_SHARED_LIBS)
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
   set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The ravelin download library.")
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-    "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), libcurl4-openssl-dev | libcurl4-gnutls-dev")
+    "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${libcurl_dev}")
 else()
-  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libcurl4-openssl-dev | libcurl4-gnutls-dev")
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${libcurl_dev})
 endif()
 if(TARGET ravelin_program)
   list(APPEND CPACK_COMPONENTS_ALL program)

@@ -24,22 +24,17 @@ URLError code_for(CURLcode code, bool in_redirect) {
   case CURLE_GOT_NOTHING:
   case CURLE_SEND_ERROR:
   case CURLE_RECV_ERROR:
-  case CURLE_AGAIN:
     return URLError::network_connection_lost;
   case CURLE_TOO_MANY_REDIRECTS:
     return URLError::too_many_redirects;
   case CURLE_WEIRD_SERVER_REPLY:
   case CURLE_HTTP_RETURNED_ERROR:
   case CURLE_RANGE_ERROR:
-  case CURLE_CHUNK_FAILED:
   case CURLE_WRITE_ERROR:
-  case CURLE_HTTP2:
-  case CURLE_HTTP2_STREAM:
     return URLError::bad_server_response;
   case CURLE_BAD_CONTENT_ENCODING:
     return URLError::cannot_decode_content;
   case CURLE_LOGIN_DENIED:
-  case CURLE_REMOTE_ACCESS_DENIED:
   case CURLE_AUTH_ERROR:
     return URLError::user_authentication_required;
   case CURLE_FILE_COULDNT_READ_FILE:

@@ -60,7 +60,7 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   size_ += line.size();
   if (size_ > most_header_bytes)
     return Line::too_large;
-  constexpr std::string_view status_line = "HTTP";
+  constexpr std::string_view status_line = "HTTP/";
   if (!in_head_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
     response_ = {.is_http = true, .status = 0, .header_fields = {}};
     const auto blank = std::min(line.find(' '), line.size() - 1);

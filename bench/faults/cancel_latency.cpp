@@ -42,6 +42,8 @@ double ms_since(Clock::time_point start) {
 struct Run {
   Run(const std::string& link, const std::filesystem::path& file) {
     opr->resume(URL(link), URL::file(file), true, OnConflict::replace, [this](const Status& told) {
+      if (told.holds<Status::files_are_created>())
+        return; // comes on another thread
       connecting = connecting || told.holds<Status::connecting>();
       if (const auto* const some = told.get_if<Status::downloading>())
         received = some->progress.received_bytes;

@@ -9,8 +9,8 @@ namespace test {
 
 // One run of an operation, until its final event.
 struct Downloading {
-  Downloading(ravelin_operation* handle, const char* link, const std::string& file, bool cancels = false,
-      ravelin_on_conflict on_conflict = ravelin_on_conflict_resume)
+  Downloading(ravelin_operation* handle, const char* link, const std::string& file,
+              bool cancels = false, ravelin_on_conflict on_conflict = ravelin_on_conflict_resume)
       : operation(handle), cancels_at_first_bytes(cancels) {
     ravelin_operation_resume(handle, link, file.c_str(), true, on_conflict, on_event, this);
     ravelin_main_queue_run();
