@@ -198,6 +198,8 @@ private:
     const auto opr = std::make_shared<RavelinOperation>();
     opr->resume(URL(server_->url("/0")), URL::file(dir / "probe"), true, OnConflict::stop,
                 [&](const Status& told) {
+                  if (told.holds<Status::files_are_created>())
+                    return; // told on another thread
                   pended = pended || told.holds<Status::pending>();
                   succeeded = told.holds<Status::success>();
                   ended = ended || is_final(told);
