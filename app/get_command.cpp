@@ -89,6 +89,19 @@ private:
   int signal_ = 0;
 };
 
+/// Those that were ignored from the start stay so: "nohup" and shells mean it.
+sigset_t signals_to_stop_at() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction now = {};
+    sigaction(signal, nullptr, &now);
+    if (now.sa_handler != SIG_IGN)
+      sigaddset(&signals, signal);
+  }
+  return signals;
+}
+
 /// The first signal stops the downloads in good order, the second leaves at once: the files can
 /// be continued either way.
 void watch_signals(Batch& batch, const sigset_t& signals) {
@@ -104,10 +117,7 @@ void watch_signals(Batch& batch, const sigset_t& signals) {
 } // namespace
 
 int run_get(const GetOptions& options) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-    sigaddset(&signals, signal);
+  const auto signals = signals_to_stop_at();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr); // before the first thread, which inherits it
   ravelin::set_defaults(options.defaults);
   RavelinOperation::set_max_simultaneous_download_count(options.max_downloads);
