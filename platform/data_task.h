@@ -33,6 +33,7 @@ private:
   const std::shared_ptr<URLSession> session_;
   const URLRequest request_;
   std::shared_ptr<ReceiveBuffer> buffer_; // made before the task starts
+  bool refused_ = false;                  // by the delegate, on its queue
 };
 
 } // namespace platform

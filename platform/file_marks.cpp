@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <mutex>
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -93,6 +94,10 @@ bool made_by_us(const URL& list) {
 }
 
 void edit_list(const fs::path& directory, const std::string& name, bool listed) {
+  // Our own threads wait for each other as long as it takes, and hop to no thread meanwhile: only
+  // others may keep us from the lock.
+  static auto& ours_at_work = *new std::mutex;
+  const std::lock_guard one_of_us(ours_at_work);
   const DirectoryLock lock(directory);
   if (!lock.held())
     return;

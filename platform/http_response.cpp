@@ -56,6 +56,17 @@ const std::string* find_field(const HeaderFields& fields, std::string_view name)
   return found == fields.end() ? nullptr : &found->second;
 }
 
+bool HeaderCollector::redirects_out_of_the_web() const {
+  const auto* const location = find_field(response_.header_fields, "Location");
+  if (!last_was_redirect_ || !location)
+    return false;
+  const auto end = location->find("://");
+  if (end == std::string::npos)
+    return false;
+  const auto scheme = std::string_view(*location).substr(0, end);
+  return !equal_ignoring_case(scheme, "http") && !equal_ignoring_case(scheme, "https");
+}
+
 HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   size_ += line.size();
   if (size_ > most_header_bytes)
@@ -64,7 +75,7 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   if (!in_head_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
     response_ = {.is_http = true, .status = 0, .header_fields = {}};
     const auto blank = std::min(line.find(' '), line.size() - 1);
-    const auto code = line.substr(blank + 1, 3);
+    const auto code = trimmed(line.substr(blank + 1)).substr(0, 3);
     std::from_chars(code.data(), code.data() + code.size(), response_.status);
     in_head_ = true;
     return Line::more;
@@ -72,7 +83,8 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   if (!in_head_)
     return Line::more; // a trailer behind a chunked body
   if (!trimmed(line).empty()) {
-    add_field(line);
+    if (line.front() != ' ' && line.front() != '\t') // else a folded end of the field before
+      add_field(line);
     return Line::more;
   }
   in_head_ = false;

@@ -25,7 +25,8 @@ public:
   /// One line as it came, with its line end.
   Line add(std::string_view line);
   const URLResponse& response() const { return response_; }
-  bool last_was_redirect() const { return last_was_redirect_; }
+  /// Whether the last answer leads to a scheme that is neither http nor https.
+  bool redirects_out_of_the_web() const;
 
 private:
   void add_field(std::string_view line);

@@ -101,8 +101,8 @@ void NetworkThread::perform(const Command& command) {
 
 void NetworkThread::begin(const std::shared_ptr<DataTask>& task) {
   auto transfer = std::make_unique<Transfer>(multi_, task, limiter_);
-  if (auto error = transfer->begin()) {
-    task->complete(std::move(error));
+  if (auto outcome = transfer->begin()) {
+    task->complete(std::move(outcome->error));
     return;
   }
   next_check_ = std::min(next_check_, transfer->deadline());

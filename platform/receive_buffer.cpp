@@ -83,12 +83,12 @@ void ReceiveBuffer::take_back(std::unique_ptr<Block> block) {
   std::unique_lock lock(mutex_);
   if (discarded_)
     return;
-  spare_ = std::move(block);
+  (spare_ ? filling_ : spare_) = std::move(block); // both may come home before either is needed
   resume_if_paused(lock);
 }
 
 void ReceiveBuffer::resume_if_paused(std::unique_lock<std::mutex>& lock) {
-  if (!paused_ || (!spare_ && blocks_ == most_blocks))
+  if (!paused_ || (!filling_ && !spare_ && blocks_ == most_blocks))
     return;
   paused_ = false;
   lock.unlock();

@@ -3,22 +3,31 @@
 #include "platform/http_date.h"
 #include "platform/range_check.h"
 
+#include <algorithm>
 #include <charconv>
+#include <sys/socket.h>
 
 namespace platform {
 namespace {
 
 constexpr long most_redirects = 20;
 constexpr long read_size = 128 * 1024;                     // bytes asked of the socket at once
-constexpr long beyond_any_deadline = 24L * 60 * 60 * 1000; // ms; our own deadline decides
+constexpr long beyond_any_deadline = 24L * 60 * 60 * 1000; // ms
+
+/// As libcurl would, but no program that the application starts inherits the connection.
+curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
 
 /// The seconds, or the seconds until the date, that a "Retry-After" field names.
 std::optional<std::chrono::seconds> parse_wait(const std::string& text) {
   std::int64_t seconds = 0;
   const auto* const end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, seconds);
+  constexpr std::int64_t longest = 366L * 24 * 60 * 60; // seconds; may be added to without overflow
   if (parsed.ec == std::errc() && parsed.ptr == end)
-    return seconds < 0 ? std::nullopt : std::optional(std::chrono::seconds(seconds));
+    return seconds < 0 || seconds > longest ? std::nullopt
+                                            : std::optional(std::chrono::seconds(seconds));
   const auto date = parse_http_date(text);
   const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
   if (!date || *date < now)
@@ -49,16 +58,20 @@ Transfer::~Transfer() {
   curl_slist_free_all(request_headers_);
 }
 
-std::optional<Error> Transfer::begin() {
+std::optional<Transfer::Outcome> Transfer::begin() {
   if (auto error = check_link())
-    return error;
+    return Outcome{std::move(error)};
+  if (is_file_) { // an answer, but none of HTTP: nobody would read the file
+    report_response();
+    return Outcome{};
+  }
   easy_ = curl_easy_init();
   if (!easy_)
-    return url_error(URLError::unknown, "no memory is left for a request");
+    return Outcome{url_error(URLError::unknown, "no memory is left for a request")};
   set_options();
   const auto added = curl_multi_add_handle(multi_, easy_);
   if (added != CURLM_OK)
-    return url_error(URLError::unknown, curl_multi_strerror(added));
+    return Outcome{url_error(URLError::unknown, curl_multi_strerror(added))};
   heard();
   return std::nullopt;
 }
@@ -96,7 +109,7 @@ void Transfer::set_options() {
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L); // a look-up that hangs is left behind, not waited for
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  set(CURLOPT_PROTOCOLS_STR, is_file_ ? "file" : "http,https");
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   set(CURLOPT_FOLLOWLOCATION, 1L);
   set(CURLOPT_MAXREDIRS, most_redirects);
@@ -104,7 +117,10 @@ void Transfer::set_options() {
   set(CURLOPT_FORBID_REUSE, 1L);
   set(CURLOPT_TCP_KEEPALIVE, 1L);
   set(CURLOPT_BUFFERSIZE, read_size);
-  set(CURLOPT_CONNECTTIMEOUT_MS, beyond_any_deadline);
+  // As long as ours; libcurl shares it out among the addresses of a host.
+  set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::clamp<std::int64_t>(
+                                     silence_allowed_.count(), 1, beyond_any_deadline)));
+  set(CURLOPT_OPENSOCKETFUNCTION, open_socket);
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_HEADERFUNCTION, on_header);
   set(CURLOPT_HEADERDATA, this);
@@ -154,9 +170,10 @@ void Transfer::go_on() {
 }
 
 std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
-  const bool bad_length_perhaps =
-      code == CURLE_WEIRD_SERVER_REPLY && !response_reported_ && !length_ignored_;
-  if (bad_length_perhaps) {
+  const bool length_refused =
+      code == CURLE_WEIRD_SERVER_REPLY && !response_reported_ && !length_ignored_ &&
+      std::string_view(words_).find("Content-Length") != std::string_view::npos;
+  if (length_refused) {
     // libcurl gives up at a length that is no number. The answer is still one: the body then ends
     // where the connection does.
     length_ignored_ = true;
@@ -164,14 +181,14 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
     curl_multi_remove_handle(multi_, easy_);
     curl_easy_setopt(easy_, CURLOPT_IGNORE_CONTENT_LENGTH, 1L);
     set_request_headers(true);
-    curl_multi_add_handle(multi_, easy_);
-    return std::nullopt;
+    if (curl_multi_add_handle(multi_, easy_) == CURLM_OK)
+      return std::nullopt;
   }
   if (refused_)
     return Outcome{refused_};
   if (code != CURLE_OK)
     return Outcome{failure(code)};
-  if (!is_file_ && !response_reported_)
+  if (!response_reported_)
     return Outcome{url_error(URLError::network_connection_lost,
                              "the server ended its answer within the header")};
   if (asked_ && received_ < asked_size())
@@ -185,10 +202,7 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
 Error Transfer::failure(CURLcode code) const {
   if (code == CURLE_OUT_OF_MEMORY && !response_reported_) // said of a line beyond libcurl's bounds
     return url_error(URLError::bad_server_response, "the header of the answer is too large");
-  char* last_link = nullptr;
-  curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &last_link);
-  const bool left_the_web = last_link && !std::string_view(last_link).starts_with("http");
-  return url_error_for({code, words_, host_, left_the_web});
+  return url_error_for({code, words_, host_, headers_.redirects_out_of_the_web()});
 }
 
 Error Transfer::no_http() {
@@ -210,13 +224,16 @@ Error Transfer::timed_out() const {
                                             text + " seconds");
 }
 
-std::size_t Transfer::on_header(char* bytes, std::size_t one, std::size_t size, void* self) {
+std::size_t Transfer::on_header(char* bytes, std::size_t one, std::size_t size,
+                                void* self) noexcept {
   auto& transfer = *static_cast<Transfer*>(self);
   return transfer.take_header({bytes, one * size}) ? one * size : CURL_WRITEFUNC_ERROR;
 }
 
 bool Transfer::take_header(std::string_view line) {
   heard();
+  if (response_reported_)
+    return true; // a trailer
   const auto seen = headers_.add(line);
   if (seen == HeaderCollector::Line::too_large) {
     refused_ = url_error(URLError::bad_server_response, "the header of the answer is too large");
@@ -235,7 +252,8 @@ std::optional<Error> Transfer::refusal() const {
   const auto& values = task_->configuration();
   const auto& response = headers_.response();
   const auto* const length = find_field(response.header_fields, "Content-Length");
-  if (length && !length_ignored_ && length->find(',') != std::string::npos)
+  if (values.require_exact_ranges && length && !length_ignored_ &&
+      length->find(',') != std::string::npos)
     return url_error(URLError::bad_server_response,
                      "the server announced different lengths: " + *length);
   const bool has_no_content =
@@ -270,6 +288,7 @@ void Transfer::report_response() {
   if (std::exchange(response_reported_, true))
     return;
   auto response = headers_.response();
+  response.is_http = !is_file_;
   // What libcurl could not read is no length: a negative one would make empty parts.
   if (length_ignored_ && task_->configuration().require_exact_ranges)
     std::erase_if(response.header_fields, [](const auto& field) {
@@ -278,19 +297,16 @@ void Transfer::report_response() {
   task_->receive_response(response);
 }
 
-std::size_t Transfer::on_body(char* bytes, std::size_t one, std::size_t size, void* self) {
+std::size_t Transfer::on_body(char* bytes, std::size_t one, std::size_t size, void* self) noexcept {
   return static_cast<Transfer*>(self)->take_body({bytes, one * size});
 }
 
 std::size_t Transfer::take_body(std::string_view bytes) {
+  if (refused_)
+    return CURL_WRITEFUNC_ERROR; // an error out of curl_easy_pause() does not end the transfer
   heard();
-  if (!response_reported_ && !is_file_) {
+  if (!response_reported_) {
     refused_ = no_http();
-    return CURL_WRITEFUNC_ERROR;
-  }
-  report_response(); // the content of a local file comes without a header
-  if (is_file_) {    // and is none of a network's business
-    refused_ = url_error(URLError::cancelled, "local files are not downloaded");
     return CURL_WRITEFUNC_ERROR;
   }
   const auto rate = task_->configuration().rate_limit;

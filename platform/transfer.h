@@ -24,16 +24,16 @@ public:
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
-  /// Hands the request to libcurl, or says why it cannot be one.
-  std::optional<Error> begin();
+  struct Outcome {
+    std::optional<Error> error;
+  };
+  /// Hands the request to libcurl. Otherwise the outcome: it is over already.
+  std::optional<Outcome> begin();
   /// The delegate wants the body.
   void allow_data();
   /// Goes on after a pause; nothing happens if there is none.
   void go_on();
   /// libcurl is done. Nothing: the request was sent again and goes on. Otherwise the outcome.
-  struct Outcome {
-    std::optional<Error> error;
-  };
   std::optional<Outcome> ended(CURLcode code);
 
   /// When the server will have been silent for too long; never while we hold it back ourselves.
@@ -44,8 +44,8 @@ public:
   DataTask& task() const { return *task_; }
 
 private:
-  static std::size_t on_header(char* bytes, std::size_t one, std::size_t size, void* self);
-  static std::size_t on_body(char* bytes, std::size_t one, std::size_t size, void* self);
+  static std::size_t on_header(char* bytes, std::size_t one, std::size_t size, void* self) noexcept;
+  static std::size_t on_body(char* bytes, std::size_t one, std::size_t size, void* self) noexcept;
   static Error no_http();
   Error failure(CURLcode code) const;
   std::optional<Error> check_link();

@@ -1,5 +1,6 @@
 #include "platform/url_session.h"
 
+#include "platform/curl_errors.h"
 #include "platform/data_task.h"
 #include "platform/network_thread.h"
 
@@ -37,10 +38,11 @@ void DataTask::cancel() {
 void DataTask::receive_response(URLResponse response) {
   session_->delegate_queue_.async([self = shared_from_this(), response = std::move(response)] {
     const auto decide = [self](ResponseDisposition disposition) {
-      if (disposition == ResponseDisposition::allow)
-        NetworkThread::instance().allow_data(self);
-      else
+      self->refused_ = disposition == ResponseDisposition::cancel;
+      if (self->refused_)
         NetworkThread::instance().cancel(self);
+      else
+        NetworkThread::instance().allow_data(self);
     };
     if (const auto delegate = self->session_->delegate_.lock())
       delegate->urlSession(*self->session_, *self, response, decide);
@@ -71,8 +73,10 @@ void DataTask::complete(std::optional<Error> error) {
     buffer_->finish();
   session_->delegate_queue_.async([self = shared_from_this(), error = std::move(error)] {
     self->deliver_data();
+    // A refused task was cancelled, whatever its connection met before that was carried out.
+    const auto outcome = self->refused_ ? url_error(URLError::cancelled, "cancelled") : error;
     if (const auto delegate = self->session_->delegate_.lock())
-      delegate->urlSession(*self->session_, *self, error);
+      delegate->urlSession(*self->session_, *self, outcome);
   });
 }
 

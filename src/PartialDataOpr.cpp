@@ -59,6 +59,8 @@ void PartialDataOpr::start_task(const URL& url, const std::optional<BytesRange>&
   auto task = ephemeral_session->data_task(std::move(request));
   task->resume();
   data_task = std::move(task);
+  if (is_cancelled()) // by the callback just now, when there was no task yet
+    data_task->cancel();
 }
 
 void PartialDataOpr::finish(std::optional<Error> error, const StatusClosure& status_closure) {

@@ -1,11 +1,12 @@
 #include "support/file_naming.h"
 
-#include "platform/file_manager.h"
-
 #include <algorithm>
+#include <filesystem>
 #include <string>
 
 namespace bramblekit {
+
+namespace fs = std::filesystem;
 
 std::optional<URL> generate_non_conflicting_file_url(const URL& from,
                                                      const std::vector<URL>& not_allowed_urls) {
@@ -16,7 +17,9 @@ std::optional<URL> generate_non_conflicting_file_url(const URL& from,
   for (int number = 1; number <= most_attempts; ++number) {
     const auto name = base + " (" + std::to_string(number) + ")" + extension;
     auto candidate = URL::file(path.parent_path() / name);
-    const bool taken = platform::FileManager::default_manager().file_exists(candidate) ||
+    std::error_code unreadable; // a link that leads nowhere, or a name nobody may look at, is taken
+    const auto there = fs::symlink_status(candidate.path(), unreadable).type();
+    const bool taken = there != fs::file_type::not_found ||
                        std::ranges::find(not_allowed_urls, candidate) != not_allowed_urls.end();
     if (!taken)
       return candidate;

@@ -199,5 +199,21 @@ TEST_F(RavelinOperationConflictTest, takes_over_from_one_that_waits_for_a_slot) 
   finish(other);
 }
 
+TEST_F(RavelinOperationConflictTest, takes_over_from_one_that_a_callback_started_just_now) {
+  serve_stalling();
+  auto& a = start_stalled("file.bin");
+  Download* b = nullptr;
+  a.then = [&](const std::string& event) {
+    if (event == "cancelling")
+      b = &start({});
+  };
+  auto& c = start({});
+  released = true;
+  finish(a);
+  EXPECT_EQ(finish(*b).story(), "cancelling cancelled");
+  EXPECT_TRUE(finish(c).story().ends_with(continued));
+  EXPECT_EQ(c.content(), body);
+}
+
 } // namespace
 } // namespace test

@@ -151,6 +151,7 @@ TEST_F(RavelinOperationTest, lets_the_other_parts_end_when_one_fails) {
   EXPECT_EQ(run.received(), 4005);
   serve(Reply{.body = body});
   EXPECT_TRUE(download({}).content() == body);
+  EXPECT_EQ(asked(), "all 2005-2999");
 }
 
 // Odd, and kept: the save that failed stops the parts, which end as cancelled and not as failed.

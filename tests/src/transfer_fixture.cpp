@@ -107,9 +107,7 @@ bool Download::ended() const {
 
 std::string Download::error_text() const {
   const auto error = last<Status::error>();
-  const auto* const other = error ? error->custom_error.get_if<CustomError::other>() : nullptr;
-  const auto* const text = other ? other->error.get_if<TextError>() : nullptr;
-  return text ? text->message() : error ? error->custom_error.text() : "";
+  return error ? error->custom_error.text() : "";
 }
 
 std::int64_t Download::received() const {

@@ -70,9 +70,9 @@ struct Download {
   // The events' names in order, those of the progress once; errors under the name of their kind.
   std::string story() const;
   bool ended() const;
-  std::string error_text() const; // without the place that raised it
-  std::int64_t received() const;  // bytes
-  std::string content() const;    // of the destination
+  std::string error_text() const;
+  std::int64_t received() const; // bytes
+  std::string content() const;   // of the destination
   // Checks what holds for every run, and that the files fit its end.
   void verify() const;
   template <class Case> std::optional<Case> last() const {
