@@ -1,12 +1,35 @@
 #include "platform/data.h"
 
 #include <algorithm>
+#include <new>
+#include <sys/mman.h>
 
 namespace platform {
+namespace {
+
+constexpr std::size_t large = 64 * 1024; // bytes
+
+std::unique_ptr<std::byte[], Block::GivesBack> obtain(std::size_t size) {
+  if (size < large)
+    return {new std::byte[size], {}};
+  void* const mapped =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED)
+    throw std::bad_alloc();
+  return {static_cast<std::byte*>(mapped), {size}};
+}
+
+} // namespace
 
 Block::Block(std::size_t capacity_in_bytes)
-    : bytes(std::make_unique_for_overwrite<std::byte[]>(capacity_in_bytes)),
-      capacity(capacity_in_bytes) {}
+    : bytes(obtain(capacity_in_bytes)), capacity(capacity_in_bytes) {}
+
+void Block::GivesBack::operator()(std::byte* given) const {
+  if (mapped > 0)
+    munmap(given, mapped);
+  else
+    delete[] given;
+}
 
 Data::Data(std::unique_ptr<Block> block) : block_(block.release()) {
   block_->holders.store(1, std::memory_order_relaxed);

@@ -12,10 +12,16 @@ namespace platform {
 /// Takes blocks back whose bytes nobody needs any more.
 class BlockHome;
 
-/// A run of bytes of fixed capacity, never zeroed.
+/// A run of bytes of fixed capacity, never zeroed by us.
 struct Block {
   explicit Block(std::size_t capacity_in_bytes);
-  std::unique_ptr<std::byte[]> bytes;
+  /// Large ones come straight from the system and go straight back: kept by the allocator, they
+  /// would lie between what lives long and stay resident.
+  struct GivesBack {
+    std::size_t mapped = 0; // bytes
+    void operator()(std::byte* bytes) const;
+  };
+  std::unique_ptr<std::byte[], GivesBack> bytes;
   std::size_t capacity;
   std::size_t size = 0;
   std::shared_ptr<BlockHome> home; // set while the block is lent out

@@ -134,6 +134,8 @@ int many_kills(long wanted, unsigned seed) {
     });
   for (auto& thread : threads)
     thread.join();
+  if (downloads == 0)
+    return 0;
   const auto size = static_cast<double>(source.body().size());
   std::printf("seed %u: %ld kills, %d downloads, %d corrupt, %.3f bytes sent per byte of file\n",
               seed, kills.load(), downloads.load(), corrupt.load(),

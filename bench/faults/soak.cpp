@@ -99,6 +99,7 @@ public:
     require(samples[2].descriptors <= samples[1].descriptors + 4, "descriptors pile up");
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     require(samples[2].allocated <= samples[1].allocated + 1024, "memory piles up");
+    require(samples[2].resident <= samples[0].resident + 8 * 1024, "memory grows");
 #endif
     return faults_;
   }
