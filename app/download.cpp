@@ -178,10 +178,8 @@ void Download::on_error(const CustomError& error) {
                           printable(reason_of(error))));
     break;
   case Remedy::try_again:
-    view_.say(fmt::format("ravelin: {}: {}; trying again in {:.1f} s ({} of {})", printable(link_),
-                          printable(reason_of(error)),
-                          std::chrono::duration<double>(retries_.wait()).count(),
-                          retries_.attempt(), retries_.most_retries()));
+    view_.say(fmt::format("ravelin: {}: {}; {}", printable(link_), printable(reason_of(error)),
+                          retries_.words()));
     break;
   }
   retry_later();

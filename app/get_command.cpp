@@ -2,6 +2,7 @@
 
 #include "app/download.h"
 #include "app/leftovers.h"
+#include "app/name_question.h"
 #include "app/naming.h"
 #include "ravelin/main_queue.h"
 
@@ -25,26 +26,25 @@ using ravelin::RavelinOperation;
 /// Threads: main thread.
 class Batch {
 public:
-  Batch(const GetOptions& options) : view_(options.quiet || options.events) {
-    std::set<fs::path> taken;
-    for (const auto& link : options.links) {
-      auto file = options.output.value_or(name_from_link(link));
-      if (file.is_relative() && !options.directory.empty())
-        file = options.directory / file;
-      downloads_.push_back(std::make_shared<Download>(link, unused(file, taken), options, view_));
-    }
-  }
+  explicit Batch(const GetOptions& options)
+      : options_(options), view_(options.quiet || options.events), files_(options.links.size()) {}
 
   void start() {
-    running_ = downloads_.size();
-    for (const auto& download : downloads_)
-      lines_[record_of(download->file())].push_back(download);
-    for (auto& [record, line] : lines_)
-      begin_first(line);
+    for (std::size_t i = 0; i < files_.size(); ++i) {
+      const auto& link = options_.links[i];
+      const auto name = options_.output.value_or(name_from_link(link));
+      if (!options_.output && (options_.remote_names || name == no_name))
+        questions_.emplace_back(i, std::make_shared<NameQuestion>(link, options_, view_));
+      else
+        files_[i] = name;
+    }
+    ask_more();
   }
 
   void interrupt(int signal) {
     signal_ = signal;
+    for (std::size_t i = 0; i < asked_; ++i)
+      questions_[i].second->cancel();
     for (const auto& download : downloads_)
       download->cancel();
   }
@@ -57,6 +57,42 @@ public:
   }
 
 private:
+  void ask_more() {
+    for (; !signal_ && asking_ < options_.max_downloads && asked_ < questions_.size(); ++asked_) {
+      ++asking_;
+      const auto& [number, question] = questions_[asked_];
+      question->start([this, file = &files_[number]](const std::optional<std::string>& name) {
+        *file = name;
+        --asking_;
+        ask_more();
+      });
+    }
+    if (asking_ == 0)
+      begin();
+  }
+
+  /// With all names known, so that links of one name get the same ones in every run.
+  void begin() {
+    std::set<fs::path> taken;
+    for (std::size_t i = 0; i < files_.size() && !signal_; ++i) {
+      any_failed_ = any_failed_ || !files_[i];
+      if (!files_[i])
+        continue;
+      auto file = *files_[i];
+      if (file.is_relative() && !options_.directory.empty())
+        file = options_.directory / file;
+      downloads_.push_back(
+          std::make_shared<Download>(options_.links[i], unused(file, taken), options_, view_));
+    }
+    running_ = downloads_.size();
+    for (const auto& download : downloads_)
+      lines_[record_of(download->file())].push_back(download);
+    for (auto& [record, line] : lines_)
+      begin_first(line);
+    if (running_ == 0)
+      MainQueue::stop();
+  }
+
   /// Two links that suggest one name must not share a file.
   static fs::path unused(const fs::path& file, std::set<fs::path>& taken) {
     auto name = file;
@@ -81,7 +117,12 @@ private:
       MainQueue::stop();
   }
 
+  const GetOptions& options_;
   ProgressView view_;
+  std::vector<std::optional<fs::path>> files_; // by the numbers of the links
+  std::vector<std::pair<std::size_t, std::shared_ptr<NameQuestion>>> questions_;
+  std::size_t asked_ = 0;
+  std::int64_t asking_ = 0;
   std::vector<std::shared_ptr<Download>> downloads_;
   std::map<fs::path, Line> lines_; // those that share a resume record go one after the other
   std::size_t running_ = 0;

@@ -42,15 +42,21 @@ std::string name_from_link(std::string_view link) {
     link.remove_prefix(scheme + 3);
   const auto path = link.find('/');
   if (path == std::string_view::npos)
-    return "download";
+    return no_name;
   const auto segment = link.substr(link.find_last_of('/') + 1);
-  auto name = ravelin::URL("file:///" + std::string(segment)).path().native().substr(1);
+  const auto name = ravelin::URL("file:///" + std::string(segment)).path().native().substr(1);
+  return usable_name(name).value_or(no_name);
+}
+
+std::optional<std::string> usable_name(std::string name) {
   std::ranges::replace_if(
       name, [](unsigned char c) { return c == '/' || c < 0x20 || c == 0x7F; }, '_');
   constexpr std::size_t longest = 200; // bytes; leaves room for the names beside it
   if (name.size() > longest)
     name.resize(longest);
-  return name.empty() || name == "." || name == ".." ? "download" : name;
+  if (name.empty() || name == "." || name == "..")
+    return std::nullopt;
+  return name;
 }
 
 std::string printable(std::string_view text) {

@@ -38,6 +38,8 @@ void add_get_options(CLI::App& get, GetOptions& options, Raw& raw) {
   get.add_option("URL", options.links, "Links to download (http or https)");
   get.add_option("-o,--output", raw.output, "Write to this file instead of one named by the link");
   get.add_option("-d,--dir", raw.directory, "Put files into this directory");
+  get.add_flag("-J,--remote-header-name", options.remote_names,
+               "Ask the server for the file's name; done anyway where the link has none");
   get.add_option("-i,--input-file", raw.input, "Read links from a file, one a line; - is stdin");
   get.add_option("-c,--on-conflict", raw.policy,
                  "When the file is there already: resume (default), replace, keep_both or stop")

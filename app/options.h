@@ -18,6 +18,7 @@ struct GetOptions {
   std::vector<std::string> links;
   std::optional<std::filesystem::path> output;
   std::filesystem::path directory;
+  bool remote_names = false;
   ravelin::OnConflict on_conflict = ravelin::OnConflict::resume;
   bool split = true;
   std::int64_t max_downloads = 5;

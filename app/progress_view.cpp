@@ -163,8 +163,9 @@ std::string ProgressView::text_of(const Row& row, std::size_t width) const {
   const double share = static_cast<double>(*progress.prog_value);
   const auto left = static_cast<double>(*progress.content_length - progress.received_bytes);
   const auto numbers =
-      fmt::format(" {:3.0f}% {}/{} {:>12} {}", std::floor(share * 100), size,
-                  human_size(*progress.content_length), rate, human_time(left / row.rate));
+      fmt::format(" {:3.0f}% {:>20} {:>12} {}", std::floor(share * 100),
+                  size + "/" + human_size(*progress.content_length), rate,
+                  human_time(left / row.rate)); // of one width, so that bars stand in columns
   const auto room =
       width > name_width + numbers.size() + 4 ? width - name_width - numbers.size() - 4 : 0;
   if (room < 5)

@@ -1,5 +1,7 @@
 #include "app/retry.h"
 
+#include <fmt/core.h>
+
 #include <algorithm>
 #include <random>
 
@@ -71,6 +73,11 @@ Remedy RetryPolicy::judge(const CustomError& error, std::int64_t received, bool 
   if (loading && loading->retry_after)
     wait_ = std::clamp<milliseconds>(*loading->retry_after, wait_, longest_wait_asked_for);
   return Remedy::try_again;
+}
+
+std::string RetryPolicy::words() const {
+  return fmt::format("trying again in {:.1f} s ({} of {})",
+                     std::chrono::duration<double>(wait_).count(), attempt_, most_retries_);
 }
 
 } // namespace app

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 
 namespace app {
 
@@ -20,7 +21,8 @@ public:
   /// How long to wait before the attempt that `judge` just granted.
   std::chrono::milliseconds wait() const { return wait_; }
   int attempt() const { return attempt_; }
-  int most_retries() const { return most_retries_; }
+  /// "trying again in 1.5 s (2 of 5)".
+  std::string words() const;
 
 private:
   int most_retries_;

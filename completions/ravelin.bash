@@ -2,9 +2,9 @@
 _ravelin() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local commands="get status clear"
-  local options="--output --dir --input-file --on-conflict --no-split --max-downloads --sha256
-    --retry --header --limit-rate --proxy --cacert --user-agent --timeout --no-safeguards --quiet
-    --events --help"
+  local options="--output --dir --remote-header-name --input-file --on-conflict --no-split
+    --max-downloads --sha256 --retry --header --limit-rate --proxy --cacert --user-agent --timeout
+    --no-safeguards --quiet --events --help"
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$word")

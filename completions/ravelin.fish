@@ -8,6 +8,7 @@ complete -c ravelin -n '__fish_seen_subcommand_from status clear' -F
 set -l get -n '__fish_seen_subcommand_from get'
 complete -c ravelin $get -s o -l output -r -F -d 'Write to this file'
 complete -c ravelin $get -s d -l dir -x -a '(__fish_complete_directories)' -d 'Put files into this directory'
+complete -c ravelin $get -s J -l remote-header-name -d 'Ask the server for the name'
 complete -c ravelin $get -s i -l input-file -r -F -d 'Read links from a file'
 complete -c ravelin $get -s c -l on-conflict -x -a 'resume replace keep_both stop' -d 'When the file is there'
 complete -c ravelin $get -l no-split -d 'Use one connection'

@@ -48,13 +48,16 @@ namespace platform {
 /// A failed request. `what()` is the networking layer's own words; `code()` holds a `URLError`.
 class [[gnu::visibility("default")]] URLLoadingError : public std::system_error {
 public:
+  /// `text`: the networking layer's own words.
   URLLoadingError(URLError code, std::string text);
+  /// The text alone, without the code's.
   const char* what() const noexcept override {
     return text_.c_str();
   }
 
   /// What a safeguard found wrong with an answer.
   enum class Refusal { none, http_status, range, changed_content };
+  /// `none` unless a safeguard refused the answer.
   Refusal refusal = Refusal::none;
   /// Whether the request asked for a range.
   bool asked_for_range = false;
@@ -95,6 +98,7 @@ public:
       return nullptr;
     }
   }
+  /// Whether it is an `E`, or derived from one.
   template <class E> bool is() const {
     return get_if<E>() != nullptr;
   }

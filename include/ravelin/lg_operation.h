@@ -18,10 +18,13 @@ public:
   LGOperation(const LGOperation&) = delete;
   LGOperation& operator=(const LGOperation&) = delete;
 
+  /// Whether a run is under way.
   virtual bool is_busy() const;
+  /// Begins a run.
   virtual void activate();
-  /// Forgets a request to stop, too.
+  /// Ends a run. Forgets a request to stop, too.
   virtual void free();
+  /// Whether it has been asked to stop.
   virtual bool is_cancelled() const;
   /// Asks the work under way to stop. On an idle operation the request waits for the next run.
   virtual void cancel();

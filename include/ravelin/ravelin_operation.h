@@ -42,11 +42,11 @@ struct ContentVersion;
 /// dropped in the middle of a download, which then goes on.
 class [[gnu::visibility("default")]] RavelinOperation final : public LGOperation {
 public:
-  using Status = ravelin::Status;
-  using State = ravelin::State;
-  using Progress = ravelin::Progress;
-  using CustomError = ravelin::CustomError;
-  using OnConflict = ravelin::OnConflict;
+  using Status = ravelin::Status;           ///< what the callback is told
+  using State = ravelin::State;             ///< where an operation stands
+  using Progress = ravelin::Progress;       ///< how far it has come
+  using CustomError = ravelin::CustomError; ///< why it failed
+  using OnConflict = ravelin::OnConflict;   ///< what becomes of a file that is there
 
   /// Called on the main thread, `Status::files_are_created` excepted, until after a final event;
   /// never after it for the same run. `files_are_created` may come while the main thread is inside
@@ -68,14 +68,17 @@ public:
   void resume(const URL& link, const URL& dest_file, bool split_allowed, OnConflict on_conflict,
               StatusClosure status_closure);
 
+  /// Where it stands now.
   State state() const;
 
   /// Spacing of the snap points in parts of the whole; 0.1 unless set. Not checked.
   float progress_snap_interval() const;
+  /// Sets it.
   void set_progress_snap_interval(float interval);
 
   /// How many downloads run at once; the others wait in order. 5 unless set, never below 1.
   static std::int64_t max_simultaneous_download_count();
+  /// Sets it; less than 1 means 1.
   static void set_max_simultaneous_download_count(std::int64_t count);
 
   /// How far the destination has come by its resume record, without an operation. Reads one small

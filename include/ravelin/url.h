@@ -29,6 +29,7 @@ public:
   /// The link as given; for a file URL, "file://" and the percent-encoded absolute path.
   std::string text() const;
 
+  /// For containers.
   std::size_t hash() const {
     return std::hash<std::string>()(text_);
   }
@@ -47,6 +48,8 @@ namespace ravelin {
 using platform::URL;
 } // namespace ravelin
 
+/// URLs as keys of containers.
 template <> struct std::hash<platform::URL> {
+  /// Any thread.
   std::size_t operator()(const platform::URL& url) const { return url.hash(); }
 };

@@ -218,6 +218,39 @@ TEST(ProgramGet, takes_names_of_any_bytes) {
   }
 }
 
+TEST(ProgramGet, takes_the_name_that_the_server_tells) {
+  std::atomic<bool> hurry = false, busy = true;
+  const ScriptedServer server([&](const Request& request) {
+    if (request.target == "/lost" || (request.target == "/get" && busy.exchange(false)))
+      return Reply{.status = request.target == "/lost" ? 404 : 503};
+    auto reply = hurry ? quick : slow;
+    reply.headers = {{"Content-Disposition", "attachment; filename*=UTF-8''movie%201.mkv"}};
+    return reply;
+  });
+  const TempDir dir;
+  const std::vector<std::string> command{"get", "-J",       "--events",
+                                         "-d",  dir.path(), server.url("/get")};
+  Program first(command);
+  await_bytes(first);
+  first.signal(SIGINT);
+  EXPECT_EQ(first.wait(), 130) << first.err();
+  EXPECT_TRUE(says(run({"status", dir / "movie 1.mkv"}).out, "can be continued"));
+  hurry = true;
+  EXPECT_EQ(run(command).status, 0);
+  EXPECT_TRUE(dir.read("movie 1.mkv") == body);
+  const auto get = [&](std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"get", "-q", "-d", dir.path()});
+    return run(arguments).status;
+  };
+  EXPECT_EQ(get({"-o", "given", "-J", server.url("/get")}), 0);
+  EXPECT_EQ(get({server.url("/link"), server.url("/"), server.url("/")}), 0);
+  EXPECT_EQ(get({"-J", server.url("/lost"), server.url("/get")}), 1) << "and gets the other";
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(dir.path()))
+    names.insert(entry.path().filename());
+  EXPECT_EQ(names, (std::set<std::string>{"movie 1.mkv", "given", "link", "movie 1 (1).mkv"}));
+}
+
 TEST(ProgramGet, downloads_every_link_of_a_list_and_clear_removes_them) {
   const ScriptedServer server(quick);
   const TempDir dir;

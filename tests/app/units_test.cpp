@@ -1,3 +1,4 @@
+#include "app/content_disposition.h"
 #include "app/event_lines.h"
 #include "app/naming.h"
 #include "app/options.h"
@@ -70,6 +71,44 @@ TEST(Naming, takes_a_safe_name_from_a_link) {
   }
   EXPECT_EQ(with_scheme("h/x"), "http://h/x");
   EXPECT_EQ(with_scheme("ftp://h/x"), "ftp://h/x");
+}
+
+TEST(Naming, takes_a_safe_name_from_a_content_disposition) {
+  const std::optional<std::string> none;
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {"attachment; filename=\"movie.mkv\"", "movie.mkv"},
+      {"ATTACHMENT;FileName = movie.mkv ; size=1", "movie.mkv"},
+      {"inline; filename=two words.txt", "two words.txt"},
+      {"attachment; x=\"; filename=no\"; filename=yes", "yes"},
+      {"attachment; filename=\"a\\\"b\\\\c.txt\"", "c.txt"},
+      {"attachment; filename=\"a \\\"b\\\" c;d.txt\"", "a \"b\" c;d.txt"},
+      {"attachment; filename=old; filename*=UTF-8''na%C3%AFve%20%e2%82%ac.txt",
+       "na\xC3\xAFve \xE2\x82\xAC.txt"},
+      {"attachment; filename*=utf-8'en'new; filename=old", "new"},
+      {"attachment; filename=first; filename=second", "first"},
+      {"attachment; filename=old; filename*=ISO-8859-1''%E4", "old"},
+      {"attachment; filename=old; filename*=UTF-8''%E4", "old"},
+      {"attachment; filename=old; filename*=UTF-8''..", "old"},
+      {"attachment; filename=old; filename*=new", "old"},
+      {"attachment; filename=\"\xC3\x83\xC2\xA4\"", "\xC3\xA4"}, // UTF-8 read as Latin-1
+      {"attachment; filename=\"\xC3\xA4\"", "\xC3\xA4"},         // Latin-1
+      {"attachment; filename=\"../../etc/passwd\"", "passwd"},
+      {"attachment; filename=\"C:\\dir\\file.txt\"", "file.txt"},
+      {"attachment; filename*=UTF-8''..%2F%2e%2e%5Cx", "x"},
+      {"attachment; filename*=UTF-8''a%00b%0Ac%7F", "a_b_c_"},
+      {"attachment; filename=.bashrc", "_bashrc"},
+      {"attachment; filename=" + std::string(300, 'x'), std::string(200, 'x')},
+      {"attachment; filename=\"open", "open"},
+      {"attachment; filename=\"open\\", none},
+      {"attachment; filename=\"..\"", none},
+      {"attachment; filename=dir/", none},
+      {"attachment; filename=", none},
+      {"attachment; filename", none},
+      {"attachment", none},
+      {"=;;*=\"", none},
+      {"", none}};
+  for (const auto& [field, name] : cases)
+    EXPECT_EQ(name_from_disposition(field), name) << field;
 }
 
 TEST(Naming, makes_any_bytes_printable) {

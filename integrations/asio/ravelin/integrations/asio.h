@@ -16,10 +16,12 @@ namespace ravelin {
 /// Ownership: goes before the context does.
 template <class Descriptor> class AsioAdapter {
 public:
+  /// With the executor of a context.
   explicit AsioAdapter(const typename Descriptor::executor_type& executor)
       : descriptor_(std::make_shared<Descriptor>(executor, MainQueue::descriptor())) {
     wait(descriptor_);
   }
+  /// With a context.
   template <class Context>
   requires requires(Context& context) { context.get_executor(); }
   explicit AsioAdapter(Context& context) : AsioAdapter(context.get_executor()) {}

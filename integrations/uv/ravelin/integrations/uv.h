@@ -18,6 +18,7 @@ namespace ravelin {
 /// every handle of libuv.
 class UvAdapter {
 public:
+  /// `loop`: initialised already.
   explicit UvAdapter(uv_loop_t* loop) {
     auto poll = std::make_unique<uv_poll_t>();
     if (const int refused = uv_poll_init(loop, poll.get(), MainQueue::descriptor()))

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "app/options.h"
+#include "app/progress_view.h"
+#include "app/retry.h"
+#include "src/HeaderOpr.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace app {
+
+/// Asks a link's server what its file is called, over as many attempts as it takes.
+///
+/// Threads: main thread. Ownership: the command's; a question under way keeps itself.
+class NameQuestion : public std::enable_shared_from_this<NameQuestion> {
+public:
+  NameQuestion(std::string link, const GetOptions& options, ProgressView& view);
+
+  /// `on_end` is called once, on the main thread, after this has returned: with the server's name
+  /// or else the link's, or with nothing where the server cannot be asked, which has been said.
+  void start(std::function<void(std::optional<std::string>)> on_end);
+  void cancel();
+
+private:
+  void attempt();
+  void on_status(const ravelin::HeaderOpr::Status& status);
+  void on_error(const ravelin::Error& error);
+  void end(std::optional<std::string> name);
+
+  const std::string link_;
+  const GetOptions& options_;
+  ProgressView& view_;
+  RetryPolicy retries_;
+  bool waiting_ = false;
+  bool cancelled_ = false;
+  std::shared_ptr<ravelin::HeaderOpr> request_;
+  std::function<void(std::optional<std::string>)> on_end_;
+};
+
+} // namespace app

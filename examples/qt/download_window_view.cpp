@@ -1,0 +1,117 @@
+// How the window looks; what it does is in download_window.cpp.
+
+#include "download_row.h"
+#include "download_window.h"
+
+#include <ravelin/ravelin_operation.h>
+
+#include <QDir>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QScrollArea>
+#include <QSpinBox>
+#include <QStyle>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+DownloadWindow::DownloadWindow(const QString& settings_file)
+    : settings_file_(settings_file), remembered_(Remembered::load(settings_file)) {
+  setWindowTitle("Downloads");
+  resize(640, 520);
+  auto* const lines = new QVBoxLayout(this);
+  lines->addWidget(build_entry_line());
+  lines->addWidget(build_settings_line());
+  lines->addWidget(build_list(), 1);
+  notice_ = new QLabel;
+  notice_->setObjectName("notice");
+  notice_->setTextFormat(Qt::PlainText);
+  lines->addWidget(notice_);
+  say({});
+  set_limit(remembered_.limit);
+  set_directory(remembered_.directory);
+  for (const auto& entry : std::exchange(remembered_.entries, {}))
+    append(entry);
+}
+
+QWidget* DownloadWindow::build_entry_line() {
+  link_ = new QLineEdit;
+  link_->setObjectName("link");
+  link_->setPlaceholderText("Paste a link");
+  link_->setClearButtonEnabled(true);
+  auto* const button = new QPushButton("Download");
+  button->setObjectName("add");
+  connect(button, &QPushButton::clicked, this, [this] { add(link_->text()); });
+  connect(link_, &QLineEdit::returnPressed, this, [this] { add(link_->text()); });
+  auto* const widget = new QWidget;
+  auto* const line = new QHBoxLayout(widget);
+  line->setContentsMargins({});
+  line->addWidget(link_, 1);
+  line->addWidget(button);
+  return widget;
+}
+
+QWidget* DownloadWindow::build_settings_line() {
+  directory_ = new QToolButton;
+  directory_->setIcon(style()->standardIcon(QStyle::SP_DirIcon));
+  directory_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+  directory_->setAutoRaise(true);
+  directory_->setToolTip("Where new files go");
+  connect(directory_, &QToolButton::clicked, this, [this] { choose_directory(); });
+  limit_ = new QSpinBox;
+  limit_->setObjectName("limit");
+  limit_->setRange(1, 20);
+  limit_->setValue(remembered_.limit);
+  connect(limit_, &QSpinBox::valueChanged, this, [this](int limit) {
+    set_limit(limit);
+    save();
+  });
+  auto* const widget = new QWidget;
+  auto* const line = new QHBoxLayout(widget);
+  line->setContentsMargins({});
+  line->addWidget(directory_);
+  line->addStretch(1);
+  line->addWidget(new QLabel("Downloads at once"));
+  line->addWidget(limit_);
+  return widget;
+}
+
+QWidget* DownloadWindow::build_list() {
+  auto* const inside = new QWidget;
+  list_ = new QVBoxLayout(inside);
+  list_->setContentsMargins({});
+  list_->setSpacing(0);
+  list_->addStretch(1);
+  auto* const scroller = new QScrollArea;
+  scroller->setWidget(inside);
+  scroller->setWidgetResizable(true);
+  inside->setBackgroundRole(QPalette::Base);
+  scroller->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  return scroller;
+}
+
+DownloadRow* DownloadWindow::append(const Entry& entry) {
+  auto* const row = new DownloadRow(entry, this);
+  row->on_changed = [this] { on_changed(); };
+  row->on_remove_clicked = [this, row] { ask_to_remove(row); };
+  row->on_removed = [this, row] { forget(row); };
+  rows_.push_back(row);
+  list_->insertWidget(list_->count() - 1, row); // before the stretch
+  return row;
+}
+
+void DownloadWindow::set_limit(int limit) {
+  remembered_.limit = limit;
+  ravelin::RavelinOperation::set_max_simultaneous_download_count(limit);
+}
+
+void DownloadWindow::say(const QString& words) {
+  notice_->setText(words);
+  notice_->setVisible(!words.isEmpty());
+}
+
+void DownloadWindow::set_directory(const QString& directory) {
+  remembered_.directory = directory;
+  directory_->setText(QDir::toNativeSeparators(directory));
+}

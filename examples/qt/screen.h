@@ -1,0 +1,38 @@
+#pragma once
+
+#include "tests/support/child_process.h"
+#include "tests/support/temp_dir.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <regex>
+#include <stdexcept>
+#include <thread>
+
+/// An X server without a monitor, where this process shows its windows instead of on a desktop.
+class Screen {
+public:
+  Screen() {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const std::regex number("(^|\n)([0-9]+)\n"); // alone on its line: that it is ready
+    for (std::smatch found;;) {
+      const auto said = dir_.read("said");
+      if (std::regex_search(said, found, number)) {
+        setenv("DISPLAY", (":" + found.str(2)).c_str(), 1);
+        setenv("QT_QPA_PLATFORM", "xcb", 1);
+        setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/dev/null", 1);
+        setenv("XDG_RUNTIME_DIR", dir_.path().c_str(), 1);
+        return;
+      }
+      if (server_.poll() || std::chrono::steady_clock::now() > limit)
+        throw std::runtime_error("Xvfb did not start: " + said);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+
+private:
+  test::TempDir dir_;
+  test::ChildProcess server_{
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "1600x1200x24", "-nolisten", "tcp"},
+      dir_ / "said"};
+};

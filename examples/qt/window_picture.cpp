@@ -1,0 +1,57 @@
+// Takes the picture of the window at work: window_picture FILE
+
+#include "download_window.h"
+#include "screen.h"
+#include "tests/support/nginx.h"
+
+#include <ravelin/defaults.h>
+#include <ravelin/integrations/qt.h>
+
+#include <QApplication>
+#include <QFrame>
+#include <QPixmap>
+#include <QTest>
+#include <QToolButton>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: window_picture FILE\n");
+    return 2;
+  }
+  const Screen screen;
+  setenv("QT_SCALE_FACTOR", "2", 1);
+  const QApplication application(argc, argv);
+  const ravelin::QtAdapter adapter;
+  auto defaults = ravelin::defaults();
+  defaults.reject_http_errors = true;
+  ravelin::set_defaults(defaults);
+
+  const test::Nginx server({.limit_rate = "2500k"});
+  const std::pair<const char*, std::uintmax_t> files[] = {{"notes.pdf", 2'400'000},
+                                                          {"holiday.mp4", 290'000'000},
+                                                          {"songs.zip", 61'000'000},
+                                                          {"measurements.tar", 133'000'000},
+                                                          {"lost.mkv", 0},
+                                                          {"atlas.iso", 700'000'000},
+                                                          {"garden.iso", 500'000'000}};
+  for (const auto& [name, size] : files)
+    if (size > 0) {
+      std::ofstream(server.root() / name);
+      std::filesystem::resize_file(server.root() / name, size); // a hole: it takes no room
+    }
+  const test::TempDir dir;
+  DownloadWindow window(QString::fromStdString(dir / "downloads.ini"));
+  window.set_directory(QString::fromStdString(dir.path()));
+  window.resize(640, 550);
+  window.show();
+  for (const auto& [name, size] : files)
+    window.add(QString::fromStdString(server.url(std::string("/") + name)));
+  QTest::qWait(4000);
+  window.findChildren<QFrame*>("row").at(2)->findChild<QToolButton*>("toggle")->click();
+  QTest::qWait(2000);
+  window.set_directory("/home/ada/Downloads");
+  return window.grab().save(argv[1]) ? 0 : 1;
+}
