@@ -117,8 +117,8 @@ def main():
         for name in given.cases or CASES:
             bench.say(f"\n== {name}")
             result = CASES[name](bench)
-            result.update(rounds=bench.rounds, commit=machine.commit(ROOT),
-                          date=datetime.date.today().isoformat())
+            result = {"rounds": bench.rounds, **result, "commit": machine.commit(ROOT),
+                      "date": datetime.date.today().isoformat()}
             results.add(name, result, machine.versions())
             bench.say(report.tables({name: result}))
             bench.forget_served()
@@ -129,6 +129,7 @@ def main():
     bench.say(report.target_table(results.measured_now if given.quick else results.cases))
     if not given.quick:
         report.write(ROOT / "docs", results)
+        bench.say("written: docs/benchmarks.md")
 
 
 if __name__ == "__main__":

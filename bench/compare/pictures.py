@@ -3,20 +3,21 @@
 import subprocess
 
 OURS, OTHERS, INK = "#c8553d", "#9fb1bd", "#333333"
-ROW, HEAD, FOOT, WIDTH = 26, 64, 30, 860  # pixels
+ROW, HEAD, FOOT, WIDTH = 26, 48, 16, 860  # pixels
 
 
 def quoted(text):
     return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
 
 
-def panel(title, unit, bars, top, bottom):
+def panel(title, unit, bars, top, bottom, height):
     """`bars`: name, value, whether it is ours; the first one is drawn on top."""
     longest = max(value for _, value, _ in bars)
     lines = [f"set tmargin at screen {top:.4f}", f"set bmargin at screen {bottom:.4f}",
-             f"set title {quoted(title)} font ',14' left at graph 0,1 offset 0,0.2",
              f"set xrange [0:{longest * 1.18}]", f"set yrange [-0.6:{len(bars) - 0.4}]",
-             "unset label"]
+             "unset label",
+             f"set label {quoted(title)} at screen 0.02,{top + 0.2 * (HEAD / height):.4f} left "
+             f"font ',15' textcolor rgb '{INK}'"]
     tics = []
     for row, (name, value, ours) in enumerate(reversed(bars)):
         tics.append(f"{quoted(name)} {row}")
@@ -39,9 +40,9 @@ def bars(file, unit, panels):
               "unset key", "set lmargin at screen 0.27", "set rmargin at screen 0.97"]
     at = 0
     for (title, rows), one in zip(panels, heights):
-        top = 1 - (at + HEAD - 20) / height
+        top = 1 - (at + HEAD - 12) / height
         bottom = 1 - (at + one - 4) / height
-        script += panel(title, unit, rows, top, bottom)
+        script += panel(title, unit, rows, top, bottom, height)
         at += one
     script.append("unset multiplot")
     subprocess.run(["gnuplot"], input="\n".join(script), text=True, check=True)

@@ -36,7 +36,7 @@ WORDS = {
                    "other threads and the server took from the thread on this machine; CPU time "
                    "does not.",
     "micro": "Medians; CPU time is that of all threads together.",
-    "waiting": "One operation runs, the others wait for its slot. `release` is the whole piece of "
+    "waiting": "One operation runs, the others wait for its slot; 200 times each. `release` is the whole piece of "
                "main-thread work in which the destination was given back and the final event was "
                "told.",
 }
@@ -66,7 +66,11 @@ class Results:
 
 
 def size_words(count):
-    return f"{count / GIB:g} GiB" if count >= GIB else f"{count / MIB:g} MiB"
+    return f"{count / GIB:.3g} GiB" if count >= GIB else f"{count / MIB:.3g} MiB"
+
+
+def counted(rounds):
+    return "1 round" if rounds == 1 else f"{rounds} rounds"
 
 
 def spread(values):
@@ -183,9 +187,10 @@ def tables(cases):
             continue
         case = cases[name]
         size = f", {size_words(case['bytes'])}" if "bytes" in case and name != "resume" else ""
-        words.append(f"## {TITLES[name]}{size}\n\n" + (WORDS[name] + "\n\n" if name in WORDS else "")
+        explained = WORDS[name] + "\n\n" if name in WORDS else ""
+        words.append(f"## {TITLES[name]}{size}\n\n" + explained
                      + TABLES.get(name, client_table)(case)
-                     + f"\n<sub>{case['rounds']} rounds, {case['date']}, {case['commit']}; "
+                     + f"\n<sub>{counted(case['rounds'])}, {case['date']}, {case['commit']}; "
                      f"`script/bench {name}`</sub>\n")
     return "\n".join(words)
 
