@@ -1,0 +1,97 @@
+"""How each program is asked to do the same thing.
+
+A job has `links`, `folder` (where files go, empty), `ca` (the certificate to trust), and `list`
+(a file with a link a line). Nobody prints, nobody reads a configuration of the user's.
+"""
+
+import dataclasses
+import pathlib
+from typing import Callable
+
+
+@dataclasses.dataclass
+class Job:
+    links: list
+    folder: pathlib.Path
+    ca: pathlib.Path
+    list: pathlib.Path
+
+    @property
+    def link(self):
+        return self.links[0]
+
+    @property
+    def file(self):
+        return self.folder / "file"
+
+
+@dataclasses.dataclass
+class Client:
+    name: str
+    command: Callable[[Job], list]
+    ours: bool = False
+
+
+def flushed(client):
+    """The same, and the file is on storage when it ends, as with ours."""
+    def command(job):
+        return ["sh", "-c", '"$@" && exec sync -d "$0"', job.file, *client.command(job)]
+    return Client(client.name + ", then sync", command)
+
+
+def programs(ravelin):
+    """All of them, by the short names that the cases use."""
+    aria2 = ["aria2c", "--no-conf", "-q", "-k1M"]
+
+    def ours(*options):
+        return lambda job: [ravelin, "get", "-q", "--cacert", job.ca, *options,
+                            "-o", job.file, job.link]
+
+    def ours_list(*options):
+        return lambda job: [ravelin, "get", "-q", *options, "-d", job.folder, "-i", job.list]
+
+    def aria2_one(*options):
+        return lambda job: [*aria2, f"--ca-certificate={job.ca}", *options,
+                            "-d", job.folder, "-o", "file", job.link]
+
+    def aria2_list(*options):
+        return lambda job: [*aria2, "--file-allocation=none", *options,
+                            "-d", job.folder, "-i", job.list]
+
+    def curl_list(parallel):
+        return lambda job: ["curl", "-q", "-sS", "-f", "-Z", "--parallel-max", str(parallel),
+                            "--remote-name-all", "--output-dir", job.folder, *job.links]
+
+    def wget2(*options):
+        return lambda job: ["wget2", "-q", "--no-hsts", f"--ca-certificate={job.ca}", *options,
+                            "-O", job.file, job.link]
+
+    known = {
+        "ours": Client("ravelin", ours(), True),
+        "ours one": Client("ravelin --no-split", ours("--no-split"), True),
+        "curl": Client("curl", lambda job: [
+            "curl", "-q", "-sS", "-f", "--cacert", job.ca, "-o", job.file, job.link]),
+        "aria2": Client("aria2 -x5", aria2_one("-x5", "-s5", "--file-allocation=none")),
+        "aria2 prealloc": Client("aria2 -x5, preallocating", aria2_one("-x5", "-s5")),
+        "aria2 one": Client("aria2 -x1", aria2_one("-x1", "-s1", "--file-allocation=none")),
+        "axel": Client("axel -n5", lambda job: [
+            "env", f"SSL_CERT_FILE={job.ca}", "axel", "-q", "-N", "-n5",
+            "-o", job.file, job.link]),
+        "wget2": Client("wget2", wget2()),
+        "wget2 split": Client("wget2 --chunk-size", wget2("--chunk-size=64M", "--max-threads=5")),
+        "ours list": Client("ravelin -j5 --no-split", ours_list("-j5", "--no-split"), True),
+        "aria2 list": Client("aria2 -j5", aria2_list("-j5")),
+        "curl list": Client("curl -Z", curl_list(5)),
+        "wget2 list": Client("wget2 -i", lambda job: [
+            "wget2", "-q", "--no-hsts", "--no-robots", "--max-threads=5",
+            "-P", job.folder, "-i", job.list]),
+    }
+    for count in (1, 10, 100):
+        known[f"ours {count}"] = Client(
+            f"ravelin, {count} at once", ours_list(f"-j{count}"), True)
+        known[f"ours one {count}"] = Client(
+            f"ravelin --no-split, {count} at once", ours_list(f"-j{count}", "--no-split"), True)
+        known[f"aria2 {count}"] = Client(
+            f"aria2 -x5, {count} at once", aria2_list(f"-j{count}", "-x5", "-s5"))
+    known["aria2 sync"] = flushed(known["aria2"])
+    return known

@@ -1,0 +1,86 @@
+#include "bench/faults/pump.h"
+#include "bench/faults/tally.h"
+#include "bench/micro/timed_drain.h"
+#include "tests/support/nginx.h"
+#include "tests/support/temp_dir.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <vector>
+
+// How long a download at full speed holds an application's main thread: the time of each call of
+// `MainQueue::drain()` that had work, with a status callback that does nothing of its own.
+//   --mib N   size of the file (2048); it goes to TMPDIR
+
+namespace test {
+namespace {
+
+using namespace ravelin;
+
+class Download {
+public:
+  Download(const std::string& link, const std::filesystem::path& file) {
+    opr_->resume(URL(link), URL::file(file), true, OnConflict::stop, [this](const Status& told) {
+      if (told.holds<Status::files_are_created>())
+        return; // comes on another thread
+      ended_ = is_final(told);
+      succeeded_ = told.holds<Status::success>();
+    });
+  }
+  std::vector<Hold> holds_until_end() {
+    std::vector<Hold> holds;
+    while (!ended_)
+      if (const auto hold = timed_drain(); hold.jobs > 0)
+        holds.push_back(hold);
+    return holds;
+  }
+  bool succeeded() const { return succeeded_; }
+
+private:
+  std::shared_ptr<RavelinOperation> opr_ = std::make_shared<RavelinOperation>();
+  bool ended_ = false, succeeded_ = false;
+};
+
+void print(const char* what, const std::vector<Hold>& holds, double Hold::*field) {
+  std::vector<double> all;
+  for (const auto& hold : holds)
+    all.push_back(hold.*field);
+  std::printf("%s_p50_us %.1f\n%s_p99_us %.1f\n%s_max_us %.1f\n", what, quantile(all, 0.5), what,
+              quantile(all, 0.99), what, quantile(all, 1));
+}
+
+int run(long mib) {
+  Nginx server;
+  const auto served = server.root() / "file.bin";
+  std::ofstream(served).close();
+  std::filesystem::resize_file(served, static_cast<std::uintmax_t>(mib) << 20);
+  const TempDir dir;
+  const auto start = std::chrono::steady_clock::now();
+  Download download(server.url(), dir / "file.bin");
+  const auto holds = download.holds_until_end();
+  const auto took = us_since(start) / 1e6;
+  if (!download.succeeded()) {
+    std::fprintf(stderr, "the download failed\n");
+    return 1;
+  }
+  std::size_t jobs = 0;
+  double busy = 0;
+  for (const auto& hold : holds) {
+    jobs += hold.jobs;
+    busy += hold.cpu_us;
+  }
+  std::printf("seconds %.3f\ndrains %zu\njobs %zu\nbusy_share %.4f\n", took, holds.size(), jobs,
+              busy / 1e6 / took);
+  print("wall", holds, &Hold::wall_us);
+  print("cpu", holds, &Hold::cpu_us);
+  return 0;
+}
+
+} // namespace
+} // namespace test
+
+int main(int argc, char** argv) {
+  return test::run(test::number_option(argc, argv, "--mib", 2048));
+}

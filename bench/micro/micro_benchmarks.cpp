@@ -1,0 +1,148 @@
+#include "platform/data_task.h"
+#include "platform/receive_buffer.h"
+#include "ravelin/defaults.h"
+#include "ravelin/main_queue.h"
+#include "ravelin/ravelin_operation.h"
+#include "src/FileProcessor.h"
+#include "src/PartialDataOpr.h"
+#include "support/main_thread.h"
+#include "tests/support/scripted_server.h"
+#include "tests/support/temp_dir.h"
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+// The steps that a download repeats, one at a time. They run on a background thread while the main
+// thread runs its queue, as in an application. Files go to TMPDIR.
+
+namespace test {
+namespace {
+
+using namespace ravelin;
+using namespace std::chrono_literals;
+using bramblekit::main_sync;
+using platform::Data;
+
+constexpr std::int64_t file_size = 512LL << 20;
+constexpr std::size_t socket_read = 16 * 1024; // what libcurl hands over at once
+
+void hop_to_the_main_thread_and_back(benchmark::State& state) {
+  for (auto _ : state)
+    main_sync([] {});
+}
+BENCHMARK(hop_to_the_main_thread_and_back)->UseRealTime()->MeasureProcessCPUTime();
+
+/// The destination of a download that is under way, as its driver has set it up.
+struct Destination {
+  Destination() {
+    processor->split_count = 5;
+    processor->content_len = file_size;
+    processor->server_side_date = "Tue, 10 Nov 2026 08:12:55 GMT";
+    processor->main_file_url = URL::file(dir / "file.bin");
+    processor->setup();
+  }
+  ~Destination() {
+    processor->file_write_grp.wait();
+    processor->main_file_handle->close_file();
+  }
+  const TempDir dir;
+  RavelinOperation owner;
+  std::shared_ptr<FileProcessor> processor = std::make_shared<FileProcessor>(owner);
+};
+
+/// A request whose server never answers, so that chunks can be given to it by hand; what comes out
+/// goes to the destination as the driver of a download would do it.
+class Road {
+public:
+  Road() {
+    buffer_->finish(); // no chunk waits for company
+    request_->request(URL(server_.url()), std::nullopt, [this](const PartialDataOpr::Status& told) {
+      if (const auto* const some = std::get_if<Event::did_receive_data>(&told.value))
+        write(some->progress.data);
+      else if (std::holds_alternative<Event::bg_after_receive_data>(told.value))
+        destination_.processor->file_write_grp.wait();
+      else if (std::holds_alternative<Event::cancelled>(told.value))
+        ended_.signal();
+    });
+    server_.wait_for_requests(1);
+  }
+  ~Road() {
+    request_->cancel();
+    ended_.wait();
+  }
+
+  void carry(std::size_t bytes) {
+    for (std::size_t done = 0; done < bytes; done += socket_read)
+      buffer_->append({piece_.data(), socket_read});
+    const auto chunk = buffer_->take();
+    platform::URLSessionDelegate& delegate = *request_;
+    delegate.urlSession(*session_, *task_, *chunk);
+  }
+
+private:
+  using Event = PartialDataOpr::Status;
+
+  void write(const Data& chunk) {
+    const auto size = static_cast<std::int64_t>(chunk.size());
+    if (position_ + size > file_size)
+      position_ = 0;
+    destination_.processor->async_write_bytes(position_, chunk);
+    position_ += size;
+  }
+
+  const ScriptedServer server_{Reply{.header_delay = 24h}};
+  Destination destination_;
+  platform::Semaphore ended_{0};
+  std::shared_ptr<PartialDataOpr> request_ = std::make_shared<PartialDataOpr>();
+  std::shared_ptr<platform::URLSession> session_ =
+      platform::URLSession::make(platform::URLSessionConfiguration::ephemeral(), request_);
+  std::shared_ptr<platform::DataTask> task_ = session_->data_task(URL(server_.url()));
+  std::shared_ptr<platform::ReceiveBuffer> buffer_ =
+      std::make_shared<platform::ReceiveBuffer>([] {});
+  const std::string piece_ = std::string(socket_read, 'x');
+  std::int64_t position_ = 0;
+};
+
+void carry_a_chunk_from_buffer_to_disk(benchmark::State& state) {
+  Road road;
+  const auto size = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state)
+    road.carry(size);
+  state.SetBytesProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(carry_a_chunk_from_buffer_to_disk)
+    ->ArgName("bytes")
+    ->Arg(16 << 10)
+    ->Arg(128 << 10)
+    ->Arg(1 << 20)
+    ->UseRealTime()
+    ->MeasureProcessCPUTime();
+
+void save_the_record(benchmark::State& state) {
+  Destination destination;
+  for (auto _ : state)
+    destination.processor->update_resume_file();
+}
+BENCHMARK(save_the_record)->UseRealTime()->MeasureProcessCPUTime();
+
+} // namespace
+} // namespace test
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    return 2;
+  ravelin::Defaults values;
+  values.idle_timeout = std::chrono::hours(24);
+  ravelin::set_defaults(values);
+  std::thread background([] {
+    benchmark::RunSpecifiedBenchmarks();
+    ravelin::MainQueue::stop();
+  });
+  ravelin::MainQueue::run();
+  background.join();
+  return 0;
+}
