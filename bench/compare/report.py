@@ -36,9 +36,9 @@ WORDS = {
                    "other threads and the server took from the thread on this machine; CPU time "
                    "does not.",
     "micro": "Medians; CPU time is that of all threads together.",
-    "waiting": "One operation runs, the others wait for its slot; 200 times each. `release` is the whole piece of "
-               "main-thread work in which the destination was given back and the final event was "
-               "told.",
+    "waiting": "One operation runs, the others wait for its slot; 200 times each. "
+               "`release` is the whole piece of main-thread work in which the destination was "
+               "given back and the final event was told.",
 }
 
 
