@@ -164,7 +164,9 @@ int large_downloads(long repetitions, unsigned seed) {
     return 0;
   std::printf("three kills in 2 s of 100 MiB: %.3f (median), %.3f (most) bytes sent per byte\n",
               quantile(costs, 0.5), quantile(costs, 1));
-  return wrong + (quantile(costs, 1) > 1.10);
+  // The record is a tenth of a second old at most, half of that on average, and the disk's time:
+  // 0.03 of the file for each kill, and 0.05 when all fall just before a save.
+  return wrong + (quantile(costs, 0.5) > 1.10) + (quantile(costs, 1) > 1.16);
 }
 
 } // namespace
