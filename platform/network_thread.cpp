@@ -22,6 +22,11 @@ NetworkThread::NetworkThread() {
   if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK || !(multi_ = curl_multi_init()))
     fatal("libcurl could not be started");
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, on_socket);
+  curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, on_timer);
+  curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+  sockets_.watch(wake_.descriptor(), EPOLLIN);
   std::atexit(hold_still_at_exit); // after libcurl's start, so that it runs before TLS is torn down
 }
 
@@ -41,23 +46,56 @@ void NetworkThread::queue(Command command) {
     wake_.set();
 }
 
+int NetworkThread::on_socket(CURL*, curl_socket_t socket, int wanted, void* self,
+                             void* known) noexcept {
+  auto& thread = *static_cast<NetworkThread*>(self);
+  const std::uint32_t events =
+      (wanted & CURL_POLL_IN ? EPOLLIN : 0U) | (wanted & CURL_POLL_OUT ? EPOLLOUT : 0U);
+  if (wanted == CURL_POLL_REMOVE) {
+    thread.sockets_.forget(socket);
+  } else if (known) {
+    thread.sockets_.change(socket, events);
+  } else {
+    thread.sockets_.watch(socket, events);
+    curl_multi_assign(thread.multi_, socket, self);
+  }
+  return 0;
+}
+
+int NetworkThread::on_timer(CURLM*, long milliseconds, void* self) noexcept {
+  static_cast<NetworkThread*>(self)->curl_time_ =
+      milliseconds < 0 ? Clock::time_point::max()
+                       : Clock::now() + std::chrono::milliseconds(milliseconds);
+  return 0;
+}
+
 void NetworkThread::loop() {
   for (;;) {
-    {
-      const std::lock_guard lock(at_work_);
-      turn();
-    }
-    curl_waitfd ours{};
-    ours.fd = wake_.descriptor();
-    ours.events = CURL_WAIT_POLLIN;
-    curl_multi_poll(multi_, &ours, 1, poll_time(), nullptr);
+    const auto ready = sockets_.wait(wait_time());
+    const std::lock_guard lock(at_work_);
+    turn(ready);
   }
 }
 
-void NetworkThread::turn() {
-  perform_commands();
+void NetworkThread::turn(std::span<const epoll_event> ready) {
   int running = 0;
-  curl_multi_perform(multi_, &running);
+  bool has_commands = false;
+  for (const auto& event : ready) {
+    if (event.data.fd == wake_.descriptor()) {
+      has_commands = true;
+      continue;
+    }
+    // A connection that broke is told by reading from it, or by writing while it is being made.
+    const int reading = event.events & (EPOLLIN | EPOLLHUP | EPOLLERR) ? CURL_CSELECT_IN : 0;
+    const int writing = event.events & (EPOLLOUT | EPOLLERR) ? CURL_CSELECT_OUT : 0;
+    curl_multi_socket_action(multi_, event.data.fd, reading | writing, &running);
+  }
+  if (has_commands)
+    perform_commands();
+  if (Clock::now() >= curl_time_) {
+    curl_time_ = Clock::time_point::max();
+    curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
+  }
   collect_ended();
   const auto now = Clock::now();
   go_on_with_rate(now);
@@ -96,7 +134,8 @@ void NetworkThread::perform(const Command& command) {
   case Command::start:
     break;
   }
-  next_check_ = Clock::time_point::min(); // what was paused has a deadline again
+  if (command.kind != Command::cancel) // what was paused has a deadline again
+    next_check_ = std::min(next_check_, found->second->deadline());
 }
 
 void NetworkThread::begin(const std::shared_ptr<DataTask>& task) {
@@ -143,23 +182,22 @@ void NetworkThread::end_silent(Clock::time_point now) {
 }
 
 void NetworkThread::go_on_with_rate(Clock::time_point now) {
-  const bool due = !waiting_for_rate_ || now >= limiter_.next_try();
-  waiting_for_rate_ = false;
-  for (const auto& [task, transfer] : transfers_) {
-    if (transfer->waits_for_rate() && due) {
+  if (now < limiter_.next_try())
+    return;
+  limiter_.forget_waiting(); // who has to wait again says so
+  for (const auto& [task, transfer] : transfers_)
+    if (transfer->waits_for_rate()) {
       transfer->go_on();
-      next_check_ = now;
+      next_check_ = std::min(next_check_, transfer->deadline());
     }
-    waiting_for_rate_ = waiting_for_rate_ || transfer->waits_for_rate();
-  }
 }
 
-int NetworkThread::poll_time() const {
-  auto until = std::min(next_check_, Clock::now() + std::chrono::seconds(1));
-  if (waiting_for_rate_)
-    until = std::min(until, limiter_.next_try());
-  const auto time = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
-  return static_cast<int>(std::max<std::int64_t>(time.count(), 0));
+std::chrono::milliseconds NetworkThread::wait_time() const {
+  const auto now = Clock::now();
+  const auto until =
+      std::min({next_check_, curl_time_, limiter_.next_try(), now + std::chrono::seconds(1)});
+  return std::max(std::chrono::ceil<std::chrono::milliseconds>(until - now),
+                  std::chrono::milliseconds(0));
 }
 
 } // namespace platform

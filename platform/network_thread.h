@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/rate_limiter.h"
+#include "platform/socket_watch.h"
 #include "platform/transfer.h"
 #include "platform/wake_event.h"
 
@@ -36,7 +37,7 @@ private:
   NetworkThread();
   void queue(Command command);
   [[noreturn]] void loop();
-  void turn();
+  void turn(std::span<const epoll_event> ready);
   void perform_commands();
   void perform(const Command& command);
   void begin(const std::shared_ptr<DataTask>& task);
@@ -44,8 +45,10 @@ private:
   void collect_ended();
   void end_silent(Clock::time_point now);
   void go_on_with_rate(Clock::time_point now);
-  int poll_time() const;
+  std::chrono::milliseconds wait_time() const;
   static void hold_still_at_exit();
+  static int on_socket(CURL*, curl_socket_t socket, int wanted, void* self, void* known) noexcept;
+  static int on_timer(CURLM*, long milliseconds, void* self) noexcept;
 
   std::mutex mutex_; // commands come from any thread
   std::vector<Command> commands_;
@@ -55,10 +58,11 @@ private:
   std::mutex at_work_;
 
   CURLM* multi_ = nullptr;
+  SocketWatch sockets_;
+  Clock::time_point curl_time_ = Clock::time_point::max(); // when libcurl wants to be called
   RateLimiter limiter_;
   std::unordered_map<DataTask*, std::unique_ptr<Transfer>> transfers_;
   Clock::time_point next_check_ = Clock::time_point::max(); // of the deadlines
-  bool waiting_for_rate_ = false;
 };
 
 } // namespace platform

@@ -18,20 +18,22 @@ public:
     const auto rate = static_cast<double>(bytes_per_second);
     // What was not used for a while is not saved up, but for a twentieth of a second's worth.
     allowance_ = std::min(allowance_ + passed.count() * rate, rate / 20);
-    debt_time_ = std::chrono::duration<double>(allowance_ < 0 ? -allowance_ / rate : 0);
-    return allowance_ >= 0;
+    if (allowance_ >= 0)
+      return true;
+    const std::chrono::duration<double> debt_time(-allowance_ / rate);
+    next_try_ =
+        now + std::chrono::duration_cast<Clock::duration>(debt_time) + std::chrono::milliseconds(1);
+    return false;
   }
   void take(std::int64_t bytes) { allowance_ -= static_cast<double>(bytes); }
-  /// When taking is worth another try.
-  Clock::time_point next_try() const {
-    return last_ + std::chrono::duration_cast<Clock::duration>(debt_time_) +
-           std::chrono::milliseconds(1);
-  }
+  /// When those who were refused may try again; never while there are none.
+  Clock::time_point next_try() const { return next_try_; }
+  void forget_waiting() { next_try_ = Clock::time_point::max(); }
 
 private:
   Clock::time_point last_ = Clock::now();
   double allowance_ = 0; // bytes; below zero after a piece that was larger than what was left
-  std::chrono::duration<double> debt_time_{0};
+  Clock::time_point next_try_ = Clock::time_point::max();
 };
 
 } // namespace platform
