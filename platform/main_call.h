@@ -12,7 +12,11 @@ struct MainCall {
   MainCall* next = nullptr; // the queue's
 };
 
-/// Queues `call` and waits for `done`, which the call signals as the last thing it does.
-void call_on_main(MainCall& call, Semaphore& done) BG_ONLY;
+/// Queues `call` and returns at once.
+void queue_on_main(MainCall& call);
+
+/// Waits for `done`, which a queued call signals as the last thing it does. The main thread must
+/// not: it would wait for itself.
+void wait_for_main(Semaphore& done) BG_ONLY;
 
 } // namespace platform

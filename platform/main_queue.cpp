@@ -8,7 +8,6 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <poll.h>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -32,7 +31,9 @@ struct Queue {
   std::size_t length = 0;
   bool awake = false; // the event is set: only the first of many pieces pays for a wake-up
   bool stopped = false;
-  int runs = 0; // calls of `run()` under way, nested ones included
+  int runs = 0;      // calls of `run()` under way, nested ones included
+  bool idle = false; // the main thread sleeps in `run()`, where nobody looks at the event
+  Semaphore called{0};
   WakeEvent event;
 };
 
@@ -42,28 +43,30 @@ Queue& queue() {
   return instance;
 }
 
-void wake(Queue& q) {
-  if (!q.awake) {
-    q.awake = true;
+/// Unlocks first where it can: the main thread needs the lock as soon as it wakes.
+void wake(Queue& q, std::unique_lock<std::mutex>& lock) {
+  if (std::exchange(q.idle, false)) {
+    lock.unlock();
+    q.called.signal();
+  } else if (!std::exchange(q.awake, true)) {
     q.event.set();
   }
 }
 
-/// The event is set exactly while there is work, so that a loop nested in a callback sees it, too.
+/// The event is set while there is work that the main thread does not know of, so that a loop
+/// nested in a callback sees it, too; and never while there is none.
 void sleep_if_empty(Queue& q) {
-  if (!q.first) {
-    q.awake = false;
+  if (!q.first && std::exchange(q.awake, false))
     q.event.clear();
-  }
 }
 
 void push(MainCall& call) {
   auto& q = queue();
-  const std::lock_guard lock(q.mutex);
+  std::unique_lock lock(q.mutex);
   (q.last ? q.last->next : q.first) = &call;
   q.last = &call;
   ++q.length;
-  wake(q);
+  wake(q, lock);
 }
 
 void require_main_thread(const char* function) {
@@ -121,6 +124,18 @@ bool take_stop() {
   return stopped;
 }
 
+/// Sleeps until somebody queues work or stops `run()`.
+void wait_for_work() {
+  auto& q = queue();
+  {
+    const std::lock_guard lock(q.mutex);
+    if (q.first || q.stopped)
+      return;
+    q.idle = true;
+  }
+  q.called.wait();
+}
+
 } // namespace
 
 void MainQueue::adopt_current_thread() {
@@ -138,8 +153,11 @@ void MainQueue::async(std::function<void()> task) {
   push(*call.release());
 }
 
-void call_on_main(MainCall& call, Semaphore& done) {
+void queue_on_main(MainCall& call) {
   push(call);
+}
+
+void wait_for_main(Semaphore& done) {
   done.wait();
 }
 
@@ -168,17 +186,16 @@ void MainQueue::run() {
     drain();
     if (take_stop())
       return;
-    pollfd readable{descriptor(), POLLIN, 0};
-    poll(&readable, 1, -1);
+    wait_for_work();
   }
 }
 
 void MainQueue::stop() {
   auto& q = queue();
-  const std::lock_guard lock(q.mutex);
+  std::unique_lock lock(q.mutex);
   q.stopped = true;
   if (q.runs > 0)
-    wake(q);
+    wake(q, lock);
 }
 
 int MainQueue::descriptor() {

@@ -3,6 +3,7 @@
 #include "platform/fatal.h"
 
 #include <cerrno>
+#include <ctime>
 
 namespace platform {
 
@@ -26,26 +27,49 @@ void Semaphore::wait() {
       fatal("a semaphore could not be waited for");
 }
 
+bool Semaphore::wait_for(std::chrono::seconds time) {
+  timespec end{};
+  clock_gettime(CLOCK_REALTIME, &end);
+  end.tv_sec += time.count();
+  for (;;) {
+    if (sem_timedwait(&semaphore_, &end) == 0)
+      return true;
+    if (errno == ETIMEDOUT)
+      return false;
+    if (errno != EINTR)
+      fatal("a semaphore could not be waited for");
+  }
+}
+
 void DispatchGroup::enter() {
   const std::lock_guard lock(mutex_);
   ++count_;
 }
 
 void DispatchGroup::leave() {
-  const std::lock_guard lock(mutex_);
-  if (--count_ < 0)
-    fatal("a group was left more often than entered");
-  if (count_ > 0)
-    return;
-  ++times_empty_;
-  empty_.notify_all(); // under the lock: a waiter may destroy the group once it has returned
+  std::vector<Semaphore*> waiting;
+  {
+    const std::lock_guard lock(mutex_);
+    if (--count_ < 0)
+      fatal("a group was left more often than entered");
+    if (count_ == 0)
+      waiting.swap(waiting_);
+  }
+  // The group is not touched any more: a waiter may destroy it once it has returned.
+  for (auto* const waiter : waiting)
+    waiter->signal();
 }
 
 void DispatchGroup::wait() {
-  std::unique_lock lock(mutex_);
+  Semaphore empty(0);
+  {
+    const std::lock_guard lock(mutex_);
+    if (count_ == 0)
+      return;
+    waiting_.push_back(&empty);
+  }
   // Jobs that come after the group was empty are not waited for, however soon they come.
-  empty_.wait(lock,
-              [this, before = times_empty_] { return count_ == 0 || times_empty_ != before; });
+  empty.wait();
 }
 
 } // namespace platform

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <condition_variable>
+#include <chrono>
 #include <mutex>
 #include <semaphore.h>
+#include <vector>
 
 namespace platform {
 
@@ -18,6 +19,8 @@ public:
   void signal();
   /// Blocks without a time limit.
   void wait();
+  /// Whether a signal came within about `time`, less or more when somebody sets the clock.
+  bool wait_for(std::chrono::seconds time);
 
 private:
   sem_t semaphore_;
@@ -32,9 +35,8 @@ public:
 
 private:
   std::mutex mutex_; // jobs end on a queue's thread while other threads wait
-  std::condition_variable empty_;
   long count_ = 0;
-  unsigned long times_empty_ = 0;
+  std::vector<Semaphore*> waiting_;
 };
 
 } // namespace platform

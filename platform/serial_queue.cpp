@@ -31,6 +31,20 @@ void SerialQueue::async(Job job) {
   run_in_background([state = state_] { work(state); });
 }
 
+void SerialQueue::add(Job job) {
+  const std::lock_guard lock(state_->mutex);
+  state_->jobs.push_back(std::move(job));
+}
+
+void SerialQueue::work_off() noexcept {
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (std::exchange(state_->working, true))
+      return;
+  }
+  work(state_);
+}
+
 void SerialQueue::work(const std::shared_ptr<State>& state) {
   std::unique_lock lock(state->mutex);
   while (!state->jobs.empty()) {

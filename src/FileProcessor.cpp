@@ -101,10 +101,15 @@ void FileProcessor::reset_files() {
 void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {
   file_write_grp.enter();
   queued_writes.push_back({pos, queued_count++});
-  file_write_queue.async([self = shared_from_this(), pos, bytes = std::move(bytes)] {
+  file_write_queue.add([self = shared_from_this(), pos, bytes = std::move(bytes)] {
     self->write_queued_bytes(pos, bytes);
     self->file_write_grp.leave();
   });
+}
+
+void FileProcessor::bg_wait_for_writes() {
+  file_write_queue.work_off(); // rather than wake a thread and wait for it
+  file_write_grp.wait();
 }
 
 void FileProcessor::write_queued_bytes(std::int64_t pos, const Data& bytes) {
@@ -139,7 +144,7 @@ void FileProcessor::update_resume_file() {
 
 void FileProcessor::async_update_resume_file() {
   file_write_grp.enter();
-  file_write_queue.async([self = shared_from_this()] {
+  file_write_queue.add([self = shared_from_this()] {
     try {
       self->update_resume_file();
     } catch (...) {

@@ -23,7 +23,7 @@ class RavelinOperation;
 /// The destination file of one download and the small record beside it.
 ///
 /// Threads: fields belong to the main thread unless their comment says otherwise; queued jobs run
-/// on `file_write_queue`.
+/// on `file_write_queue`, in whose order they come.
 /// Errors: `std::system_error` from the file system, unchanged; text errors of our own. A write
 /// that fails ends the process.
 /// Ownership: made and owned by one operation, which outlives it; queued jobs keep it alive.
@@ -37,12 +37,14 @@ public:
   /// destination and reserves room for it.
   void setup() BG_ONLY;
   /// Queues `bytes` for the offset `pos` (bytes from the start of the file), followed by a flush,
-  /// and returns at once.
+  /// and returns at once. It is `bg_wait_for_writes()` that gets the queue going.
   void async_write_bytes(std::int64_t pos, platform::Data bytes) MAIN_ONLY;
   /// Saves the record, whole or not at all. It counts no byte that is not flushed.
   void update_resume_file();
   /// Queues a save behind the writes queued so far; a failure is kept in `exception`.
   void async_update_resume_file();
+  /// Returns when what has been queued is done, by this thread or another.
+  void bg_wait_for_writes() BG_ONLY;
   void delete_resume_file();
   static void delete_resume_file(const URL& main_file);
   static void delete_main_file(const URL& main_file);

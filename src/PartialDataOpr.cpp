@@ -119,8 +119,9 @@ std::optional<Error> PartialDataOpr::refusal(const platform::URLResponse& respon
 
 void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
                                 const platform::Data& didReceive) {
-  main_sync([&]() MAIN_ONLY { count_and_deliver(didReceive); });
-  const bool cancelled = main_sync([&]() MAIN_ONLY { return is_cancelled(); });
+  const bool cancelled =
+      bramblekit::main_sync_in_turn([&]() MAIN_ONLY { count_and_deliver(didReceive); },
+                                    [&]() MAIN_ONLY { return is_cancelled(); });
   if (!cancelled && stat_closure)
     stat_closure({Status::bg_after_receive_data{}});
 }

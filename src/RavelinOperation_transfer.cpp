@@ -107,12 +107,12 @@ void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_fil
     });
     if (running)
       running->wait();
-    file_proc->file_write_grp.wait(); // what is saved or closed below is on storage
+    file_proc->bg_wait_for_writes(); // what is saved or closed below is on storage
     main_sync([&]() MAIN_ONLY { finish_files(); });
   } catch (...) {
     error = Error::current();
   }
-  file_proc->file_write_grp.wait();
+  file_proc->bg_wait_for_writes();
   if (!file_proc->main_file_handle)
     platform::fatal("the destination was not open");
   file_proc->main_file_handle->close_file();
@@ -217,7 +217,7 @@ Progress RavelinOperation::advance_progress() {
 }
 
 void RavelinOperation::bg_after_receive_data(PartialDataOpr& opr) {
-  file_proc->file_write_grp.wait();
+  file_proc->bg_wait_for_writes();
   if (const auto failed_save = file_proc->exception.get())
     main_sync([&]() MAIN_ONLY {
       download_exception = failed_save;

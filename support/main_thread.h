@@ -43,6 +43,13 @@ template <class Block, class Result> struct MainHop : platform::MainCall {
     hop.done.signal(); // the last touch: the waiting thread may take its stack back now
   }
 
+  Result outcome() {
+    if (error)
+      std::rethrow_exception(std::move(error));
+    if constexpr (!std::is_void_v<Result>)
+      return std::move(*result);
+  }
+
   Block& block;
   std::optional<std::conditional_t<std::is_void_v<Result>, char, Result>> result;
   std::exception_ptr error;
@@ -60,11 +67,27 @@ template <class Block> auto main_sync(Block&& block) -> std::invoke_result_t<Blo
   if (platform::MainQueue::is_main_thread())
     return detail::call_on_this_thread(block);
   detail::MainHop<std::remove_reference_t<Block>, Result> hop(block);
-  platform::call_on_main(hop, hop.done);
-  if (hop.error)
-    std::rethrow_exception(std::move(hop.error));
-  if constexpr (!std::is_void_v<Result>)
-    return std::move(*hop.result);
+  platform::queue_on_main(hop);
+  platform::wait_for_main(hop.done);
+  return hop.outcome();
+}
+
+/// Two `main_sync` for one wait: `second` runs on the main thread after `first`, whose result is
+/// dropped. An error of `first` is thrown, whatever came of `second`.
+template <class First, class Second>
+auto main_sync_in_turn(First&& first, Second&& second) -> std::invoke_result_t<Second&> {
+  if (platform::MainQueue::is_main_thread()) {
+    detail::call_on_this_thread(first);
+    return detail::call_on_this_thread(second);
+  }
+  detail::MainHop<std::remove_reference_t<First>, std::invoke_result_t<First&>> one(first);
+  detail::MainHop<std::remove_reference_t<Second>, std::invoke_result_t<Second&>> two(second);
+  platform::queue_on_main(one);
+  platform::queue_on_main(two);
+  platform::wait_for_main(two.done);
+  platform::wait_for_main(one.done); // still under way if it ran a loop of its own
+  one.outcome();
+  return two.outcome();
 }
 
 /// Runs `block` on the main thread with a fresh semaphore, and waits until that is signalled. An

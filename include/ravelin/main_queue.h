@@ -34,8 +34,8 @@ public:
   /// Main thread: runs the work that is queued now, without waiting, and returns how many pieces
   /// that were. Work that is queued meanwhile makes the descriptor readable again.
   static std::size_t drain();
-  /// A descriptor that is readable while work is queued, for poll, epoll or an event loop. It
-  /// belongs to the queue: watch it, never read, write or close it. Any thread.
+  /// A descriptor that is readable while work is queued that no `run()` sees to, for poll, epoll
+  /// or an event loop. It belongs to the queue: watch it, never read, write or close it. Any thread.
   static int descriptor();
 };
 

@@ -71,6 +71,21 @@ TEST(MainQueue, runs_the_work_of_a_thread_in_its_order_until_stopped) {
   EXPECT_TRUE(order.size() == 100 && order[0] == 0 && std::ranges::is_sorted(order));
 }
 
+TEST(SerialQueue, lets_a_thread_that_offers_itself_do_what_was_added) {
+  SerialQueue queue("test");
+  std::vector<std::thread::id> workers;
+  const auto note = [&] { workers.push_back(std::this_thread::get_id()); };
+  queue.add(note);
+  queue.add([&] {
+    note();
+    queue.add(note); // done by the same thread, before it returns
+    queue.work_off();
+    EXPECT_EQ(2u, workers.size()) << "one job at a time";
+  });
+  queue.work_off();
+  EXPECT_EQ(std::vector(3, std::this_thread::get_id()), workers);
+}
+
 TEST(SerialQueue, runs_one_job_at_a_time_in_the_order_of_each_thread) {
   DispatchGroup group;
   std::atomic<int> at_work = 0;

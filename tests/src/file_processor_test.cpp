@@ -27,7 +27,7 @@ protected:
     return made;
   }
   static void wait_for_disk(FileProcessor& processor) {
-    in_background([&] { processor.file_write_grp.wait(); });
+    in_background([&] { processor.bg_wait_for_writes(); });
   }
   // What arrives for a part is counted in memory and queued for the disk, as the driver does.
   static void receive(FileProcessor& processor, std::size_t index, const std::string& bytes) {
@@ -151,12 +151,13 @@ TEST_F(FileProcessorTest, saves_no_byte_that_is_not_flushed) {
   });
   receive(*opened, 0, "de");
   receive(*opened, 4, "4567");
+  std::thread writer([&] { opened->bg_wait_for_writes(); });
   reached.wait();
   opened->update_resume_file(); // the first write is not flushed and the second not begun
   EXPECT_EQ(saved(), Counts(13, 4));
   go_on.signal();
   go_on.signal();
-  wait_for_disk(*opened);
+  writer.join();
   opened->update_resume_file();
   EXPECT_EQ(saved(), Counts(15, 8));
 }
