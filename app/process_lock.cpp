@@ -64,13 +64,12 @@ bool ProcessLock::write_owner(const std::string& name) {
   struct stat status {};
   return ::fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
          ::ftruncate(descriptor_, 0) == 0 &&
-         ::pwrite(descriptor_, name.data(), name.size(), 0) == static_cast<ssize_t>(name.size()) &&
-         ::fdatasync(descriptor_) == 0;
+         ::pwrite(descriptor_, name.data(), name.size(), 0) == static_cast<ssize_t>(name.size());
 }
 
 void ProcessLock::begin() {
   if (descriptor_ >= 0 && !unfinished_)
-    unfinished_ = write_owner(destination_.filename().native());
+    unfinished_ = write_owner(destination_.filename().native()) && ::fdatasync(descriptor_) == 0;
 }
 
 void ProcessLock::finish() {

@@ -7,6 +7,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#if defined(__linux__)
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#endif
+
 namespace platform {
 namespace {
 
@@ -41,6 +46,10 @@ int FileCalls::unlink(const char* path) {
 
 #if defined(__linux__)
 int FileCalls::reserve(int descriptor, off_t size) {
+  struct statfs system {};
+  // In memory, room is pages: to take them all now would hold up the first byte and everybody else.
+  if (::fstatfs(descriptor, &system) == 0 && system.f_type == TMPFS_MAGIC)
+    return errno = EOPNOTSUPP, -1;
   return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size);
 }
 int FileCalls::setxattr(const char* path, const char* name, const void* value, std::size_t size) {

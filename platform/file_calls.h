@@ -18,7 +18,7 @@ public:
   virtual int fdatasync(int descriptor);
   virtual int fsync(int descriptor);
   virtual int ftruncate(int descriptor, off_t size);
-  /// Reserves room without changing the visible size.
+  /// Reserves room without changing the visible size, where that costs next to nothing.
   virtual int reserve(int descriptor, off_t size);
   virtual int rename(const char* from, const char* to);
   virtual int unlink(const char* path);

@@ -77,9 +77,10 @@ bool flush(int descriptor) {
   return true;
 }
 
-bool write_flushed(const fs::path& path, std::string_view text) {
+bool write_fresh(const fs::path& path, std::string_view text, Lasting lasting) {
   const Descriptor opened{create_fresh(path)};
-  return opened.number >= 0 && write_all(opened.number, text) && flush(opened.number);
+  return opened.number >= 0 && write_all(opened.number, text) &&
+         (lasting == Lasting::no || flush(opened.number));
 }
 
 fs::path temporary_of(fs::path path) {
@@ -155,17 +156,17 @@ void remove_temporary_of(const URL& url) noexcept {
   file_calls().unlink(temporary_of(url.path()).c_str());
 }
 
-void write_text_atomically(const URL& url, std::string_view text) {
+void write_text_atomically(const URL& url, std::string_view text, Lasting lasting) {
   const auto path = url.path();
   const auto temporary = temporary_of(path);
-  const bool placed =
-      write_flushed(temporary, text) && file_calls().rename(temporary.c_str(), path.c_str()) == 0;
+  const bool placed = write_fresh(temporary, text, lasting) &&
+                      file_calls().rename(temporary.c_str(), path.c_str()) == 0;
   if (!placed) {
     const int reason = errno;
     file_calls().unlink(temporary.c_str());
     fail(reason, "write", path);
   }
-  if (!flush_directory(directory_of(path)))
+  if (lasting == Lasting::yes && !flush_directory(directory_of(path)))
     fail(errno, "flush the directory of", path);
 }
 

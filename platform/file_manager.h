@@ -26,9 +26,11 @@ public:
 
 /// The whole file as text, at most `limit` bytes. Throws for larger ones too.
 std::string read_text(const URL& url, std::size_t limit);
-/// Puts `text` in place whole or not at all, flushed to storage together with its name. A killed
-/// process leaves at most one temporary file, under a fixed name, which the next write replaces.
-void write_text_atomically(const URL& url, std::string_view text);
+/// What outlives a power cut: `lasting` text is flushed to storage together with its name.
+enum class Lasting { yes, no };
+/// Puts `text` in place whole or not at all. A killed process leaves at most one temporary file,
+/// under a fixed name, which the next write replaces.
+void write_text_atomically(const URL& url, std::string_view text, Lasting lasting = Lasting::yes);
 /// Removes the temporary file that a killed process may have left beside `url`.
 void remove_temporary_of(const URL& url) noexcept;
 

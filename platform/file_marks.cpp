@@ -115,7 +115,8 @@ void edit_list(const fs::path& directory, const std::string& name, bool listed) 
     file_calls().unlink(list.path().c_str());
     return;
   }
-  write_text_atomically(list, edit.text);
+  // A list of our own is worth no flush: without it, hidden files are seen for a while.
+  write_text_atomically(list, edit.text, ours ? Lasting::no : Lasting::yes);
   if (ours)
     set_extended_attribute(list, our_list_mark, Data::copy_of("true"));
 }
@@ -132,14 +133,9 @@ void set_extended_attribute(const URL& url, std::string_view name,
     file_calls().removexattr(path.c_str(), full_name.c_str());
     return;
   }
-  if (file_calls().setxattr(path.c_str(), full_name.c_str(), value->bytes().data(),
-                            value->size()) != 0)
-    return;
-  const int descriptor = file_calls().open(path.c_str(), O_RDONLY | O_NONBLOCK, 0);
-  if (descriptor < 0)
-    return;
-  file_calls().fsync(descriptor); // a mark that a power cut takes away does not warn anybody
-  file_calls().close(descriptor);
+  // Not flushed: the first bytes of the file are, and file systems keep the order of what is told
+  // of one file.
+  file_calls().setxattr(path.c_str(), full_name.c_str(), value->bytes().data(), value->size());
 } catch (...) {
   // Best effort: a mark that cannot be set is not worth a download.
 }
