@@ -23,8 +23,7 @@ public:
   const Defaults& configuration() const { return session_->configuration_.values; }
 
   void receive_response(URLResponse response);
-  /// False: there is no room, try again after the network thread has been told to.
-  bool receive_data(std::string_view bytes);
+  ReceiveBuffer::Appended receive_data(std::string_view bytes);
   void complete(std::optional<Error> error);
 
 private:

@@ -1,9 +1,11 @@
 #include "platform/file_handle.h"
 
+#include "platform/block_pool.h"
 #include "platform/fatal.h"
 #include "platform/file_calls.h"
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -49,12 +51,14 @@ void FileHandle::write(std::int64_t offset, const Data& bytes) {
 }
 
 void FileHandle::synchronize() {
+  const auto start = std::chrono::steady_clock::now();
   while (file_calls().fdatasync(descriptor_) != 0) {
     if (errno == EINVAL)
       return; // a pipe or a device has nothing to flush
     if (errno != EINTR)
       fail("flush");
   }
+  BlockPool::instance().note_flush(std::chrono::steady_clock::now() - start);
 }
 
 std::int64_t FileHandle::visible_size() const {

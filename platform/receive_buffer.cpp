@@ -1,51 +1,68 @@
 #include "platform/receive_buffer.h"
 
+#include "platform/block_pool.h"
+
 #include <cstring>
+#include <utility>
 
 namespace platform {
 namespace {
 
-constexpr std::size_t block_size = 1024 * 1024;    // bytes; a chunk costs two hops and a flush
-constexpr std::size_t enough = block_size / 8 * 7; // bytes that need not wait for more
+// A chunk costs hops between threads and a flush, so larger ones are cheaper; smaller ones need
+// less memory and stay in the processor's caches.
+constexpr std::size_t quick_chunk = 288 * 1024;                    // bytes
+constexpr std::size_t slow_chunk = pool_block_size - longest_read; // bytes
 constexpr auto gathering = std::chrono::milliseconds(5);
 constexpr int most_blocks = 2;
 
 } // namespace
 
-ReceiveBuffer::ReceiveBuffer(std::function<void()> on_room) : on_room_(std::move(on_room)) {}
+ReceiveBuffer::ReceiveBuffer(std::function<void()> on_room) : on_room_(std::move(on_room)) {
+  BlockPool::instance().join();
+}
+
+ReceiveBuffer::~ReceiveBuffer() {
+  BlockPool::instance().leave();
+}
+
+std::size_t ReceiveBuffer::most() const {
+  return storage_is_slow_ ? slow_chunk : quick_chunk;
+}
+
+bool ReceiveBuffer::has_enough() const {
+  return has_bytes() && filling_->size >= most() / 8 * 7;
+}
 
 bool ReceiveBuffer::obtain_block() {
-  if (filling_)
-    return true;
-  if (spare_) {
-    filling_ = std::move(spare_);
-  } else if (blocks_ < most_blocks) {
-    filling_ = std::make_unique<Block>(block_size);
+  if (!filling_ && blocks_ < most_blocks) {
+    filling_ = BlockPool::instance().obtain();
     ++blocks_;
   }
   return filling_ != nullptr;
 }
 
 ReceiveBuffer::Appended ReceiveBuffer::append(std::string_view bytes) {
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (discarded_)
     return Appended::quietly;
   if (!obtain_block() || filling_->size + bytes.size() > filling_->capacity) {
     paused_ = true;
     return Appended::no_room;
   }
-  const auto before = filling_->size;
-  std::memcpy(filling_->bytes.get() + before, bytes.data(), bytes.size());
+  const bool had_enough = has_enough();
+  if (filling_->size == 0)
+    first_byte_ = Clock::now();
+  std::memcpy(filling_->bytes.get() + filling_->size, bytes.data(), bytes.size());
   filling_->size += bytes.size();
-  if (before == 0)
-    first_byte_ = std::chrono::steady_clock::now();
-  if (delivering_) {
-    if (before < enough && filling_->size >= enough)
-      grown_.notify_one();
-    return Appended::quietly;
-  }
-  delivering_ = true;
-  return Appended::wake_delegate;
+  if (!std::exchange(delivering_, true))
+    return Appended::wake_delegate;
+  paused_ = paused_ || filling_->size >= most();
+  const auto appended = paused_ ? Appended::full : Appended::quietly;
+  const bool grown = !had_enough && has_enough();
+  lock.unlock(); // who is woken needs it at once
+  if (grown)
+    grown_.notify_one();
+  return appended;
 }
 
 void ReceiveBuffer::finish() {
@@ -57,18 +74,21 @@ void ReceiveBuffer::finish() {
 void ReceiveBuffer::discard() {
   const std::lock_guard lock(mutex_);
   discarded_ = true;
-  filling_.reset();
-  spare_.reset();
+  if (filling_)
+    BlockPool::instance().take_back(std::move(filling_));
   grown_.notify_one();
 }
 
 std::optional<Data> ReceiveBuffer::take() {
   std::unique_lock lock(mutex_);
-  if (filling_ && filling_->size > 0)
-    grown_.wait_until(lock, first_byte_ + gathering, [this] {
-      return finished_ || discarded_ || filling_->size >= enough || paused_;
-    });
-  if (!filling_ || filling_->size == 0) {
+  storage_is_slow_ = BlockPool::instance().has_slow_storage();
+  const auto is_due = [this] { return finished_ || discarded_ || paused_ || has_enough(); };
+  // At full speed the next chunk is there before a thread could have gone to sleep and come back.
+  if (!has_bytes())
+    grown_.wait_until(lock, Clock::now() + gathering, is_due);
+  if (has_bytes())
+    grown_.wait_until(lock, first_byte_ + gathering, is_due);
+  if (!has_bytes()) {
     delivering_ = false;
     return std::nullopt;
   }
@@ -79,16 +99,14 @@ std::optional<Data> ReceiveBuffer::take() {
 }
 
 void ReceiveBuffer::take_back(std::unique_ptr<Block> block) {
-  block->size = 0;
+  BlockPool::instance().take_back(std::move(block));
   std::unique_lock lock(mutex_);
-  if (discarded_)
-    return;
-  (spare_ ? filling_ : spare_) = std::move(block); // both may come home before either is needed
+  --blocks_;
   resume_if_paused(lock);
 }
 
 void ReceiveBuffer::resume_if_paused(std::unique_lock<std::mutex>& lock) {
-  if (!paused_ || (!filling_ && !spare_ && blocks_ == most_blocks))
+  if (!paused_ || (!filling_ && blocks_ == most_blocks))
     return;
   paused_ = false;
   lock.unlock();

@@ -11,12 +11,16 @@ namespace platform {
 namespace {
 
 constexpr long most_redirects = 20;
-constexpr long read_size = 128 * 1024;                     // bytes asked of the socket at once
+constexpr long read_size = longest_read;                   // bytes asked of the socket at once
+constexpr int header_read_size = 16 * 1024;                // likewise, when the body is dropped
 constexpr long beyond_any_deadline = 24L * 60 * 60 * 1000; // ms
 
 /// As libcurl would, but no program that the application starts inherits the connection.
-curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
-  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+curl_socket_t open_socket(void* request, curlsocktype, curl_sockaddr* address) noexcept {
+  const int made = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (made >= 0 && static_cast<const URLRequest*>(request)->header_suffices)
+    ::setsockopt(made, SOL_SOCKET, SO_RCVBUF, &header_read_size, sizeof header_read_size);
+  return made;
 }
 
 /// The seconds, or the seconds until the date, that a "Retry-After" field names.
@@ -116,11 +120,12 @@ void Transfer::set_options() {
   set(CURLOPT_FRESH_CONNECT, 1L);
   set(CURLOPT_FORBID_REUSE, 1L);
   set(CURLOPT_TCP_KEEPALIVE, 1L);
-  set(CURLOPT_BUFFERSIZE, read_size);
+  set(CURLOPT_BUFFERSIZE, task_->request().header_suffices ? long{header_read_size} : read_size);
   // As long as ours; libcurl shares it out among the addresses of a host.
   set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::clamp<std::int64_t>(
                                      silence_allowed_.count(), 1, beyond_any_deadline)));
   set(CURLOPT_OPENSOCKETFUNCTION, open_socket);
+  set(CURLOPT_OPENSOCKETDATA, &task_->request());
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_HEADERFUNCTION, on_header);
   set(CURLOPT_HEADERDATA, this);
@@ -320,10 +325,13 @@ std::size_t Transfer::take_body(std::string_view bytes) {
     refused_ = range_refusal("the server sent more than the range that it was asked for");
     return CURL_WRITEFUNC_ERROR;
   }
-  if (!task_->receive_data(bytes)) {
+  const auto appended = task_->receive_data(bytes);
+  if (appended == ReceiveBuffer::Appended::no_room) {
     paused_ = true;
-    return CURL_WRITEFUNC_PAUSE;
+    return CURL_WRITEFUNC_PAUSE; // libcurl keeps a copy of all that it has read
   }
+  if (appended == ReceiveBuffer::Appended::full && !std::exchange(paused_, true))
+    curl_easy_pause(easy_, CURLPAUSE_RECV); // after what it has read
   received_ = total;
   if (rate)
     limiter_.take(static_cast<std::int64_t>(bytes.size()));

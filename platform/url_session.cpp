@@ -51,11 +51,11 @@ void DataTask::receive_response(URLResponse response) {
   });
 }
 
-bool DataTask::receive_data(std::string_view bytes) {
+ReceiveBuffer::Appended DataTask::receive_data(std::string_view bytes) {
   const auto appended = buffer_->append(bytes);
   if (appended == ReceiveBuffer::Appended::wake_delegate)
     session_->delegate_queue_.async([self = shared_from_this()] { self->deliver_data(); });
-  return appended != ReceiveBuffer::Appended::no_room;
+  return appended;
 }
 
 void DataTask::deliver_data() {

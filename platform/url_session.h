@@ -35,6 +35,7 @@ struct URLRequest {
   CachePolicy cache_policy = CachePolicy::use_protocol_cache_policy;      // nothing is ever cached
   std::chrono::milliseconds time_out_interval = std::chrono::seconds(60); // of silence
   std::vector<std::pair<std::string, std::string>> header_fields;
+  bool header_suffices = false; // the server shall send little of the body meanwhile
   void set_header_field(std::string name, std::string value) {
     header_fields.emplace_back(std::move(name), std::move(value));
   }

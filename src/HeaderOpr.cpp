@@ -45,7 +45,9 @@ void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) 
 void HeaderOpr::start_task(const URL& url) {
   if (is_cancelled())
     throw Exception();
-  auto task = ephemeral_session->data_task(url);
+  platform::URLRequest request(url);
+  request.header_suffices = true;
+  auto task = ephemeral_session->data_task(std::move(request));
   task_err.reset();
   recieved_response = false;
   task->resume();

@@ -45,7 +45,7 @@ struct Destination {
     processor->setup();
   }
   ~Destination() {
-    processor->file_write_grp.wait();
+    processor->bg_wait_for_writes();
     processor->main_file_handle->close_file();
   }
   const TempDir dir;
@@ -63,7 +63,7 @@ public:
       if (const auto* const some = std::get_if<Event::did_receive_data>(&told.value))
         write(some->progress.data);
       else if (std::holds_alternative<Event::bg_after_receive_data>(told.value))
-        destination_.processor->file_write_grp.wait();
+        destination_.processor->bg_wait_for_writes();
       else if (std::holds_alternative<Event::cancelled>(told.value))
         ended_.signal();
     });
@@ -117,7 +117,7 @@ BENCHMARK(carry_a_chunk_from_buffer_to_disk)
     ->ArgName("bytes")
     ->Arg(16 << 10)
     ->Arg(128 << 10)
-    ->Arg(1 << 20)
+    ->Arg(256 << 10)
     ->UseRealTime()
     ->MeasureProcessCPUTime();
 

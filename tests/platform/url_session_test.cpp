@@ -1,3 +1,4 @@
+#include "platform/block_pool.h"
 #include "platform/data_task.h"
 #include "tests/support/loopback_socket.h"
 #include "tests/support/nginx.h"
@@ -260,6 +261,8 @@ TEST_F(URLSessionTest, lets_drips_and_slow_delegates_outlast_the_interval) {
       big{.body = test::pattern(size)};
   for (const auto slow : {server_is, response_is, chunk_is}) {
     SCOPED_TRACE(slow);
+    for (int i = 0; slow == chunk_is && i < 64; ++i)
+      BlockPool::instance().note_flush(1ms); // storage that is worth the larger chunks
     const ScriptedServer server(slow == server_is ? drip : big);
     const auto hold = [&, held = false]() mutable {
       if (std::exchange(held, true))
