@@ -251,7 +251,8 @@ def write(docs, results):
     text = ["# Measured against others\n",
             "Written by `script/bench`, which measures again; `script/bench --quick` shows the "
             "same on small files in less than two minutes, `script/bench CASE...` measures some "
-            "of the cases anew. All clients fetch in turns, each round begun by another one, "
+            "of the cases anew. What decides the speed, and what was tried, stands in "
+            "[speed.md](speed.md). All clients fetch in turns, each round begun by another one, "
             "after one round to warm up whose files are compared with the served ones. Figures "
             "are medians of the rounds. *Ours is* 0.50 where ours took half the time.\n",
             f"{machine['cores']} cores ({machine['processor']}), {machine['memory']} of memory, "
