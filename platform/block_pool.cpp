@@ -7,6 +7,7 @@ namespace {
 
 // In memory a flush takes some microseconds, on the quickest drives a hundred.
 constexpr auto slow = std::chrono::microseconds(50);
+constexpr std::size_t always_kept = 4; // blocks; small files come and go
 constexpr auto slowest_counted = std::chrono::milliseconds(1);
 
 } // namespace
@@ -24,8 +25,12 @@ void BlockPool::join() {
 void BlockPool::leave() {
   const std::lock_guard lock(mutex_);
   --members_;
-  while (free_.size() > 2 * members_)
+  while (free_.size() > most_free())
     free_.pop_back();
+}
+
+std::size_t BlockPool::most_free() const {
+  return std::max(always_kept, 2 * members_);
 }
 
 std::unique_ptr<Block> BlockPool::obtain() {
@@ -43,7 +48,7 @@ std::unique_ptr<Block> BlockPool::obtain() {
 void BlockPool::take_back(std::unique_ptr<Block> block) {
   block->size = 0;
   const std::lock_guard lock(mutex_);
-  if (free_.size() < 2 * members_)
+  if (free_.size() < most_free())
     free_.push_back(std::move(block));
 }
 

@@ -29,6 +29,8 @@ public:
   bool has_slow_storage();
 
 private:
+  std::size_t most_free() const;
+
   std::mutex mutex_; // blocks are obtained on the network thread and given back by writers
   std::size_t members_ = 0;
   std::chrono::nanoseconds usual_flush_{0};

@@ -27,12 +27,18 @@ public:
   void complete(std::optional<Error> error);
 
 private:
+  void decide(ResponseDisposition disposition);
+  // On the delegate's queue.
   void deliver_data();
+  void end(const std::optional<Error>& error);
 
   const std::shared_ptr<URLSession> session_;
   const URLRequest request_;
   std::shared_ptr<ReceiveBuffer> buffer_; // made before the task starts
-  bool refused_ = false;                  // by the delegate, on its queue
+  // Of the delegate's queue.
+  bool undecided_ = false; // the delegate has been told of a response, and has not said what next
+  bool ended_ = false;     // it has been told so
+  std::optional<std::optional<Error>> outcome_; // how the request ended while it was undecided
 };
 
 } // namespace platform

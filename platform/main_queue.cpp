@@ -29,7 +29,8 @@ struct Queue {
   MainCall* first = nullptr; // a list through the calls themselves: a hop allocates nothing
   MainCall* last = nullptr;
   std::size_t length = 0;
-  bool awake = false; // the event is set: only the first of many pieces pays for a wake-up
+  bool awake = false;   // the event is set: only the first of many pieces pays for a wake-up
+  bool watched = false; // somebody has asked for the event, which is not touched before
   bool stopped = false;
   int runs = 0;      // calls of `run()` under way, nested ones included
   bool idle = false; // the main thread sleeps in `run()`, where nobody looks at the event
@@ -48,7 +49,7 @@ void wake(Queue& q, std::unique_lock<std::mutex>& lock) {
   if (std::exchange(q.idle, false)) {
     lock.unlock();
     q.called.signal();
-  } else if (!std::exchange(q.awake, true)) {
+  } else if (!std::exchange(q.awake, true) && q.watched) {
     q.event.set();
   }
 }
@@ -56,7 +57,7 @@ void wake(Queue& q, std::unique_lock<std::mutex>& lock) {
 /// The event is set while there is work that the main thread does not know of, so that a loop
 /// nested in a callback sees it, too; and never while there is none.
 void sleep_if_empty(Queue& q) {
-  if (!q.first && std::exchange(q.awake, false))
+  if (!q.first && std::exchange(q.awake, false) && q.watched)
     q.event.clear();
 }
 
@@ -199,7 +200,11 @@ void MainQueue::stop() {
 }
 
 int MainQueue::descriptor() {
-  return queue().event.descriptor();
+  auto& q = queue();
+  const std::lock_guard lock(q.mutex);
+  if (!std::exchange(q.watched, true) && q.awake)
+    q.event.set();
+  return q.event.descriptor();
 }
 
 } // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/semaphore.h"
 #include "platform/thread_pool.h"
 
 #include <memory>
@@ -24,9 +25,34 @@ public:
   const std::string& label() const;
 
 private:
+  friend class LentThread;
   struct State;
-  static void work(const std::shared_ptr<State>& state);
+  /// Until no job is left; then `lent_again` is woken for the next one.
+  static void work(const std::shared_ptr<State>& state, Semaphore* lent_again = nullptr);
   std::shared_ptr<State> state_;
+};
+
+/// Lends the thread that makes it to a queue while that thread waits for something, so that jobs
+/// need no other. From now on they wait for `wait()`; those of before stay where they are.
+///
+/// Threads: the one that makes it. Ownership: neither queue nor semaphore; both must outlive it.
+class LentThread {
+public:
+  LentThread(SerialQueue& queue, Semaphore& awaited);
+  ~LentThread();
+  LentThread(const LentThread&) = delete;
+  LentThread& operator=(const LentThread&) = delete;
+
+  /// Runs jobs as they come until `awaited` is signalled, by one of them or anybody else.
+  void wait() noexcept;
+
+private:
+  /// False: a job counts on this thread and has signalled it, or will.
+  bool take_offer_back();
+
+  const std::shared_ptr<SerialQueue::State> state_;
+  Semaphore& awaited_;
+  bool offered_ = true;
 };
 
 } // namespace platform

@@ -43,6 +43,7 @@ std::optional<std::chrono::seconds> parse_wait(const std::string& text) {
 
 Transfer::Transfer(CURLM* multi, std::shared_ptr<DataTask> task, RateLimiter& limiter)
     : multi_(multi), task_(std::move(task)), limiter_(limiter),
+      data_allowed_(!task_->request().header_suffices),
       silence_allowed_(
           task_->configuration().idle_timeout.value_or(task_->request().time_out_interval)) {
   const auto& fields = task_->request().header_fields;

@@ -37,17 +37,28 @@ void DataTask::cancel() {
 
 void DataTask::receive_response(URLResponse response) {
   session_->delegate_queue_.async([self = shared_from_this(), response = std::move(response)] {
-    const auto decide = [self](ResponseDisposition disposition) {
-      self->refused_ = disposition == ResponseDisposition::cancel;
-      if (self->refused_)
-        NetworkThread::instance().cancel(self);
-      else
-        NetworkThread::instance().allow_data(self);
-    };
+    self->undecided_ = true;
+    const auto decide = [self](ResponseDisposition disposition) { self->decide(disposition); };
     if (const auto delegate = self->session_->delegate_.lock())
       delegate->urlSession(*self->session_, *self, response, decide);
     else
       decide(ResponseDisposition::cancel);
+  });
+}
+
+void DataTask::decide(ResponseDisposition disposition) {
+  const bool refused = disposition == ResponseDisposition::cancel;
+  if (refused)
+    cancel();
+  else if (request_.header_suffices)
+    NetworkThread::instance().allow_data(shared_from_this());
+  session_->delegate_queue_.async([self = shared_from_this(), refused] {
+    self->undecided_ = false;
+    if (refused) // whatever the connection meets before it is closed
+      self->end(url_error(URLError::cancelled, "cancelled"));
+    self->deliver_data();
+    if (self->outcome_)
+      self->end(*self->outcome_);
   });
 }
 
@@ -59,6 +70,8 @@ ReceiveBuffer::Appended DataTask::receive_data(std::string_view bytes) {
 }
 
 void DataTask::deliver_data() {
+  if (undecided_ || ended_)
+    return;
   const auto delegate = session_->delegate_.lock();
   while (const auto data = buffer_->take())
     if (delegate)
@@ -71,13 +84,21 @@ void DataTask::complete(std::optional<Error> error) {
     buffer_->discard();
   else
     buffer_->finish();
-  session_->delegate_queue_.async([self = shared_from_this(), error = std::move(error)] {
+  session_->delegate_queue_.async([self = shared_from_this(), cancelled, error = std::move(error)] {
+    if (self->undecided_ && !cancelled) {
+      self->outcome_ = error;
+      return;
+    }
     self->deliver_data();
-    // A refused task was cancelled, whatever its connection met before that was carried out.
-    const auto outcome = self->refused_ ? url_error(URLError::cancelled, "cancelled") : error;
-    if (const auto delegate = self->session_->delegate_.lock())
-      delegate->urlSession(*self->session_, *self, outcome);
+    self->end(error);
   });
+}
+
+void DataTask::end(const std::optional<Error>& error) {
+  if (std::exchange(ended_, true))
+    return;
+  if (const auto delegate = session_->delegate_.lock())
+    delegate->urlSession(*session_, *this, error);
 }
 
 } // namespace platform

@@ -72,6 +72,8 @@ public:
   /// Made suspended: nothing is sent before `resume()`.
   std::shared_ptr<DataTask> data_task(URLRequest request);
   std::shared_ptr<DataTask> data_task(const URL& url) { return data_task(URLRequest(url)); }
+  /// Where the delegate is called. A thread that waits for a task may lend itself.
+  SerialQueue& delegate_queue() { return delegate_queue_; }
 
 private:
   friend class DataTask;

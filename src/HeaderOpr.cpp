@@ -19,8 +19,12 @@ using platform::URLSession;
 
 void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
   activate();
-  bg_async(0.0, [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
-                 closure = std::move(status_closure)] { self->bg_request(url, closure); });
+  auto work = [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
+               closure = std::move(status_closure)] { self->bg_request(url, closure); };
+  if (own_work)
+    own_work->take(std::move(work));
+  else
+    bg_async(0.0, std::move(work));
 }
 
 void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
@@ -31,8 +35,9 @@ void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) 
   std::optional<Error> error;
   std::optional<Result> result;
   try {
+    platform::LentThread lent(ephemeral_session->delegate_queue(), *sema);
     main_sync([&]() MAIN_ONLY { start_task(url); });
-    sema->wait();
+    lent.wait();
     error = task_err;
     if (!error && recieved_response)
       result = required_result();

@@ -4,6 +4,7 @@
 #include "platform/semaphore.h"
 #include "platform/url_session.h"
 #include "ravelin/lg_operation.h"
+#include "support/background.h"
 
 #include <cstdint>
 #include <functional>
@@ -45,6 +46,8 @@ public:
   /// Returns at once. `status_closure` gets exactly one status, on the main thread.
   void request(const URL& url, StatusClosure status_closure);
   void cancel() override;
+  /// Set by a background thread that is about to wait for the end, for the time of `request`.
+  bramblekit::OwnWork* own_work = nullptr;
 
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
                   const platform::URLResponse& didReceive,

@@ -20,8 +20,12 @@ void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
                              StatusClosure status_closure) {
   activate();
   main_sync([&]() MAIN_ONLY { stat_closure = status_closure; });
-  bg_async(0.0, [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url, range,
-                 closure = std::move(status_closure)] { self->bg_request(url, range, closure); });
+  auto work = [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url, range,
+               closure = std::move(status_closure)] { self->bg_request(url, range, closure); };
+  if (own_work)
+    own_work->take(std::move(work));
+  else
+    bg_async(0.0, std::move(work));
 }
 
 void PartialDataOpr::bg_request(const URL& url, const std::optional<BytesRange>& range,
@@ -33,8 +37,9 @@ void PartialDataOpr::bg_request(const URL& url, const std::optional<BytesRange>&
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;
   try {
+    platform::LentThread lent(ephemeral_session->delegate_queue(), *sema);
     main_sync([&]() MAIN_ONLY { start_task(url, range, status_closure); });
-    sema->wait();
+    lent.wait();
     error = task_err;
   } catch (...) {
     error = Error::current();
@@ -119,6 +124,7 @@ std::optional<Error> PartialDataOpr::refusal(const platform::URLResponse& respon
 
 void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
                                 const platform::Data& didReceive) {
+  received_bytes += static_cast<std::int64_t>(didReceive.size());
   const bool cancelled =
       bramblekit::main_sync_in_turn([&]() MAIN_ONLY { count_and_deliver(didReceive); },
                                     [&]() MAIN_ONLY { return is_cancelled(); });
@@ -152,7 +158,7 @@ std::optional<Error> PartialDataOpr::wrong_length() const {
       !ephemeral_config->values.require_exact_ranges)
     return std::nullopt;
   const auto total = *expected_version->total;
-  const auto got = main_sync([&]() MAIN_ONLY { return total_fetched_bytes; });
+  const auto got = received_bytes;
   if (got == total)
     return std::nullopt;
   return to_error(URLLoadingError(

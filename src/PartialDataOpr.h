@@ -4,6 +4,7 @@
 #include "platform/semaphore.h"
 #include "platform/url_session.h"
 #include "ravelin/lg_operation.h"
+#include "support/background.h"
 #include "src/content_version.h"
 
 #include <cstdint>
@@ -56,6 +57,8 @@ public:
   /// Returns at once. No `range` means the whole body.
   void request(const URL& url, std::optional<BytesRange> range, StatusClosure status_closure);
   void cancel() override;
+  /// Set by a background thread that is about to wait for the end, for the time of `request`.
+  bramblekit::OwnWork* own_work = nullptr;
 
   /// What the answer must be a version of, where changed content is to be rejected. Set before
   /// `request`.
@@ -86,6 +89,7 @@ private:
   std::optional<Error> task_err;
   bool recieved_response = false;
   bool asks_for_whole = false;
+  std::int64_t received_bytes = 0; // of the delegate's queue, as are the four above
   std::int64_t total_fetched_bytes MAIN_STATE = 0;
   std::optional<std::int64_t> content_len; // bytes of this request's body
   // Written on the main thread; the delegate's queue reads it between the start and the completion

@@ -58,8 +58,10 @@ void RavelinOperation::resume(const URL& link, const URL& dest_file, bool split_
     auto destination = dest_file;
     special_activate(destination, on_conflict);
     bramblekit::bg_async(0.0, [keep, link, destination, split_allowed,
+                               claim = Claim{error_during_activation, main_file_is_already_complete,
+                                             pending_sema != nullptr},
                                closure = std::move(status_closure)]() mutable {
-      keep->bg_run(link, destination, split_allowed, std::move(closure));
+      keep->bg_run(link, destination, split_allowed, claim, std::move(closure));
     });
   });
 }
@@ -71,8 +73,8 @@ void RavelinOperation::refuse(const StatusClosure& status_closure) {
 }
 
 void RavelinOperation::bg_run(const URL& link, const URL& destination, bool split_allowed,
-                              StatusClosure status_closure) {
-  auto outcome = bg_outcome(link, destination, split_allowed);
+                              const Claim& claim, StatusClosure status_closure) {
+  auto outcome = bg_outcome(link, destination, split_allowed, claim);
   main_sync([&]() MAIN_ONLY {
     const auto last =
         std::move(status_closure); // what it holds is the application's, and dies here
@@ -81,15 +83,11 @@ void RavelinOperation::bg_run(const URL& link, const URL& destination, bool spli
 }
 
 std::optional<Error> RavelinOperation::bg_outcome(const URL& link, const URL& destination,
-                                                  bool split_allowed) {
-  bool nothing_to_do = false;
-  auto error = main_sync([&]() MAIN_ONLY {
-    nothing_to_do = main_file_is_already_complete;
-    return error_during_activation;
-  });
-  if (error || nothing_to_do)
-    return error;
-  bg_handle_pending();
+                                                  bool split_allowed, const Claim& claim) {
+  if (claim.error || claim.is_complete)
+    return claim.error;
+  if (claim.has_to_wait)
+    bg_handle_pending();
   try {
     bg_request_http_header(link);
     bg_start_connections(link, destination, split_allowed);

@@ -43,27 +43,39 @@ ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData
 } // namespace
 
 void RavelinOperation::bg_request_http_header(const URL& link) {
-  main_sync([&]() MAIN_ONLY {
-    is_header_received = false;
-    ranges_accepted = false;
-    content_len.reset();
-    server_side_date.clear();
-    probed_version = nullptr;
-  });
   std::optional<HeaderOpr::Status> answer;
-  bramblekit::wait_signal_main([&](Semaphore& sema) MAIN_ONLY {
-    if (is_cancelled())
-      throw Exception();
-    report({State::connecting{}}, {Status::connecting{}});
-    if (is_cancelled())
-      throw Exception(); // by the callback just now, before there was a request to cancel
-    header_opr = std::make_shared<HeaderOpr>();
-    header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
-      answer = status;
-      header_opr = nullptr;
-      sema.signal();
-    });
-  });
+  bool has_header = false;
+  bramblekit::OwnWork probe;
+  bramblekit::wait_signal_main(
+      [&](Semaphore& sema) MAIN_ONLY {
+        is_header_received = false;
+        ranges_accepted = false;
+        content_len.reset();
+        server_side_date.clear();
+        probed_version = nullptr;
+        if (is_cancelled())
+          throw Exception();
+        report({State::connecting{}}, {Status::connecting{}});
+        if (is_cancelled())
+          throw Exception(); // by the callback just now, before there was a request to cancel
+        header_opr = std::make_shared<HeaderOpr>();
+        header_opr->own_work = &probe;
+        header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
+          answer = status;
+          header_opr = nullptr;
+          if (const auto* const came = std::get_if<HeaderOpr::Status::success>(&status.value)) {
+            is_header_received = true;
+            ranges_accepted = came->result.ranges_accepted;
+            content_len = came->result.content_length;
+            server_side_date = came->result.server_side_date;
+            probed_version =
+                std::make_unique<ContentVersion>(ContentVersion::of_whole(came->result.header));
+          }
+          has_header = is_header_received;
+          sema.signal();
+        });
+      },
+      [&] { probe.work(); });
   if (!answer)
     platform::fatal("the header request ended without an answer");
   if (const auto* const failed = std::get_if<HeaderOpr::Status::error>(&answer->value))
@@ -71,30 +83,18 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
   const auto* const success = std::get_if<HeaderOpr::Status::success>(&answer->value);
   if (!success)
     throw Exception();
-  main_sync([&]() MAIN_ONLY {
-    is_header_received = true;
-    ranges_accepted = success->result.ranges_accepted;
-    content_len = success->result.content_length;
-    server_side_date = success->result.server_side_date;
-    probed_version =
-        std::make_unique<ContentVersion>(ContentVersion::of_whole(success->result.header));
-    if (content_len == 0)
-      throw error_msg("File content has zero length.", source_file, header_function, 259);
-    if (!is_header_received)
-      throw error_msg("Couldn't receive http header.", source_file, header_function, 271);
-  });
+  if (success->result.content_length == 0)
+    throw error_msg("File content has zero length.", source_file, header_function, 259);
+  if (!has_header)
+    throw error_msg("Couldn't receive http header.", source_file, header_function, 271);
 }
 
 void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_file,
                                             bool split_allowed) {
-  const bool should_split = main_sync([&]() MAIN_ONLY {
-    download_exception.reset();
-    download_started = false;
-    return split_allowed && ranges_accepted && content_len.has_value();
-  });
-  bg_prepare_files(dest_file, should_split);
+  const bool should_split = bg_prepare_files(dest_file, split_allowed);
   std::optional<Error> error;
   try {
+    bramblekit::OwnWork own_part; // one of the parts needs no other thread
     const auto running = main_sync([&]() MAIN_ONLY {
       data_opr_sema = nullptr;
       last_progress_snap_point = 0.0F;
@@ -102,9 +102,10 @@ void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_fil
       if (is_cancelled())
         throw Exception();
       reject_changed_content();
-      start_parts(link, should_split);
+      start_parts(link, should_split, own_part);
       return data_opr_sema;
     });
+    own_part.work();
     if (running)
       running->wait();
     file_proc->bg_wait_for_writes(); // what is saved or closed below is on storage
@@ -120,16 +121,22 @@ void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_fil
     error->rethrow();
 }
 
-void RavelinOperation::bg_prepare_files(const URL& dest_file, bool should_split) {
-  main_sync([&]() MAIN_ONLY {
+/// Tells whether the download is split.
+bool RavelinOperation::bg_prepare_files(const URL& dest_file, bool split_allowed) {
+  const bool should_split = main_sync([&]() MAIN_ONLY {
+    download_exception.reset();
+    download_started = false;
+    const bool split = split_allowed && ranges_accepted && content_len.has_value();
     file_proc = std::make_shared<FileProcessor>(*this);
-    if (should_split)
+    if (split)
       file_proc->split_count = split_count;
     file_proc->content_len = content_len;
     file_proc->server_side_date = server_side_date;
     file_proc->main_file_url = dest_file;
+    return split;
   });
   file_proc->setup();
+  return should_split;
 }
 
 /// A record of content that has been replaced meanwhile must not be continued.
@@ -141,16 +148,18 @@ void RavelinOperation::reject_changed_content() {
     changed_content_error(*changed).rethrow();
 }
 
-void RavelinOperation::start_parts(const URL& link, bool should_split) {
+void RavelinOperation::start_parts(const URL& link, bool should_split,
+                                   bramblekit::OwnWork& own_part) {
   if (!should_split) {
-    start_download(link, 0, false);
+    start_download(link, 0, false, own_part);
     return;
   }
   for (std::int64_t i = 0; i < split_count; ++i)
-    start_download(link, i, true);
+    start_download(link, i, true, own_part);
 }
 
-void RavelinOperation::start_download(const URL& link, std::int64_t part_index, bool use_range) {
+void RavelinOperation::start_download(const URL& link, std::int64_t part_index, bool use_range,
+                                      bramblekit::OwnWork& own_part) {
   bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
   std::optional<PartialDataOpr::BytesRange> range;
   if (use_range) {
@@ -162,6 +171,7 @@ void RavelinOperation::start_download(const URL& link, std::int64_t part_index, 
   }
   const auto request = std::make_shared<PartialDataOpr>();
   request->expected_version = *probed_version;
+  request->own_work = &own_part;
   partial_data_oprs.insert(request);
   if (!data_opr_sema)
     data_opr_sema = std::make_shared<Semaphore>(0U);

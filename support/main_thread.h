@@ -90,15 +90,19 @@ auto main_sync_in_turn(First&& first, Second&& second) -> std::invoke_result_t<S
   return two.outcome();
 }
 
-/// Runs `block` on the main thread with a fresh semaphore, and waits until that is signalled. An
-/// error of the block is thrown at once. Off the main thread only.
-template <class Block> auto wait_signal_main(Block&& block) {
+/// Runs `block` on the main thread with a fresh semaphore, then `meanwhile` on the calling thread,
+/// and waits until the semaphore is signalled. An error of the block is thrown at once. Off the main
+/// thread only.
+template <class Block, class Meanwhile = void (*)()>
+auto wait_signal_main(Block&& block, Meanwhile&& meanwhile = [] {}) {
   Semaphore signalled(0);
   if constexpr (std::is_void_v<std::invoke_result_t<Block&, Semaphore&>>) {
     main_sync([&]() MAIN_ONLY { block(signalled); });
+    meanwhile();
     signalled.wait();
   } else {
     auto result = main_sync([&]() MAIN_ONLY { return block(signalled); });
+    meanwhile();
     signalled.wait();
     return result;
   }

@@ -19,6 +19,7 @@ class Semaphore;
 } // namespace platform
 
 namespace bramblekit {
+class OwnWork;
 class StopWatch;
 } // namespace bramblekit
 
@@ -110,11 +111,18 @@ private:
     std::variant<not_existing, complete, incomplete, busy> value;
   };
 
+  /// What came of claiming the destination, for the background flow.
+  struct Claim {
+    std::optional<Error> error;
+    bool is_complete;
+    bool has_to_wait;
+  };
+
   // The public flow.
-  void bg_run(const URL& link, const URL& destination, bool split_allowed,
+  void bg_run(const URL& link, const URL& destination, bool split_allowed, const Claim& claim,
               StatusClosure status_closure) BG_ONLY;
-  std::optional<Error> bg_outcome(const URL& link, const URL& destination, bool split_allowed)
-      BG_ONLY;
+  std::optional<Error> bg_outcome(const URL& link, const URL& destination, bool split_allowed,
+                                  const Claim& claim) BG_ONLY;
   void complete(std::optional<Error> outcome, const URL& destination,
                 const StatusClosure& status_closure) MAIN_ONLY;
   void refuse(const StatusClosure& status_closure);
@@ -149,10 +157,11 @@ private:
   // The transfer.
   void bg_request_http_header(const URL& link) BG_ONLY;
   void bg_start_connections(const URL& link, const URL& dest_file, bool split_allowed) BG_ONLY;
-  void bg_prepare_files(const URL& dest_file, bool should_split) BG_ONLY;
+  bool bg_prepare_files(const URL& dest_file, bool split_allowed) BG_ONLY;
   void reject_changed_content() MAIN_ONLY;
-  void start_parts(const URL& link, bool should_split) MAIN_ONLY;
-  void start_download(const URL& link, std::int64_t part_index, bool use_range) MAIN_ONLY;
+  void start_parts(const URL& link, bool should_split, bramblekit::OwnWork& own_part) MAIN_ONLY;
+  void start_download(const URL& link, std::int64_t part_index, bool use_range,
+                      bramblekit::OwnWork& own_part) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;
   Progress advance_progress() MAIN_ONLY;
   void bg_after_receive_data(PartialDataOpr & opr) BG_ONLY;
