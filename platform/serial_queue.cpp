@@ -82,8 +82,8 @@ bool LentThread::take_offer_back() {
   return std::exchange(state_->lent, nullptr) != nullptr;
 }
 
-// The semaphore is signalled for jobs as well as for what is awaited. Whichever comes first: as many
-// signals are waited for as were given before the thread goes its way.
+// The semaphore is signalled for jobs as well as for what is awaited. Whichever comes first: as
+// many signals are waited for as were given before the thread goes its way.
 void LentThread::wait() noexcept {
   for (;;) {
     awaited_.wait();

@@ -4,8 +4,8 @@
 #include "platform/semaphore.h"
 #include "platform/url_session.h"
 #include "ravelin/lg_operation.h"
-#include "support/background.h"
 #include "src/content_version.h"
+#include "support/background.h"
 
 #include <cstdint>
 #include <functional>

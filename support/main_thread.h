@@ -91,10 +91,11 @@ auto main_sync_in_turn(First&& first, Second&& second) -> std::invoke_result_t<S
 }
 
 /// Runs `block` on the main thread with a fresh semaphore, then `meanwhile` on the calling thread,
-/// and waits until the semaphore is signalled. An error of the block is thrown at once. Off the main
-/// thread only.
+/// and waits until the semaphore is signalled. An error of the block is thrown at once. Off the
+/// main thread only.
 template <class Block, class Meanwhile = void (*)()>
-auto wait_signal_main(Block&& block, Meanwhile&& meanwhile = [] {}) {
+auto wait_signal_main(
+    Block&& block, Meanwhile&& meanwhile = [] {}) {
   Semaphore signalled(0);
   if constexpr (std::is_void_v<std::invoke_result_t<Block&, Semaphore&>>) {
     main_sync([&]() MAIN_ONLY { block(signalled); });

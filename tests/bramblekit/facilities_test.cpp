@@ -7,7 +7,9 @@
 #include "tests/support/temp_dir.h"
 
 #include <barrier>
+#include <future>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace bramblekit {
 namespace {
@@ -70,6 +72,24 @@ TEST(BgAsync, runs_tasks_side_by_side_after_the_delay_that_a_watch_shows) {
   EXPECT_LT(times[1], 0.3);
   watch.reset();
   EXPECT_LT(watch.elapsed_time(), 0.3);
+}
+
+TEST(OwnWork, is_done_by_who_waits_and_else_by_another_thread) {
+  using Thread = std::thread::id;
+  std::promise<Thread> first, second, left;
+  const auto tell = [](std::promise<Thread>& worker) {
+    return [&worker] { worker.set_value(std::this_thread::get_id()); };
+  };
+  {
+    OwnWork work, never_done;
+    work.take(tell(first));
+    work.take(tell(second));
+    never_done.take(tell(left));
+    work.work();
+  }
+  EXPECT_EQ(std::this_thread::get_id(), first.get_future().get());
+  EXPECT_NE(std::this_thread::get_id(), second.get_future().get());
+  EXPECT_NE(std::this_thread::get_id(), left.get_future().get());
 }
 
 } // namespace

@@ -51,6 +51,13 @@ TEST(MainQueue, is_readable_exactly_while_work_is_queued) {
   }
 }
 
+TEST(MainQueue, is_readable_for_work_from_before_anybody_asked) {
+  MainQueue::async([] {});
+  EXPECT_TRUE(readable());
+  EXPECT_EQ(1U, MainQueue::drain());
+  EXPECT_FALSE(readable());
+}
+
 TEST(MainQueue, is_not_readable_for_a_stop_that_no_run_waits_for) {
   MainQueue::stop();
   MainQueue::drain();
@@ -84,6 +91,54 @@ TEST(SerialQueue, lets_a_thread_that_offers_itself_do_what_was_added) {
   });
   queue.work_off();
   EXPECT_EQ(std::vector(3, std::this_thread::get_id()), workers);
+}
+
+TEST(SerialQueue, needs_no_other_thread_than_the_one_lent_to_it) {
+  SerialQueue queue("test");
+  Semaphore awaited(0);
+  std::vector<std::thread::id> workers;
+  const auto note = [&] { workers.push_back(std::this_thread::get_id()); };
+  {
+    LentThread lent(queue, awaited);
+    queue.async([&] { queue.async(note); });
+    std::thread other([&] {
+      for (int i = 0; i < 100; ++i)
+        queue.async(note);
+      queue.async([&] { awaited.signal(); });
+    });
+    lent.wait();
+    other.join();
+  }
+  EXPECT_EQ(std::vector(101, std::this_thread::get_id()), workers);
+  {
+    const LentThread never_waits(queue, awaited);
+    queue.async(note);
+    EXPECT_EQ(101U, workers.size());
+  }
+  EXPECT_EQ(102U, workers.size()) << "a job was promised the thread that has left";
+}
+
+TEST(SerialQueue, lets_a_lent_thread_go_whoever_signals_what_it_waits_for) {
+  SerialQueue queue("test");
+  for (int i = 0; i < 300; ++i) {
+    Semaphore awaited(0);
+    DispatchGroup jobs;
+    std::atomic<int> ran = 0;
+    jobs.enter();
+    LentThread lent(queue, awaited);
+    std::thread worker([&] {
+      queue.async([&] {
+        ++ran;
+        jobs.leave();
+      });
+    });
+    std::thread other([&] { awaited.signal(); });
+    lent.wait();
+    worker.join();
+    other.join();
+    jobs.wait(); // done by this thread, or another where this one had left
+    EXPECT_EQ(1, ran);
+  }
 }
 
 TEST(SerialQueue, runs_one_job_at_a_time_in_the_order_of_each_thread) {

@@ -26,12 +26,14 @@ public:
   std::chrono::milliseconds interval = 60s;
   ResponseDisposition disposition = ResponseDisposition::allow;
   std::function<void()> on_response = [] {}, on_data = [] {};
+  bool decides = true; // before the call ends
   // To be read after the wait.
   std::vector<URLResponse> responses;
   std::string body;
   std::size_t largest_chunk = 0;
   std::optional<Error> error;
   std::chrono::steady_clock::duration time{};
+  ResponseHandler decide_late;
 
   std::shared_ptr<DataTask> start(const std::string& link) {
     URLRequest request{URL(link)};
@@ -64,8 +66,13 @@ public:
                   ResponseHandler decide) override {
     EXPECT_EQ(0u, response.header_fields.count("Early")) << "a field of an earlier answer";
     responses.push_back(response);
-    on_response();
-    decide(disposition);
+    if (decides) {
+      on_response();
+      decide(disposition);
+    } else {
+      decide_late = std::move(decide);
+      on_response();
+    }
   }
   void urlSession(URLSession&, DataTask&, const Data& data) override {
     EXPECT_EQ(1u, responses.size());
@@ -279,6 +286,30 @@ TEST_F(URLSessionTest, lets_drips_and_slow_delegates_outlast_the_interval) {
               request->summary());
     EXPECT_GE(request->time, slow == server_is ? 1200ms : 2200ms);
     EXPECT_TRUE(slow != chunk_is || request->largest_chunk > 512 * 1024) << "chunks do not grow";
+  }
+}
+
+TEST_F(URLSessionTest, keeps_data_and_end_until_the_delegate_has_decided) {
+  const Reply whole{.body = "thirteen bits"}, cut{.body = "body", .cut_after = 2};
+  constexpr auto allow = ResponseDisposition::allow, cancel = ResponseDisposition::cancel;
+  const std::tuple<Reply, ResponseDisposition, const char*> cases[] = {
+      {whole, allow, "0 200 thirteen bits"},
+      {whole, cancel, "-999 200 "},
+      {cut, allow, "-1005 200 bo"},
+      {cut, cancel, "-999 200 "}};
+  for (const auto& [reply, disposition, outcome] : cases) {
+    SCOPED_TRACE(outcome);
+    const ScriptedServer server(reply);
+    const auto request = std::make_shared<Fetch>();
+    std::promise<void> answered;
+    request->decides = false;
+    request->on_response = [&] { answered.set_value(); };
+    request->start(server.url());
+    answered.get_future().wait();
+    std::this_thread::sleep_for(50ms); // so that the end has come, mostly; it is right either way
+    EXPECT_EQ("", request->body);
+    std::exchange(request->decide_late, nullptr)(disposition);
+    EXPECT_EQ(outcome, request->wait().summary());
   }
 }
 
