@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/xattr.h>
@@ -46,9 +47,13 @@ int FileCalls::unlink(const char* path) {
 
 #if defined(__linux__)
 int FileCalls::reserve(int descriptor, off_t size) {
-  struct statfs system {};
   // In memory, room is pages: to take them all now would hold up the first byte and everybody else.
-  if (::fstatfs(descriptor, &system) == 0 && system.f_type == TMPFS_MAGIC)
+  // Where they may become scarce, they are taken all the same: several files may count on them.
+  constexpr std::uint64_t plenty = 8;
+  struct statfs system {};
+  if (::fstatfs(descriptor, &system) == 0 && system.f_type == TMPFS_MAGIC &&
+      static_cast<std::uint64_t>(size) / static_cast<std::uint64_t>(system.f_bsize) <
+          system.f_bavail / plenty)
     return errno = EOPNOTSUPP, -1;
   return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size);
 }

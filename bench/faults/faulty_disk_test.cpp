@@ -228,5 +228,19 @@ TEST(FullDisk, is_said_at_the_start_or_ends_the_program_with_a_sentence) {
   }
 }
 
+TEST(FullDisk, is_said_of_the_file_that_finds_no_room_beside_another) {
+  const TempDir dir;
+  SmallDisk disk(dir.path());
+  if (!disk.mounted())
+    GTEST_SKIP() << "mounting is not permitted here";
+  disk.grow();
+  const ScriptedServer server(Reply{
+      .body = pattern(5 << 20), .piece = 1 << 18, .piece_delay = std::chrono::milliseconds(20)});
+  Program both({"get", "-q", "-d", dir.path(), server.url("/a"), server.url("/b")});
+  EXPECT_EQ(both.wait(), 1);
+  EXPECT_EQ(count(both.err(), "could not reserve room for"), 1U) << both.err();
+  EXPECT_EQ(count(both.err(), "could not write to"), 0U) << both.err();
+}
+
 } // namespace
 } // namespace test
