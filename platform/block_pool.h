@@ -18,7 +18,8 @@ class BlockPool {
 public:
   static BlockPool& instance();
 
-  /// Counts the transfers that need blocks: as they leave, spare blocks go back to the system.
+  /// Counts the transfers that need blocks: as they leave, spare blocks go back to the system, but
+  /// for a few that the next ones take.
   void join();
   void leave();
   std::unique_ptr<Block> obtain();

@@ -15,7 +15,7 @@ class BlockHome;
 /// A run of bytes of fixed capacity, never zeroed by us.
 struct Block {
   explicit Block(std::size_t capacity_in_bytes);
-  /// Large ones come straight from the system and go straight back: kept by the allocator, they
+  /// Large ones come straight from the system and are given back to it: kept by the allocator, they
   /// would lie between what lives long and stay resident.
   struct GivesBack {
     std::size_t mapped = 0; // bytes

@@ -99,7 +99,7 @@ void run_and_delete(MainCall& call) {
   owned->task();
 }
 
-/// Marks that somebody inside `run()` waits for the event, however `run()` ends.
+/// Marks that somebody inside `run()` waits for work, however `run()` ends.
 class Running {
 public:
   Running() { change(1); }

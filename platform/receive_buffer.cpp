@@ -106,7 +106,8 @@ void ReceiveBuffer::take_back(std::unique_ptr<Block> block) {
 }
 
 void ReceiveBuffer::resume_if_paused(std::unique_lock<std::mutex>& lock) {
-  if (!paused_ || (!filling_ && blocks_ == most_blocks))
+  const bool has_room = filling_ ? filling_->size < most() : blocks_ < most_blocks;
+  if (!paused_ || !has_room)
     return;
   paused_ = false;
   lock.unlock();

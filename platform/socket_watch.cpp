@@ -25,9 +25,9 @@ int SocketWatch::control(int operation, int descriptor, std::uint32_t events) {
 }
 
 void SocketWatch::watch(int descriptor, std::uint32_t events) {
-  if (control(EPOLL_CTL_ADD, descriptor, events) != 0 &&
-      (errno != EEXIST || control(EPOLL_CTL_MOD, descriptor, events) != 0))
-    fatal("the system refuses to wait for another connection");
+  // Where the system refuses one more, that connection is silent, and its request ends by that.
+  if (control(EPOLL_CTL_ADD, descriptor, events) != 0 && errno == EEXIST)
+    control(EPOLL_CTL_MOD, descriptor, events);
 }
 
 void SocketWatch::change(int descriptor, std::uint32_t events) {

@@ -41,7 +41,7 @@ public:
   void async_write_bytes(std::int64_t pos, platform::Data bytes) MAIN_ONLY;
   /// Saves the record, whole or not at all. It counts no byte that is not flushed.
   void update_resume_file();
-  /// Queues a save behind the writes queued so far; a failure is kept in `exception`.
+  /// Queues a save behind the writes queued so far, likewise; a failure is kept in `exception`.
   void async_update_resume_file();
   /// Returns when what has been queued is done, by this thread or another.
   void bg_wait_for_writes() BG_ONLY;
@@ -66,7 +66,7 @@ public:
   // Opened by `setup()`, then used on the write queue; closed by the owner once the group is empty.
   std::optional<platform::FileHandle> main_file_handle;
   platform::FileManager& fm;
-  platform::DispatchGroup file_write_grp;
+  platform::DispatchGroup file_write_grp; // waited for by `bg_wait_for_writes()` only
   platform::SerialQueue file_write_queue{"file_write_queue"};
   std::optional<platform::SerialQueue> suspended_file_queue; // never set
   RavelinOperation& owner_opr;

@@ -7,6 +7,8 @@
 #include "support/errors.h"
 #include "support/main_thread.h"
 
+#include <utility>
+
 namespace ravelin {
 
 using bramblekit::bg_async;
@@ -21,8 +23,8 @@ void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
   activate();
   auto work = [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
                closure = std::move(status_closure)] { self->bg_request(url, closure); };
-  if (own_work)
-    own_work->take(std::move(work));
+  if (auto* const waiting = std::exchange(own_work, nullptr))
+    waiting->take(std::move(work));
   else
     bg_async(0.0, std::move(work));
 }

@@ -46,7 +46,7 @@ public:
   /// Returns at once. `status_closure` gets exactly one status, on the main thread.
   void request(const URL& url, StatusClosure status_closure);
   void cancel() override;
-  /// Set by a background thread that is about to wait for the end, for the time of `request`.
+  /// Set for the next `request` by a background thread that will wait for its end.
   bramblekit::OwnWork* own_work = nullptr;
 
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,

@@ -22,8 +22,8 @@ void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
   main_sync([&]() MAIN_ONLY { stat_closure = status_closure; });
   auto work = [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url, range,
                closure = std::move(status_closure)] { self->bg_request(url, range, closure); };
-  if (own_work)
-    own_work->take(std::move(work));
+  if (auto* const waiting = std::exchange(own_work, nullptr))
+    waiting->take(std::move(work));
   else
     bg_async(0.0, std::move(work));
 }
@@ -54,6 +54,7 @@ void PartialDataOpr::start_task(const URL& url, const std::optional<BytesRange>&
   task_err.reset();
   recieved_response = false;
   total_fetched_bytes = 0;
+  received_bytes = 0;
   status_closure({Status::connecting{}});
   platform::URLRequest request(url);
   request.cache_policy = platform::CachePolicy::use_protocol_cache_policy;

@@ -57,7 +57,7 @@ public:
   /// Returns at once. No `range` means the whole body.
   void request(const URL& url, std::optional<BytesRange> range, StatusClosure status_closure);
   void cancel() override;
-  /// Set by a background thread that is about to wait for the end, for the time of `request`.
+  /// Set for the next `request` by a background thread that will wait for its end.
   bramblekit::OwnWork* own_work = nullptr;
 
   /// What the answer must be a version of, where changed content is to be rejected. Set before

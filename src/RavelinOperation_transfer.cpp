@@ -60,6 +60,7 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
           throw Exception(); // by the callback just now, before there was a request to cancel
         header_opr = std::make_shared<HeaderOpr>();
         header_opr->own_work = &probe;
+        // Last: should anything throw after it, the request would outlive what it refers to.
         header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
           answer = status;
           header_opr = nullptr;

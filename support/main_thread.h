@@ -85,7 +85,7 @@ auto main_sync_in_turn(First&& first, Second&& second) -> std::invoke_result_t<S
   platform::queue_on_main(one);
   platform::queue_on_main(two);
   platform::wait_for_main(two.done);
-  platform::wait_for_main(one.done); // still under way if it ran a loop of its own
+  platform::wait_for_main(one.done); // still under way if it ran a loop, which it should not
   one.outcome();
   return two.outcome();
 }

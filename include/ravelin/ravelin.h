@@ -39,8 +39,8 @@ void ravelin_main_queue_async(void (*task)(void* user), void* user);
 void ravelin_main_queue_run(void);
 /** Makes `run` return after the work under way; if none is under way, the next one. Any thread. */
 void ravelin_main_queue_stop(void);
-/** Readable while work is queued, for an event loop. Not to be read, written or closed. Any
- * thread. */
+/** Readable while work is queued that no `run` sees to, for an event loop. Not to be read, written
+ * or closed. Any thread. */
 int ravelin_main_queue_descriptor(void);
 /** Runs the work that is queued now, without waiting, and returns how many pieces. Main thread. */
 size_t ravelin_main_queue_drain(void);

@@ -195,6 +195,15 @@ TEST_F(PartialDataOprTest, hands_on_what_the_server_sends) {
     EXPECT_EQ(progress, c.progress);
     EXPECT_FALSE(opr->is_busy());
   }
+  Defaults values;
+  values.require_exact_ranges = true;
+  set_defaults(values);
+  opr->expected_version = ContentVersion{.strong_etag = {}, .last_modified = {}, .total = 300'000};
+  serve(Reply{.body = text});
+  for (int i = 0; i < 2; ++i) {
+    fetch();
+    EXPECT_TRUE(is_like("ch(db)+[+]")) << story << ": each run counts from its own beginning";
+  }
 }
 
 TEST_F(PartialDataOprTest, is_silent_after_a_cancel) {
