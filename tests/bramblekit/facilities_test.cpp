@@ -60,14 +60,15 @@ TEST(TextError, says_what_failed_and_where) {
 
 TEST(BgAsync, runs_tasks_side_by_side_after_the_delay_that_a_watch_shows) {
   StopWatch watch;
-  std::barrier all_are_there(3);
+  // Shared: who comes out of it last still looks at it.
+  const auto all_are_there = std::make_shared<std::barrier<>>(3);
   double times[2] = {};
   for (auto& time : times)
-    bg_async(&time == times ? 0.3 : 0.0, [&] {
+    bg_async(&time == times ? 0.3 : 0.0, [&, all_are_there] {
       time = watch.elapsed_time();
-      all_are_there.arrive_and_wait();
+      all_are_there->arrive_and_wait();
     });
-  all_are_there.arrive_and_wait();
+  all_are_there->arrive_and_wait();
   EXPECT_GE(times[0], 0.3);
   EXPECT_LT(times[1], 0.3);
   watch.reset();
