@@ -1,5 +1,6 @@
 // Downloads one link to one file: ten_lines LINK FILE
 
+#include <ravelin/defaults.h>
 #include <ravelin/main_queue.h>
 #include <ravelin/ravelin_operation.h>
 
@@ -8,6 +9,9 @@
 using namespace ravelin;
 
 int main(int, char** argv) {
+  Defaults values;
+  values.reject_http_errors = true; // or the page of a 404 is kept as the file
+  set_defaults(values);
   const auto download = std::make_shared<RavelinOperation>();
   download->resume(URL(argv[1]), URL::file(argv[2]), true, OnConflict::resume, [](const Status& s) {
     if (const auto* now = s.get_if<Status::downloading>())
