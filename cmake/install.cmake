@@ -26,8 +26,16 @@ install(FILES ${PROJECT_BINARY_DIR}/RavelinConfig.cmake
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE RAVELIN_PC_PREFIX)
 set(RAVELIN_PC_REQUIRES Requires)
+set(RAVELIN_PC_RUNTIME "")
 if(BUILD_SHARED_LIBS)
   set(RAVELIN_PC_REQUIRES Requires.private)
+else() # a C compiler links C++'s own library only when told
+  set(cxx_runtime ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+  list(FILTER cxx_runtime INCLUDE REGEX "^(stdc\\+\\+|c\\+\\+.*|m)$")
+  list(REMOVE_DUPLICATES cxx_runtime)
+  list(TRANSFORM cxx_runtime PREPEND -l)
+  list(JOIN cxx_runtime " " RAVELIN_PC_RUNTIME)
+  target_link_libraries(ravelin INTERFACE "$<INSTALL_INTERFACE:${cxx_runtime}>")
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ravelin.pc.in ${PROJECT_BINARY_DIR}/ravelin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ravelin.pc
