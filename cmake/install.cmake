@@ -46,12 +46,18 @@ if(TARGET ravelin_program)
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/man/ravelin.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-  set(zsh_dir zsh/site-functions)
-  if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
-    set(zsh_dir zsh/vendor-completions) # where packages put theirs
-  endif()
-  install(FILES ${PROJECT_SOURCE_DIR}/completions/_ravelin
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/${zsh_dir} COMPONENT program)
+  # Debian's zsh looks in another place for what packages bring, and only the installation knows
+  # its prefix.
+  install(CODE "
+    set(zsh_dir \"\${CMAKE_INSTALL_PREFIX}\")
+    cmake_path(APPEND zsh_dir \"${CMAKE_INSTALL_DATADIR}\" zsh)
+    if(CMAKE_INSTALL_PREFIX MATCHES /usr/?$)
+      cmake_path(APPEND zsh_dir vendor-completions)
+    else()
+      cmake_path(APPEND zsh_dir site-functions)
+    endif()
+    file(INSTALL \"${PROJECT_SOURCE_DIR}/completions/_ravelin\" DESTINATION \"\${zsh_dir}\")"
+    COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/completions/ravelin.fish
     DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/completions/ravelin.bash
