@@ -23,6 +23,10 @@ _ravelin() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
     ;;
+  -j | --max-downloads | --sha256 | --retry | -H | --header | --limit-rate | -x | --proxy | \
+    -A | --user-agent | --timeout)
+    return # a value that nobody can guess
+    ;;
   esac
   if [[ ${COMP_WORDS[1]} == get ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
