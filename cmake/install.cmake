@@ -26,8 +26,16 @@ install(FILES ${PROJECT_BINARY_DIR}/RavelinConfig.cmake
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE RAVELIN_PC_PREFIX)
 set(RAVELIN_PC_REQUIRES Requires)
+set(RAVELIN_PC_RUNTIME "")
 if(BUILD_SHARED_LIBS)
   set(RAVELIN_PC_REQUIRES Requires.private)
+else() # a C compiler links C++'s own library only when told
+  set(cxx_runtime ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
+  list(FILTER cxx_runtime INCLUDE REGEX "^(stdc\\+\\+|c\\+\\+.*|m)$")
+  list(REMOVE_DUPLICATES cxx_runtime)
+  list(TRANSFORM cxx_runtime PREPEND -l)
+  list(JOIN cxx_runtime " " RAVELIN_PC_RUNTIME)
+  target_link_libraries(ravelin INTERFACE "$<INSTALL_INTERFACE:${cxx_runtime}>")
 endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ravelin.pc.in ${PROJECT_BINARY_DIR}/ravelin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ravelin.pc
@@ -38,12 +46,18 @@ if(TARGET ravelin_program)
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/man/ravelin.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-  set(zsh_dir zsh/site-functions)
-  if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
-    set(zsh_dir zsh/vendor-completions) # where packages put theirs
-  endif()
-  install(FILES ${PROJECT_SOURCE_DIR}/completions/_ravelin
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/${zsh_dir} COMPONENT program)
+  # Debian's zsh looks in another place for what packages bring, and only the installation knows
+  # its prefix.
+  install(CODE "
+    set(zsh_dir \"\${CMAKE_INSTALL_PREFIX}\")
+    cmake_path(APPEND zsh_dir \"${CMAKE_INSTALL_DATADIR}\" zsh)
+    if(CMAKE_INSTALL_PREFIX MATCHES /usr/?$)
+      cmake_path(APPEND zsh_dir vendor-completions)
+    else()
+      cmake_path(APPEND zsh_dir site-functions)
+    endif()
+    file(INSTALL \"${PROJECT_SOURCE_DIR}/completions/_ravelin\" DESTINATION \"\${zsh_dir}\")"
+    COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/completions/ravelin.fish
     DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/completions/ravelin.bash

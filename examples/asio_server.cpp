@@ -4,6 +4,7 @@
 // and gets a line for each tenth of the download and "done" or the reason of the failure. A client
 // that leaves stops its download, and the same request continues it.
 
+#include <ravelin/defaults.h>
 #include <ravelin/integrations/asio.h>
 #include <ravelin/ravelin_operation.h>
 
@@ -109,6 +110,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: asio_server DIRECTORY [PORT]\n");
     return 2;
   }
+  Defaults values;
+  values.reject_http_errors = true; // or the page of a 404 is kept as the file
+  set_defaults(values);
   asio::io_context loop(1);
   const AsioAdapter<asio::posix::stream_descriptor> adapter(loop);
   const auto port = static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0);

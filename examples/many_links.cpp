@@ -1,5 +1,6 @@
 // Downloads many links, a few at a time: many_links LIMIT DIRECTORY LINK...
 
+#include <ravelin/defaults.h>
 #include <ravelin/main_queue.h>
 #include <ravelin/ravelin_operation.h>
 
@@ -58,6 +59,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: many_links LIMIT DIRECTORY LINK...\n");
     return 2;
   }
+  Defaults values;
+  values.reject_http_errors = true; // or the page of a 404 is kept as the file
+  set_defaults(values);
   RavelinOperation::set_max_simultaneous_download_count(std::atoi(argv[1]));
   for (int i = 3; i < argc; ++i)
     start(argv[i], argv[2]);

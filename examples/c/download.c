@@ -1,4 +1,8 @@
-/* Downloads one link to one file: download LINK FILE */
+/* Downloads one link to one file: download LINK FILE
+ *
+ * With ravelin installed: gcc download.c $(pkg-config --cflags --libs ravelin) -o download
+ * It takes libravelin.so where ravelin was built with -DBUILD_SHARED_LIBS=ON; a loader that does not
+ * know its directory is told by LD_LIBRARY_PATH. */
 
 #include <ravelin/ravelin.h>
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Downloads one link to one file inside asyncio: download.py LINK FILE
 
-Ctrl-C stops it, and the same command continues. RAVELIN_LIBRARY names the shared library where the
-system would not find it.
+Ctrl-C stops it, and the same command continues. It loads the shared library: build ravelin with
+"cmake -S . -B build -DBUILD_SHARED_LIBS=ON", and install it or name the file, for example
+RAVELIN_LIBRARY=build/src/libravelin.so.0.
 """
 
 import asyncio
