@@ -3,6 +3,7 @@
 #include "app/event_lines.h"
 #include "app/leftovers.h"
 #include "app/naming.h"
+#include "app/output.h"
 #include "app/sha256.h"
 #include "platform/file_marks.h"
 #include "ravelin/main_queue.h"
@@ -56,7 +57,7 @@ void Download::start(std::function<void(End)> on_end) {
     return;
   }
   if (cancelled_) {
-    end(End::cancelled, "interrupted; the same command continues");
+    stop();
     return;
   }
   if (const auto reason = take_lock(); !reason.empty())
@@ -128,10 +129,10 @@ Status Download::checked(const Status& status) const {
 
 void Download::on_status(const Status& told) {
   const auto status = checked(told);
-  if (options_.events) {
-    fmt::print("{}\n", event_line(status, link_, file_.native()));
-    std::fflush(stdout);
-  }
+  const bool is_last = status.holds<Status::success>() || status.holds<Status::error>() ||
+                       status.holds<Status::cancelled>();
+  if (!is_last) // what ends a run need not end the download
+    print_event(status);
   status.visit(match{
       [&](const Status::renamed& e) {
         file_ = e.new_file_url.path();
@@ -147,7 +148,7 @@ void Download::on_status(const Status& told) {
       [&](const Status::downloading& e) { view_.show_progress(row_, e.progress); },
       [&](const Status::cancelled&) {
         if (stop_reason_.empty())
-          end(End::cancelled, "interrupted; the same command continues");
+          stop();
         else
           fail(stop_reason_);
       },
@@ -164,13 +165,14 @@ void Download::on_status(const Status& told) {
 
 void Download::on_error(const CustomError& error) {
   if (cancelled_) {
-    end(End::cancelled, "interrupted; the same command continues");
+    stop();
     return;
   }
   const auto received = RavelinOperation::get_progress(URL::file(file_)).received_bytes;
   switch (retries_.judge(error, received, split_)) {
   case Remedy::give_up:
-    fail(reason_of(error));
+    print_event({Status::error{error}});
+    show_failure(reason_of(error));
     return;
   case Remedy::try_in_one_piece:
     split_ = false;
@@ -182,6 +184,7 @@ void Download::on_error(const CustomError& error) {
                           retries_.words()));
     break;
   }
+  print_event({Status::error{error}}, false);
   retry_later();
 }
 
@@ -200,7 +203,7 @@ void Download::retry_later() {
 void Download::cancel() {
   cancelled_ = true;
   if (std::exchange(waiting_, false))
-    end(End::cancelled, "interrupted; the same command continues");
+    stop();
   else
     operation_->cancel();
 }
@@ -234,7 +237,7 @@ void Download::on_success() {
   }
   lock_->finish();
   if (!options_.sha256) {
-    end(End::success, finished_words());
+    succeed(finished_words());
     return;
   }
   view_.show_state(row_, "comparing the checksum");
@@ -247,7 +250,7 @@ void Download::on_success() {
     }
     ravelin::MainQueue::async([self, found] {
       if (found == *self->options_.sha256) {
-        self->end(End::success, self->finished_words() + ", checksum right");
+        self->succeed(self->finished_words() + ", checksum right");
         return;
       }
       auto wrong = self->file_;
@@ -262,7 +265,30 @@ void Download::on_success() {
   });
 }
 
+void Download::print_event(const Status& status, bool is_final) {
+  if (options_.events)
+    print_line(event_line(status, link_, file_.native(), is_final));
+}
+
+void Download::succeed(const std::string& words) {
+  print_event({Status::success{}});
+  end(End::success, words);
+}
+
+void Download::stop() {
+  print_event({Status::cancelled{false, RavelinOperation::get_progress(URL::file(file_))}});
+  std::error_code ignored;
+  const bool starts_anew = fs::exists(record_of(file_), ignored) && !can_continue(file_);
+  end(End::cancelled, starts_anew ? "interrupted; the same command starts anew"
+                                  : "interrupted; the same command continues");
+}
+
 void Download::fail(const std::string& why) {
+  print_event({Status::error{{CustomError::other{bramblekit::to_error(ravelin::TextError(why))}}}});
+  show_failure(why);
+}
+
+void Download::show_failure(const std::string& why) {
   view_.say(fmt::format("ravelin: {} -> {}: {}", printable(link_), printable(file_.native()),
                         printable(why)));
   end(End::failure, "failed");

@@ -44,7 +44,12 @@ private:
   void on_error(const ravelin::CustomError& error);
   void on_success();
   void retry_later();
+  void print_event(const ravelin::Status& status, bool is_final = true);
+  // Each ends the download.
+  void succeed(const std::string& words);
+  void stop();
   void fail(const std::string& why);
+  void show_failure(const std::string& why);
   void end(End how, const std::string& word);
   std::string finished_words() const;
 

@@ -61,8 +61,8 @@ const char* name_of(const ravelin::CustomError& error) {
 
 } // namespace
 
-std::string event_line(const Status& status, const std::string& link,
-                       const std::string& dest_file) {
+std::string event_line(const Status& status, const std::string& link, const std::string& dest_file,
+                       bool is_final) {
   KeyedEncoder line;
   line.put("event", std::string(name_of(status)));
   line.put("url", printable(link));
@@ -82,6 +82,7 @@ std::string event_line(const Status& status, const std::string& link,
       [&](const Status::error& e) {
         line.put("custom_error", std::string(name_of(e.custom_error)));
         line.put("text", printable(e.custom_error.text()));
+        line.put("final", is_final);
       },
       [](const Status::pending&) {},
       [](const Status::connecting&) {},

@@ -28,6 +28,11 @@ fs::path record_of(const fs::path& file) {
   return ravelin::FileProcessor::prepare_resume_file_url(ravelin::URL::file(file)).path();
 }
 
+bool can_continue(const fs::path& file) {
+  const auto record = ravelin::FileProcessor::read_resume_data(ravelin::URL::file(file));
+  return record && record->is_splitted;
+}
+
 bool record_fits(const fs::path& file) {
   std::error_code unknown;
   if (!fs::exists(record_of(file), unknown))

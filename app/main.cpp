@@ -2,12 +2,14 @@
 #include "app/leftovers.h"
 #include "app/naming.h"
 #include "app/options.h"
+#include "app/output.h"
 #include "app/process_lock.h"
 #include "ravelin/ravelin_operation.h"
 #include "src/FileProcessor.h"
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -23,51 +25,66 @@ using ravelin::URL;
 
 namespace fs = std::filesystem;
 
-int show_status(const fs::path& file) {
-  std::error_code ignored;
-  const auto shown = printable(file.native());
-  const auto record = app::record_of(file);
-  if (!fs::exists(record, ignored)) {
-    const bool there = fs::exists(file, ignored);
-    fmt::print("{}: {}\n", shown,
-               there ? "complete, or not downloaded by ravelin" : "no such download");
-    return there ? app::all_well : app::failed;
-  }
+int fail(const fs::path& file, const std::string& why) {
+  app::tell(fmt::format("ravelin: '{}' {}\n", printable(file.native()), why));
+  return app::failed;
+}
+
+std::string words_of(const fs::path& file) {
   const auto progress = RavelinOperation::get_progress(URL::file(file));
-  if (progress.content_length && progress.prog_value)
-    fmt::print("{}: {:.1f}% ({} of {} bytes), can be continued\n", shown,
-               static_cast<double>(*progress.prog_value) * 100, progress.received_bytes,
-               *progress.content_length);
-  else
-    fmt::print("{}: {} bytes received, length unknown; starts anew when continued\n", shown,
-               progress.received_bytes);
-  return app::all_well;
+  if (!progress.content_length || !progress.prog_value)
+    return fmt::format("{} bytes received, length unknown; starts anew when continued",
+                       progress.received_bytes);
+  return fmt::format("{:.1f}% ({} of {} bytes), {}",
+                     static_cast<double>(*progress.prog_value) * 100, progress.received_bytes,
+                     *progress.content_length,
+                     app::can_continue(file) ? "can be continued" : "starts anew when continued");
+}
+
+int show_status(const fs::path& file) {
+  std::error_code unknown;
+  const auto kind = fs::status(file, unknown).type();
+  if (kind == fs::file_type::none)
+    return fail(file, "cannot be looked at: " + unknown.message());
+  if (kind == fs::file_type::directory)
+    return fail(file, "is a directory; name the file that is downloaded");
+  const auto shown = printable(file.native());
+  const bool there = kind != fs::file_type::not_found;
+  if (fs::exists(app::record_of(file), unknown)) {
+    app::print_line(shown + ": " + words_of(file));
+    return app::all_well;
+  }
+  app::print_line(shown +
+                  (there ? ": complete, or not downloaded by ravelin" : ": no such download"));
+  return there ? app::all_well : app::failed;
+}
+
+/// Also when it cannot be looked at.
+bool may_be_there(const fs::path& file) {
+  std::error_code ignored;
+  return fs::symlink_status(file, ignored).type() != fs::file_type::not_found;
 }
 
 int clear(const fs::path& file) {
   app::ProcessLock lock(file);
-  if (lock.held_by_another()) {
-    fmt::print(stderr, "ravelin: '{}' is being downloaded; stop that first\n",
-               printable(file.native()));
-    return app::failed;
-  }
-  std::error_code ignored;
-  if (lock.other_owner().empty()) {
+  if (lock.held_by_another())
+    return fail(file, "is being downloaded; stop that first");
+  const bool owns_record = lock.other_owner().empty();
+  if (owns_record) {
     RavelinOperation::clear_files(URL::file(file));
-  } else { // the record is another's
+  } else {
     try {
       ravelin::FileProcessor::delete_main_file(URL::file(file));
     } catch (const std::exception&) {
       // Said below.
     }
   }
-  if (!fs::exists(fs::symlink_status(file, ignored)))
-    return app::all_well;
-  fmt::print(stderr,
-             "ravelin: '{}' could not be deleted; check that it is a file and that its "
-             "directory may be written\n",
-             printable(file.native()));
-  return app::failed;
+  if (may_be_there(file))
+    return fail(file, "could not be deleted; check that it is a file and that its directory may be "
+                      "written");
+  if (owns_record && may_be_there(app::record_of(file)))
+    return fail(app::record_of(file), "could not be deleted; remove it by hand");
+  return app::all_well;
 }
 
 /// A write that fails in the middle of a download ends the process; people get one sentence.
@@ -75,16 +92,14 @@ int clear(const fs::path& file) {
   try {
     if (const auto error = std::current_exception())
       std::rethrow_exception(error);
-    std::fputs("ravelin: ended by a fault of its own\n", stderr);
+    app::tell("ravelin: ended by a fault of its own\n");
   } catch (const std::system_error& error) {
-    fmt::print(stderr,
-               "\nravelin: {}; make room or mend the disk, then run the same command to "
-               "continue\n",
-               error.what());
+    app::tell(fmt::format(
+        "\nravelin: {}; make room or mend the disk, then run the same command to continue\n",
+        error.what()));
   } catch (const std::exception& error) {
-    fmt::print(stderr, "\nravelin: {}\n", error.what());
+    app::tell(fmt::format("\nravelin: {}\n", error.what()));
   }
-  std::fflush(stderr);
   _exit(app::failed);
 }
 
@@ -95,18 +110,27 @@ int for_each_file(const std::vector<fs::path>& files, int (*command)(const fs::p
   return status;
 }
 
+int run(const app::Options& options) {
+  switch (options.command) {
+  case app::Options::status:
+    return for_each_file(options.files, show_status);
+  case app::Options::clear:
+    return for_each_file(options.files, clear);
+  default:
+    return app::run_get(options.get_options);
+  }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+  app::fill_standard_descriptors();
   std::setlocale(LC_CTYPE, "");
   std::signal(SIGPIPE, SIG_IGN);
   std::set_terminate(say_why_and_leave);
   const auto [options, exit_status] = app::parse_arguments(argc, argv);
   if (exit_status)
     return *exit_status;
-  if (options.command == app::Options::status)
-    return for_each_file(options.files, show_status);
-  if (options.command == app::Options::clear)
-    return for_each_file(options.files, clear);
-  return app::run_get(options.get_options);
+  const int status = run(options);
+  return app::all_was_printed() ? status : std::max<int>(status, app::failed);
 }

@@ -3,6 +3,7 @@
 #include "app/content_disposition.h"
 #include "app/event_lines.h"
 #include "app/naming.h"
+#include "app/output.h"
 #include "ravelin/main_queue.h"
 #include "support/background.h"
 
@@ -62,9 +63,9 @@ void NameQuestion::on_error(const ravelin::Error& error) {
   if (!cancelled_)
     view_.say(fmt::format("ravelin: {}: {}{}", printable(link_), printable(why.text()),
                           again ? "; " + retries_.words() : ""));
+  if (options_.events && !cancelled_)
+    print_line(event_line({ravelin::Status::error{why}}, link_, "", !again));
   if (!again) {
-    if (options_.events)
-      fmt::print("{}\n", event_line({ravelin::Status::error{why}}, link_, ""));
     end(std::nullopt);
     return;
   }

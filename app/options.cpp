@@ -1,6 +1,7 @@
 #include "app/options.h"
 
 #include "app/naming.h"
+#include "app/output.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/core.h>
@@ -34,13 +35,20 @@ struct Raw {
   bool no_safeguards = false;
 };
 
+/// An empty variable in a script is a slip, and must not quietly leave the option out.
+std::string not_empty(const std::string& text) {
+  return text.empty() ? "is empty" : std::string();
+}
+
 void add_get_options(CLI::App& get, GetOptions& options, Raw& raw) {
   get.add_option("URL", options.links, "Links to download (http or https)");
-  get.add_option("-o,--output", raw.output, "Write to this file instead of one named by the link");
-  get.add_option("-d,--dir", raw.directory, "Put files into this directory");
+  get.add_option("-o,--output", raw.output, "Write to this file instead of one named by the link")
+      ->check(not_empty);
+  get.add_option("-d,--dir", raw.directory, "Put files into this directory")->check(not_empty);
   get.add_flag("-J,--remote-header-name", options.remote_names,
                "Ask the server for the file's name; done anyway where the link has none");
-  get.add_option("-i,--input-file", raw.input, "Read links from a file, one a line; - is stdin");
+  get.add_option("-i,--input-file", raw.input, "Read links from a file, one a line; - is stdin")
+      ->check(not_empty);
   get.add_option("-c,--on-conflict", raw.policy,
                  "When the file is there already: resume (default), replace, keep_both or stop")
       ->check(CLI::IsMember(policies));
@@ -48,7 +56,8 @@ void add_get_options(CLI::App& get, GetOptions& options, Raw& raw) {
   get.add_option("-j,--max-downloads", options.max_downloads,
                  "How many files to download at once (default 5)")
       ->check(CLI::Range(std::int64_t{1}, std::int64_t{1000}));
-  get.add_option("--sha256", raw.sha256, "Compare the finished file with this checksum");
+  get.add_option("--sha256", raw.sha256, "Compare the finished file with this checksum")
+      ->check(not_empty);
   get.add_option("--retry", options.retries,
                  "Try this often again after a lost connection, a time-out or a busy server, "
                  "counted anew when bytes arrive (default 5, 0 never)")
@@ -104,6 +113,8 @@ void read_links(const std::string& from, std::vector<std::string>& links) {
   }
   auto& lines = from == "-" ? std::cin : file;
   for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("\xEF\xBB\xBF")) // a byte order mark
+      line.erase(0, 3);
     const auto begin = line.find_first_not_of(" \t\r");
     if (begin == std::string::npos || line[begin] == '#')
       continue;
@@ -120,7 +131,9 @@ std::string checked_sha256(std::string text) {
   return text;
 }
 
-void check_combination(const GetOptions& options) {
+void check_combination(const GetOptions& options, const std::string& input) {
+  if (options.links.empty() && !input.empty())
+    throw CLI::ValidationError("--input-file", "there is no link in '" + input + "'");
   if (options.links.empty())
     throw CLI::RequiredError("URL");
   if (options.links.size() > 1 && options.output)
@@ -163,7 +176,7 @@ void take_raw(GetOptions& options, const Raw& raw) {
 int print_parse_error(const CLI::App& parser, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0)
     return parser.exit(error) == 0 ? all_well : failed; // help and version
-  fmt::print(stderr, "ravelin: {}\nTry 'ravelin --help'.\n", error.what());
+  tell(fmt::format("ravelin: {}\nTry 'ravelin --help'.\n", error.what()));
   return wrong_usage;
 }
 
@@ -212,7 +225,7 @@ Parsed parse_arguments(int argc, const char* const* argv) {
     if (get->parsed()) {
       options.command = Options::get;
       take_raw(options.get_options, raw);
-      check_combination(options.get_options);
+      check_combination(options.get_options, raw.input);
     } else {
       options.command = status->parsed() ? Options::status : Options::clear;
       options.files.assign(files.begin(), files.end());

@@ -1,6 +1,7 @@
 #include "app/progress_view.h"
 
 #include "app/naming.h"
+#include "app/output.h"
 
 #include <fmt/core.h>
 
@@ -120,8 +121,8 @@ void ProgressView::show_progress(std::size_t row, const ravelin::Progress& progr
 void ProgressView::print_plain(const Row& row) const {
   const auto& progress = *row.progress;
   if (progress.prog_value && progress.content_length)
-    fmt::print(stderr, "{}: {:.0f}% ({} of {})\n", row.name, *progress.prog_value * 100,
-               human_size(progress.received_bytes), human_size(*progress.content_length));
+    tell(fmt::format("{}: {:.0f}% ({} of {})\n", row.name, *progress.prog_value * 100,
+                     human_size(progress.received_bytes), human_size(*progress.content_length)));
 }
 
 void ProgressView::finish(std::size_t row, const std::string& word) {
@@ -130,12 +131,12 @@ void ProgressView::finish(std::size_t row, const std::string& word) {
   if (live_)
     draw(true);
   else if (!quiet_)
-    fmt::print(stderr, "{}: {}\n", rows_[row].name, word);
+    tell(fmt::format("{}: {}\n", rows_[row].name, word));
 }
 
 void ProgressView::say(const std::string& line) {
   wipe();
-  fmt::print(stderr, "{}\n", line);
+  tell(fmt::format("{}\n", line));
   draw(true);
 }
 
@@ -146,7 +147,7 @@ void ProgressView::close() {
 
 void ProgressView::wipe() {
   if (drawn_lines_ > 0)
-    fmt::print(stderr, "\x1b[{}A\r\x1b[J", drawn_lines_);
+    tell(fmt::format("\x1b[{}A\r\x1b[J", drawn_lines_));
   drawn_lines_ = 0;
 }
 
@@ -211,7 +212,7 @@ void ProgressView::draw(bool now) {
     picture += fitted(total_text(), width) + "\n";
     ++drawn_lines_;
   }
-  fmt::print(stderr, "{}", picture);
+  tell(picture);
 }
 
 } // namespace app

@@ -30,8 +30,9 @@ struct Ran {
   int status;
   std::string out, err;
 };
-Ran run(const std::vector<std::string>& arguments) {
-  Program program(arguments);
+// `redirections` are the shell's, and take the place of the usual ones.
+Ran run(const std::vector<std::string>& arguments, const std::string& redirections = "") {
+  Program program(arguments, {.wrapper = {"bash", "-c", "exec \"$@\" " + redirections, "bash"}});
   const int status = program.wait();
   return {status, program.out(), program.err()};
 }
@@ -64,6 +65,10 @@ TEST(ProgramStatus, tells_how_it_ended) {
       {2, {"get"}},
       {2, {"get", "--no-such-option", good.url()}},
       {2, {"get", "-c", "perhaps", good.url()}},
+      {2, {"get", "--sha256", "", "-o", file, good.url()}},
+      {2, {"get", "-o", "", good.url()}},
+      {2, {"get", "-i", "/dev/null"}},
+      {1, {"status", dir.path()}},
       {2, {"get", "-o", file, good.url(), good.url()}}};
   for (const auto& [status, arguments] : cases) {
     const auto ran = run(arguments);
@@ -76,6 +81,32 @@ TEST(ProgramStatus, tells_how_it_ended) {
     program.signal(signal);
     EXPECT_EQ(program.wait(), status);
   }
+}
+
+TEST(ProgramGet, works_where_nobody_can_read_what_it_says) {
+  const ScriptedServer good(quick), bad(Reply{.status = 404});
+  for (const auto* const deaf : {"2>&-", "2>/dev/full", "2> >(true)", "0<&- 1>&- 2>&-"}) {
+    SCOPED_TRACE(deaf);
+    const TempDir dir;
+    const auto file = dir / "file.bin";
+    EXPECT_EQ(run({"get", "-o", file, bad.url()}, deaf).status, 1);
+    EXPECT_EQ(run({"get"}, deaf).status, 2);
+    EXPECT_EQ(run({"get", "-o", file, good.url()}, deaf).status, 0);
+    EXPECT_TRUE(dir.read("file.bin") == body);
+    const auto status = run({"status", file}, ">/dev/full");
+    EXPECT_EQ(status.status, 1);
+    EXPECT_TRUE(says(status.err, "standard output")) << status.err;
+  }
+}
+
+TEST(ProgramGet, says_that_one_piece_starts_anew) {
+  const ScriptedServer late(slow);
+  const TempDir dir;
+  Program program({"get", "--events", "--no-split", "-o", dir / "file.bin", late.url()});
+  await_bytes(program);
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 130);
+  EXPECT_TRUE(says(run({"status", dir / "file.bin"}).out, "starts anew"));
 }
 
 TEST(ProgramGet, continues_with_the_missing_ranges_after_a_signal) {
@@ -161,6 +192,32 @@ TEST(ProgramGet, prints_each_event_as_a_line_of_JSON) {
   const std::set<std::string> expected{"connecting", "files_are_created", "started", "downloading",
                                        "success"};
   EXPECT_EQ(all, expected);
+}
+
+TEST(ProgramGet, ends_its_events_with_the_fate_of_the_link) {
+  const ScriptedServer server([](const Request& request) {
+    return Reply{.body = body, .close_at_once = request.index == 0};
+  });
+  const TempDir dir;
+  const auto last_words = [&](const std::vector<std::string>& arguments) {
+    std::vector<std::string> command{"get", "-q", "--events", server.url()};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    std::istringstream lines(run(command).out);
+    std::string words;
+    for (std::string line; std::getline(lines, line);) {
+      const auto event = nlohmann::json::parse(line, nullptr, false);
+      const auto name = event.value("event", "");
+      if (name == "error")
+        words += event.value("final", false) ? "error " : "retry ";
+      else if (name == "success" || name == "cancelled")
+        words += name + " ";
+    }
+    return words;
+  };
+  EXPECT_EQ(last_words({"-o", dir / "file.bin"}), "retry success ");
+  EXPECT_EQ(last_words({"-o", dir / "other", "--sha256", std::string(64, 'a')}), "error ");
+  EXPECT_EQ(last_words({"-o", dir.path()}), "error ") << "it is a directory";
+  EXPECT_EQ(last_words({"-o", dir / "file.bin", "-c", "stop"}), "error ");
 }
 
 TEST(ProgramGet, treats_a_file_that_is_there_as_it_is_told) {

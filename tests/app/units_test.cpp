@@ -341,7 +341,8 @@ TEST(EventLine, is_one_object_of_JSON) {
            R"(,"also_cleared_files":true,"prog_value":null,"received_bytes":6,)"
            R"("content_length":null,"is_at_snap_point":false})"},
       {{Status::error{{CustomError::timeout{}}}},
-       "error" + same + R"(,"custom_error":"timeout","text":"The request timed out"})"}};
+       "error" + same +
+           R"(,"custom_error":"timeout","text":"The request timed out","final":true})"}};
   for (const auto& [status, text] : cases)
     EXPECT_EQ(at(status), R"({"event":")" + text);
   EXPECT_EQ(event_line({Status::success{}}, "a\"b", "\xFF\n\x1B"),
