@@ -26,7 +26,9 @@ const std::vector<std::vector<std::string>> one_file_examples = {
 TEST(Example, downloads_one_file_or_says_why_not) {
   const auto body = pattern(1'000'000);
   const ScriptedServer server([&](const Request& request) {
-    return request.target == "/file" ? Reply{.body = body} : Reply{.close_at_once = true};
+    return request.target == "/none"   ? Reply{.close_at_once = true}
+           : request.target == "/file" ? Reply{.body = body}
+                                       : Reply{.status = 404, .body = "no such page"};
   });
   for (const auto& example : one_file_examples) {
     SCOPED_TRACE(example.back());
@@ -34,9 +36,12 @@ TEST(Example, downloads_one_file_or_says_why_not) {
     const auto output_for = [&](const char* target) {
       auto command = example;
       command.insert(command.end(), {server.url(target), dir / "file"});
-      ChildProcess(command, dir / "output").wait();
+      const bool well = ChildProcess(command, dir / "output").wait() == 0;
+      EXPECT_EQ(well, target == std::string("/file"));
       return dir.read("output");
     };
+    output_for("/absent");
+    EXPECT_EQ(dir.read("file"), "") << "an error page was kept";
     const auto failure = output_for("/none");
     EXPECT_NE(failure.find("connection was lost"), failure.npos) << failure;
     const auto success = output_for("/file");
