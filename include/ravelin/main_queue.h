@@ -35,7 +35,8 @@ public:
   /// that were. Work that is queued meanwhile makes the descriptor readable again.
   static std::size_t drain();
   /// A descriptor that is readable while work is queued that no `run()` sees to, for poll, epoll
-  /// or an event loop. It belongs to the queue: watch it, never read, write or close it. Any thread.
+  /// or an event loop. It belongs to the queue: watch it, never read, write or close it. Any
+  /// thread.
   static int descriptor();
 };
 

@@ -178,7 +178,7 @@ void ravelin_set_idle_timeout(int64_t milliseconds);
 
 /* Safeguards; each is off unless asked for. */
 
-/** A final status of 400 or more is an error and not a body. */
+/** A final status that brings no content (204, 205 and all but 2xx) is an error and not a body. */
 void ravelin_set_reject_http_errors(bool reject);
 /** A request for a range must be answered with exactly that range. */
 void ravelin_set_require_exact_ranges(bool require);
