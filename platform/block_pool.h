@@ -22,7 +22,9 @@ public:
   /// for a few that the next ones take.
   void join();
   void leave();
-  std::unique_ptr<Block> obtain();
+  /// For the `first` block of a transfer always, for a second one only while there is a spare.
+  std::unique_ptr<Block> obtain(bool first);
+  bool has_spare();
   void take_back(std::unique_ptr<Block> block);
 
   /// Notes what putting a chunk on storage took. Where that is little, small chunks do.
@@ -31,9 +33,12 @@ public:
 
 private:
   std::size_t most_free() const;
+  bool storage_is_slow() const;
+  bool spare_is_left() const;
 
   std::mutex mutex_; // blocks are obtained on the network thread and given back by writers
   std::size_t members_ = 0;
+  std::size_t lent_ = 0;
   std::chrono::nanoseconds usual_flush_{0};
   std::vector<std::unique_ptr<Block>> free_; // the last one in is the first one out
 };

@@ -35,8 +35,8 @@ bool ReceiveBuffer::has_enough() const {
 
 bool ReceiveBuffer::obtain_block() {
   if (!filling_ && blocks_ < most_blocks) {
-    filling_ = BlockPool::instance().obtain();
-    ++blocks_;
+    filling_ = BlockPool::instance().obtain(blocks_ == 0);
+    blocks_ += filling_ != nullptr;
   }
   return filling_ != nullptr;
 }
@@ -106,8 +106,11 @@ void ReceiveBuffer::take_back(std::unique_ptr<Block> block) {
 }
 
 void ReceiveBuffer::resume_if_paused(std::unique_lock<std::mutex>& lock) {
-  const bool has_room = filling_ ? filling_->size < most() : blocks_ < most_blocks;
-  if (!paused_ || !has_room)
+  const auto may_have_block = [this] {
+    return blocks_ == 0 || (blocks_ < most_blocks && BlockPool::instance().has_spare());
+  };
+  // Without room one of its blocks is on loan, and this is called again when that comes back.
+  if (!paused_ || !(filling_ ? filling_->size < most() : may_have_block()))
     return;
   paused_ = false;
   lock.unlock();
