@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <utility>
 
 namespace platform {
 
@@ -39,6 +40,29 @@ bool Semaphore::wait_for(std::chrono::seconds time) {
     if (errno != EINTR)
       fatal("a semaphore could not be waited for");
   }
+}
+
+void AsyncSemaphore::signal() {
+  std::unique_lock lock(mutex_);
+  if (waiting_.empty()) {
+    ++signals_;
+    return;
+  }
+  auto job = std::move(waiting_.front());
+  waiting_.pop_front();
+  lock.unlock();
+  job();
+}
+
+void AsyncSemaphore::wait(Job job) {
+  std::unique_lock lock(mutex_);
+  if (signals_ == 0) {
+    waiting_.push_back(std::move(job));
+    return;
+  }
+  --signals_;
+  lock.unlock();
+  job();
 }
 
 void DispatchGroup::enter() {

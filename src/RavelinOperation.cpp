@@ -57,12 +57,17 @@ void RavelinOperation::resume(const URL& link, const URL& dest_file, bool split_
     opr_has_never_been_added_to_active_list = true;
     auto destination = dest_file;
     special_activate(destination, on_conflict);
-    bramblekit::bg_async(0.0, [keep, link, destination, split_allowed,
-                               claim = Claim{error_during_activation, main_file_is_already_complete,
-                                             pending_sema != nullptr},
-                               closure = std::move(status_closure)]() mutable {
-      keep->bg_run(link, destination, split_allowed, claim, std::move(closure));
-    });
+    Run run{link,
+            destination,
+            split_allowed,
+            std::move(status_closure),
+            error_during_activation,
+            main_file_is_already_complete};
+    if (!pending_sema)
+      start_flow(std::move(run));
+    else // later, as all events but the new name come after this has returned
+      MainQueue::async([keep, run = std::make_shared<Run>(std::move(run))]()
+                           MAIN_ONLY { keep->handle_pending(std::move(*run)); });
   });
 }
 
@@ -72,57 +77,54 @@ void RavelinOperation::refuse(const StatusClosure& status_closure) {
   MainQueue::async([status_closure, status] { send(status_closure, status); });
 }
 
-void RavelinOperation::bg_run(const URL& link, const URL& destination, bool split_allowed,
-                              const Claim& claim, StatusClosure status_closure) {
-  auto outcome = bg_outcome(link, destination, split_allowed, claim);
-  main_sync([&]() MAIN_ONLY {
-    const auto last =
-        std::move(status_closure); // what it holds is the application's, and dies here
-    complete(std::move(outcome), destination, last);
-  });
+void RavelinOperation::start_flow(Run run) {
+  bramblekit::bg_async(
+      0.0, [keep = self(), run = std::move(run)]() mutable { keep->bg_run(std::move(run)); });
 }
 
-std::optional<Error> RavelinOperation::bg_outcome(const URL& link, const URL& destination,
-                                                  bool split_allowed, const Claim& claim) {
-  if (claim.error || claim.is_complete)
-    return claim.error;
-  if (claim.has_to_wait)
-    bg_handle_pending();
+void RavelinOperation::bg_run(Run run) {
+  auto outcome = bg_outcome(run);
+  main_sync([&]() MAIN_ONLY { complete(std::move(outcome), std::move(run)); });
+}
+
+std::optional<Error> RavelinOperation::bg_outcome(const Run& run) {
+  if (run.claim_error || run.is_complete)
+    return run.claim_error;
   try {
-    bg_request_http_header(link);
-    bg_start_connections(link, destination, split_allowed);
+    bg_request_http_header(run.link);
+    bg_start_connections(run.link, run.destination, run.split_allowed);
   } catch (...) {
     return Error::current();
   }
   return std::nullopt;
 }
 
-void RavelinOperation::complete(std::optional<Error> outcome, const URL& destination,
-                                const StatusClosure& status_closure) {
+/// Takes the run: what its callback holds is the application's, and dies on the main thread.
+void RavelinOperation::complete(std::optional<Error> outcome, Run run) {
   stat_closure = nullptr;
   if (is_cancelled()) {
     outcome = to_error(Exception());
     if (should_clear_files) {
       try {
-        FileProcessor::delete_resume_file(destination);
-        FileProcessor::delete_main_file(destination);
+        FileProcessor::delete_resume_file(run.destination);
+        FileProcessor::delete_main_file(run.destination);
       } catch (...) {
         // What cannot be deleted stays: the run was cancelled all the same.
       }
     }
   }
-  special_free(destination);
+  special_free(run.destination);
   if (!outcome) {
     state_ = {State::successful{}};
-    send(status_closure, {Status::success{}});
+    send(run.status_closure, {Status::success{}});
   } else if (outcome->is<Exception>()) {
-    const auto progress = get_progress(destination);
+    const auto progress = get_progress(run.destination);
     state_ = {State::cancelled{should_clear_files, progress}};
-    send(status_closure, {Status::cancelled{should_clear_files, progress}});
+    send(run.status_closure, {Status::cancelled{should_clear_files, progress}});
   } else {
     const auto custom_error = make_custom_error(*outcome);
     state_ = {State::failed{custom_error}};
-    send(status_closure, {Status::error{custom_error}});
+    send(run.status_closure, {Status::error{custom_error}});
   }
 }
 

@@ -18,8 +18,8 @@ namespace ravelin {
 using bramblekit::error_msg;
 using bramblekit::main_sync;
 using bramblekit::to_error;
+using platform::AsyncSemaphore;
 using platform::FileManager;
-using platform::Semaphore;
 
 namespace {
 
@@ -155,7 +155,7 @@ void RavelinOperation::refuse_claim(const char* message, std::int64_t line) {
 
 void RavelinOperation::claim(const URL& url) {
   if (!pending_sema && is_download_limit_reached()) {
-    pending_sema = std::make_shared<Semaphore>(0U);
+    pending_sema = std::make_shared<AsyncSemaphore>();
     is_pending_for_identical_opr = false;
   }
   add_active_opr(self(), url);
@@ -163,7 +163,7 @@ void RavelinOperation::claim(const URL& url) {
 }
 
 void RavelinOperation::wait_for_identical(RavelinOperation& other, const URL& url) {
-  pending_sema = std::make_shared<Semaphore>(0U);
+  pending_sema = std::make_shared<AsyncSemaphore>();
   is_pending_for_identical_opr = true;
   other.pending_identical_opr = self();
   add_active_opr(self(), url);
@@ -197,15 +197,25 @@ bool RavelinOperation::delete_files(const URL& url) {
   }
 }
 
-void RavelinOperation::bg_handle_pending() {
-  const auto sema = main_sync([&]() MAIN_ONLY {
-    auto waited_for = pending_sema; // the callback, or who wakes this one, may clear the field
-    if (waited_for && !state_.holds<State::cancelling>())
-      report({State::pending{}}, {Status::pending{}});
-    return waited_for;
-  });
+/// No thread waits for the turn: thousands of operations may.
+void RavelinOperation::handle_pending(Run run) {
+  const auto sema = pending_sema; // the callback, or who wakes this one, may clear the field
+  if (sema && !state_.holds<State::cancelling>())
+    report({State::pending{}}, {Status::pending{}});
   if (sema)
-    sema->wait();
+    sema->wait([keep = self(), run = std::make_shared<Run>(std::move(run))]()
+                   MAIN_ONLY { keep->take_turn(std::move(*run)); });
+  else
+    take_turn(std::move(run));
+}
+
+void RavelinOperation::take_turn(Run run) {
+  if (!is_cancelled())
+    start_flow(std::move(run));
+  else // there is nothing to do in the background; later, since somebody's cancel is under way
+    MainQueue::async([keep = self(), run = std::make_shared<Run>(std::move(run))]() MAIN_ONLY {
+      keep->complete(to_error(bramblekit::Exception()), std::move(*run));
+    });
 }
 
 void RavelinOperation::special_free(const URL& dest_file) {

@@ -15,6 +15,7 @@
 
 namespace platform {
 class Data;
+class AsyncSemaphore;
 class Semaphore;
 } // namespace platform
 
@@ -111,20 +112,21 @@ private:
     std::variant<not_existing, complete, incomplete, busy> value;
   };
 
-  /// What came of claiming the destination, for the background flow.
-  struct Claim {
-    std::optional<Error> error;
+  /// One call of `resume`, and what came of claiming the destination.
+  struct Run {
+    URL link;
+    URL destination;
+    bool split_allowed;
+    StatusClosure status_closure;
+    std::optional<Error> claim_error;
     bool is_complete;
-    bool has_to_wait;
   };
 
   // The public flow.
-  void bg_run(const URL& link, const URL& destination, bool split_allowed, const Claim& claim,
-              StatusClosure status_closure) BG_ONLY;
-  std::optional<Error> bg_outcome(const URL& link, const URL& destination, bool split_allowed,
-                                  const Claim& claim) BG_ONLY;
-  void complete(std::optional<Error> outcome, const URL& destination,
-                const StatusClosure& status_closure) MAIN_ONLY;
+  void start_flow(Run run);
+  void bg_run(Run run) BG_ONLY;
+  std::optional<Error> bg_outcome(const Run& run) BG_ONLY;
+  void complete(std::optional<Error> outcome, Run run) MAIN_ONLY;
   void refuse(const StatusClosure& status_closure);
   static CustomError make_custom_error(const Error& from);
   void report(State new_state, const Status& status) MAIN_ONLY;
@@ -147,7 +149,8 @@ private:
   static void add_active_opr(std::shared_ptr<RavelinOperation> opr, const URL& url) MAIN_ONLY;
   static void remove_active_opr(const URL& url) MAIN_ONLY;
   static bool is_download_limit_reached() MAIN_ONLY;
-  void bg_handle_pending() BG_ONLY;
+  void handle_pending(Run run) MAIN_ONLY;
+  void take_turn(Run run) MAIN_ONLY;
   void special_free(const URL& dest_file);
   void finalize_active_opr(const URL& url);
   void stop_waiting() MAIN_ONLY;
@@ -194,7 +197,7 @@ private:
   bool main_file_is_already_complete MAIN_STATE = false;
   std::optional<Error> error_during_activation MAIN_STATE;
   bool opr_has_never_been_added_to_active_list MAIN_STATE = false;
-  std::shared_ptr<platform::Semaphore> pending_sema MAIN_STATE;
+  std::shared_ptr<platform::AsyncSemaphore> pending_sema MAIN_STATE;
   bool is_pending_for_identical_opr MAIN_STATE = false;
 };
 
