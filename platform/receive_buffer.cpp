@@ -22,6 +22,8 @@ ReceiveBuffer::ReceiveBuffer(std::function<void()> on_room) : on_room_(std::move
 }
 
 ReceiveBuffer::~ReceiveBuffer() {
+  if (filling_) // a body that came whole before it was refused
+    BlockPool::instance().take_back(std::move(filling_));
   BlockPool::instance().leave();
 }
 

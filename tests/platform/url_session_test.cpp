@@ -311,6 +311,10 @@ TEST_F(URLSessionTest, keeps_data_and_end_until_the_delegate_has_decided) {
     std::exchange(request->decide_late, nullptr)(disposition);
     EXPECT_EQ(outcome, request->wait().summary());
   }
+  const auto limit = std::chrono::steady_clock::now() + 5s; // the last task may outlive its request
+  while (!BlockPool::instance().has_spare() && std::chrono::steady_clock::now() < limit)
+    std::this_thread::sleep_for(1ms);
+  EXPECT_TRUE(BlockPool::instance().has_spare()) << "refused bodies were not given back";
 }
 
 TEST_F(URLSessionTest, cancels_promptly_and_once) {
