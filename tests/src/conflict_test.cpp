@@ -141,9 +141,15 @@ TEST_F(RavelinOperationConflictTest, runs_no_more_at_once_than_allowed_and_wakes
   auto& c = start_pending("c");
   auto& d = start_pending("d");
   auto& e = start_pending("e");
+  std::vector<Download*> more;
+  for (int i = 0; i < 30; ++i)
+    more.push_back(&start_pending("more" + std::to_string(i)));
   EXPECT_LE(platform::background_thread_count(), threads) << "those that wait need none";
-  d.opr->cancel(); // ends without a request, and wakes nobody
-  EXPECT_EQ(finish(d).story(), "pending cancelling cancelled");
+  more.push_back(&d);
+  for (auto* const waiting : more) {
+    waiting->opr->cancel(); // ends without a request, and wakes nobody
+    EXPECT_EQ(finish(*waiting).story(), "pending cancelling cancelled");
+  }
   a.opr->cancel();
   finish(a);
   pump_until([&] { return c.received() == 50; });
