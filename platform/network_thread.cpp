@@ -184,12 +184,19 @@ void NetworkThread::end_silent(Clock::time_point now) {
 void NetworkThread::go_on_with_rate(Clock::time_point now) {
   if (now < limiter_.next_try())
     return;
-  limiter_.forget_waiting(); // who has to wait again says so
+  std::vector<Transfer*> waiting;
   for (const auto& [task, transfer] : transfers_)
-    if (transfer->waits_for_rate()) {
-      transfer->go_on();
-      next_check_ = std::min(next_check_, transfer->deadline());
-    }
+    if (transfer->waits_for_rate())
+      waiting.push_back(transfer.get());
+  // In turns: a server gives up a connection from which nothing is taken for long.
+  std::ranges::sort(waiting, {}, &Transfer::last_share);
+  limiter_.forget_waiting(); // who has to wait again says so
+  for (auto* const transfer : waiting) {
+    transfer->go_on();
+    next_check_ = std::min(next_check_, transfer->deadline());
+    if (limiter_.next_try() != Clock::time_point::max())
+      return; // the rest has even more reason to wait
+  }
 }
 
 std::chrono::milliseconds NetworkThread::wait_time() const {

@@ -334,8 +334,10 @@ std::size_t Transfer::take_body(std::string_view bytes) {
   if (appended == ReceiveBuffer::Appended::full && !std::exchange(paused_, true))
     curl_easy_pause(easy_, CURLPAUSE_RECV); // after what it has read
   received_ = total;
-  if (rate)
+  if (rate) {
     limiter_.take(static_cast<std::int64_t>(bytes.size()));
+    last_share_ = last_heard_;
+  }
   return bytes.size();
 }
 

@@ -41,6 +41,8 @@ public:
   Error timed_out() const;
   /// Set while the transfer waits for its share of the rate.
   bool waits_for_rate() const { return waits_for_rate_; }
+  /// When it last had a share of the rate.
+  Clock::time_point last_share() const { return last_share_; }
   DataTask& task() const { return *task_; }
 
 private:
@@ -73,6 +75,7 @@ private:
   bool data_allowed_ = false;
   bool paused_ = false;
   bool waits_for_rate_ = false;
+  Clock::time_point last_share_;
   bool length_ignored_ = false;
   std::optional<Error> refused_;
   bool asks_for_range_ = false;
