@@ -110,12 +110,12 @@ def first_byte(command, environment):
 
 
 def interrupt_soon(command, file, environment):
-    """Starts a slow download and stops it as Ctrl-C does, once a part of it is on record."""
+    """Starts a slow download and stops it in good order, once a part of it is on record."""
     record = file.parent / f".{file.stem}.lgresume"
     with subprocess.Popen(command, env=environment, stderr=subprocess.DEVNULL) as process:
         while process.poll() is None:
             if record.exists() and re.search(r'"curr_bytes":[1-9]', record.read_text()):
-                process.send_signal(signal.SIGINT)
+                process.send_signal(signal.SIGTERM)
                 break
             time.sleep(0.005)
     return record
@@ -184,7 +184,7 @@ def first_byte_then_stop(command, environment):
         for line in process.stdout:
             if '"downloading"' in line:
                 first = time.monotonic() - start
-                process.send_signal(signal.SIGINT)
+                process.send_signal(signal.SIGTERM)
                 break
         process.stdout.read()
     return first
