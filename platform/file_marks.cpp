@@ -102,6 +102,8 @@ void edit_list(const fs::path& directory, const std::string& name, bool listed) 
   if (!lock.held())
     return;
   const auto list = URL::file(directory / ".hidden");
+  if (!listed)
+    remove_temporary_of(list); // of one that was killed, and need not be made again
   const bool existed = FileManager::default_manager().file_exists(list);
   if (!existed && !listed)
     return;

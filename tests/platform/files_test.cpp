@@ -152,6 +152,9 @@ TEST(HiddenList, changes_by_one_line_and_goes_when_empty_and_ours) {
     EXPECT_EQ(shown, list());
   }
   const test::TempDir dir;
+  dir.write(".hidden.tmp", "a process was killed before it put this in place");
+  set_hidden(URL::file(dir / "f"), false);
+  EXPECT_FALSE(fs::exists(dir / ".hidden.tmp"));
   fs::create_symlink(dir.write("elsewhere", "z\n"), dir / ".hidden");
   set_hidden(URL::file(dir.write("a", "")), true);
   EXPECT_TRUE(fs::is_symlink(dir / ".hidden") && dir.read("elsewhere") == "z\n");
