@@ -107,6 +107,10 @@ void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {
   });
 }
 
+void FileProcessor::start_writes() {
+  file_write_queue.async([] {});
+}
+
 void FileProcessor::bg_wait_for_writes() {
   file_write_queue.work_off(); // rather than wake a thread and wait for it
   file_write_grp.wait();

@@ -37,8 +37,11 @@ public:
   /// destination and reserves room for it.
   void setup() BG_ONLY;
   /// Queues `bytes` for the offset `pos` (bytes from the start of the file), followed by a flush,
-  /// and returns at once. It is `bg_wait_for_writes()` that gets the queue going.
+  /// and returns at once. It is `bg_wait_for_writes()` or `start_writes()` that gets the queue
+  /// going; one of them must follow, since others may wait for these bytes by now.
   void async_write_bytes(std::int64_t pos, platform::Data bytes) MAIN_ONLY;
+  /// Has what is queued done in the background, and returns at once.
+  void start_writes();
   /// Saves the record, whole or not at all. It counts no byte that is not flushed.
   void update_resume_file();
   /// Queues a save behind the writes queued so far, likewise; a failure is kept in `exception`.

@@ -196,6 +196,7 @@ void RavelinOperation::start_download(const URL& link, std::int64_t part_index, 
             [&](const Event::success&) MAIN_ONLY { keep->end_part(request); },
             [&](const Event::cancelled&) MAIN_ONLY {
               keep->download_exception = to_error(Exception());
+              keep->file_proc->start_writes(); // of a last chunk after which nobody waited
               keep->end_part(request);
             },
         },

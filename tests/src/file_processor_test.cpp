@@ -130,6 +130,12 @@ TEST_F(FileProcessorTest, writes_in_the_order_queued) {
   opened->async_write_bytes(0, Data::copy_of("first"));
   wait_for_disk(*opened);
   EXPECT_EQ(dir.read("file.bin"), "first" + std::string(795, '\0') + "aabb");
+  // Of a part that is cancelled before it waits, while another one, done with the queue, waits.
+  opened->async_write_bytes(0, Data::copy_of("last!"));
+  std::thread other([&] { opened->file_write_grp.wait(); });
+  opened->start_writes();
+  other.join();
+  EXPECT_TRUE(dir.read("file.bin").starts_with("last!"));
 }
 
 TEST_F(FileProcessorTest, saves_no_byte_that_is_not_flushed) {
