@@ -43,26 +43,16 @@ bool Semaphore::wait_for(std::chrono::seconds time) {
 }
 
 void AsyncSemaphore::signal() {
-  std::unique_lock lock(mutex_);
-  if (waiting_.empty()) {
-    ++signals_;
-    return;
-  }
-  auto job = std::move(waiting_.front());
-  waiting_.pop_front();
-  lock.unlock();
-  job();
+  signalled_ = true;
+  if (const auto job = std::exchange(waiting_, nullptr))
+    job();
 }
 
 void AsyncSemaphore::wait(Job job) {
-  std::unique_lock lock(mutex_);
-  if (signals_ == 0) {
-    waiting_.push_back(std::move(job));
-    return;
-  }
-  --signals_;
-  lock.unlock();
-  job();
+  if (signalled_)
+    job();
+  else
+    waiting_ = std::move(job);
 }
 
 void DispatchGroup::enter() {

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "platform/thread_pool.h"
+#include "ravelin/thread_marks.h"
 
 #include <chrono>
-#include <deque>
 #include <mutex>
 #include <semaphore.h>
 #include <vector>
@@ -29,17 +29,16 @@ private:
   sem_t semaphore_;
 };
 
-/// A semaphore at which jobs wait instead of threads, in the order in which they came. Each runs
-/// inside the call that brings the second of the two, the job or the signal for it.
+/// A semaphore for one signal, at which a job waits instead of a thread. The job runs inside the
+/// call that brings the second of the two, the job or the signal.
 class AsyncSemaphore {
 public:
-  void signal();
-  void wait(Job job);
+  void signal() MAIN_ONLY;
+  void wait(Job job) MAIN_ONLY;
 
 private:
-  std::mutex mutex_; // any thread signals, any thread brings a job
-  std::size_t signals_ = 0;
-  std::deque<Job> waiting_;
+  bool signalled_ = false;
+  Job waiting_;
 };
 
 /// Counts jobs under way. A wait returns when all that were under way at its start have ended.

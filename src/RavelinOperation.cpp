@@ -100,7 +100,7 @@ std::optional<Error> RavelinOperation::bg_outcome(const Run& run) {
 }
 
 /// Takes the run: what its callback holds is the application's, and dies on the main thread.
-void RavelinOperation::complete(std::optional<Error> outcome, Run run) {
+void RavelinOperation::complete(std::optional<Error> outcome, Run run) noexcept {
   stat_closure = nullptr;
   if (is_cancelled()) {
     outcome = to_error(Exception());

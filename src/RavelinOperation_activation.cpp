@@ -198,7 +198,7 @@ bool RavelinOperation::delete_files(const URL& url) {
 }
 
 /// No thread waits for the turn: thousands of operations may.
-void RavelinOperation::handle_pending(Run run) {
+void RavelinOperation::handle_pending(Run run) noexcept {
   const auto sema = pending_sema; // the callback, or who wakes this one, may clear the field
   if (sema && !state_.holds<State::cancelling>())
     report({State::pending{}}, {Status::pending{}});
@@ -209,7 +209,7 @@ void RavelinOperation::handle_pending(Run run) {
     take_turn(std::move(run));
 }
 
-void RavelinOperation::take_turn(Run run) {
+void RavelinOperation::take_turn(Run run) noexcept {
   if (!is_cancelled())
     start_flow(std::move(run));
   else // there is nothing to do in the background; later, since somebody's cancel is under way

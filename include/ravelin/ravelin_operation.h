@@ -126,7 +126,7 @@ private:
   void start_flow(Run run);
   void bg_run(Run run) BG_ONLY;
   std::optional<Error> bg_outcome(const Run& run) BG_ONLY;
-  void complete(std::optional<Error> outcome, Run run) MAIN_ONLY;
+  void complete(std::optional<Error> outcome, Run run) noexcept MAIN_ONLY;
   void refuse(const StatusClosure& status_closure);
   static CustomError make_custom_error(const Error& from);
   void report(State new_state, const Status& status) MAIN_ONLY;
@@ -149,8 +149,8 @@ private:
   static void add_active_opr(std::shared_ptr<RavelinOperation> opr, const URL& url) MAIN_ONLY;
   static void remove_active_opr(const URL& url) MAIN_ONLY;
   static bool is_download_limit_reached() MAIN_ONLY;
-  void handle_pending(Run run) MAIN_ONLY;
-  void take_turn(Run run) MAIN_ONLY;
+  void handle_pending(Run run) noexcept MAIN_ONLY;
+  void take_turn(Run run) noexcept MAIN_ONLY;
   void special_free(const URL& dest_file);
   void finalize_active_opr(const URL& url);
   void stop_waiting() MAIN_ONLY;

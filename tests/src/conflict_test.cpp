@@ -167,6 +167,30 @@ TEST_F(RavelinOperationConflictTest, runs_no_more_at_once_than_allowed_and_wakes
     EXPECT_NE(request.target, "/d");
 }
 
+TEST_F(RavelinOperationConflictTest, ends_or_starts_one_that_is_woken_before_it_waits) {
+  serve_stalling();
+  RavelinOperation::set_max_simultaneous_download_count(1);
+  auto& running = start_stalled("running");
+  auto& in_pending = start({.name = "a"});
+  in_pending.then = [&](const std::string& event) {
+    if (event == "pending")
+      in_pending.opr->cancel();
+  };
+  auto& at_once = start({.name = "b"});
+  at_once.opr->cancel();
+  EXPECT_EQ(finish(in_pending).story(), "pending cancelling cancelled");
+  EXPECT_EQ(finish(at_once).story(), "cancelling cancelled");
+  auto& leaving = start_pending("c");
+  leaving.opr->cancel(); // its end is queued, and until then it counts
+  RavelinOperation::set_max_simultaneous_download_count(2);
+  released = true;
+  auto& next = start({.name = "d"});
+  EXPECT_EQ(finish(next).story(), anew) << "its turn came before it could tell that it waits";
+  EXPECT_EQ(finish(leaving).story(), "pending cancelling cancelled");
+  running.opr->cancel();
+  finish(running);
+}
+
 // Three for one file, each of which ends the one before it.
 TEST_F(RavelinOperationConflictTest, hands_a_destination_on_from_one_to_the_next) {
   for (const bool limit_reached : {false, true}) {
