@@ -139,6 +139,8 @@ void NetworkThread::perform(const Command& command) {
 }
 
 void NetworkThread::begin(const std::shared_ptr<DataTask>& task) {
+  if (const auto rate = task->configuration().rate_limit)
+    limiter_.set_rate(*rate);
   auto transfer = std::make_unique<Transfer>(multi_, task, limiter_);
   if (auto outcome = transfer->begin()) {
     task->complete(std::move(outcome->error));

@@ -315,8 +315,8 @@ std::size_t Transfer::take_body(std::string_view bytes) {
     refused_ = no_http();
     return CURL_WRITEFUNC_ERROR;
   }
-  const auto rate = task_->configuration().rate_limit;
-  waits_for_rate_ = data_allowed_ && rate && !limiter_.may_take(*rate, last_heard_);
+  const bool is_limited = task_->configuration().rate_limit.has_value();
+  waits_for_rate_ = data_allowed_ && is_limited && !limiter_.may_take(last_heard_);
   if (!data_allowed_ || waits_for_rate_) {
     paused_ = true;
     return CURL_WRITEFUNC_PAUSE;
@@ -334,7 +334,7 @@ std::size_t Transfer::take_body(std::string_view bytes) {
   if (appended == ReceiveBuffer::Appended::full && !std::exchange(paused_, true))
     curl_easy_pause(easy_, CURLPAUSE_RECV); // after what it has read
   received_ = total;
-  if (rate) {
+  if (is_limited) {
     limiter_.take(static_cast<std::int64_t>(bytes.size()));
     last_share_ = last_heard_;
   }

@@ -20,7 +20,8 @@ struct [[gnu::visibility("default")]] Defaults {
   std::vector<std::pair<std::string, std::string>> headers;
   /// Unset: the library's own.
   std::optional<std::string> user_agent;
-  /// Bytes per second for all downloads of the process together; above 0.
+  /// Bytes per second for all downloads of the process together; above 0. A new value holds for all
+  /// that have a limit as soon as another request begins; who began without one keeps none.
   std::optional<std::int64_t> rate_limit;
   /// How long a server may be silent. Unset: each request's own, 60 seconds. Above 0.
   std::optional<std::chrono::milliseconds> idle_timeout;

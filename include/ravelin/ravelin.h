@@ -171,7 +171,8 @@ void ravelin_add_header(const char* name, const char* value);
 void ravelin_clear_headers(void);
 /** Null for the library's own. */
 void ravelin_set_user_agent(const char* user_agent);
-/** Bytes per second for all downloads together; 0 for no limit. */
+/** Bytes per second for all downloads together; 0 for no limit. A new limit holds for all that have
+ * one as soon as another request begins; those that began without one keep none. */
 void ravelin_set_rate_limit(int64_t bytes_per_second);
 /** How long a server may be silent, in milliseconds; 0 for the library's own 60 seconds. */
 void ravelin_set_idle_timeout(int64_t milliseconds);
