@@ -15,8 +15,9 @@ constexpr std::size_t longest_read = 128 * 1024; // bytes that may come before a
 
 /// Where one task's body gathers between the network thread and the delegate's queue.
 ///
-/// While the delegate is busy with a chunk, the next one grows; when two blocks are full the
-/// network thread is told to pause. Where flushes are slow, chunks may grow larger.
+/// While the delegate is busy with a chunk, the next one grows; when both blocks are full, or the
+/// pool has no second one to spare, the network thread is told to pause. Where flushes are slow,
+/// chunks may grow larger.
 ///
 /// Threads: each function says which. Ownership: shared; blocks on loan keep it alive.
 class ReceiveBuffer : public BlockHome, public std::enable_shared_from_this<ReceiveBuffer> {

@@ -5,6 +5,7 @@
 #include "tests/support/patterns.h"
 #include "tests/support/scripted_server.h"
 
+#include <barrier>
 #include <fstream>
 #include <future>
 #include <gtest/gtest.h>
@@ -288,6 +289,26 @@ TEST_F(URLSessionTest, lets_drips_and_slow_delegates_outlast_the_interval) {
     EXPECT_GE(request->time, slow == server_is ? 1200ms : 2200ms);
     EXPECT_TRUE(slow != chunk_is || request->largest_chunk > 512 * 1024) << "chunks do not grow";
   }
+}
+
+TEST_F(URLSessionTest, goes_on_where_there_was_no_second_block_to_fill) {
+  for (int i = 0; i < 1000 && BlockPool::instance().has_slow_storage(); ++i)
+    BlockPool::instance().note_flush(0ns);
+  const ScriptedServer server(Reply{.body = test::pattern(4 << 20)});
+  std::vector<std::shared_ptr<Fetch>> all;
+  std::barrier all_hold_a_chunk(4);
+  for (int i = 0; i < 4; ++i) {
+    const auto& request = all.emplace_back(std::make_shared<Fetch>());
+    request->on_data = [&, held = false]() mutable {
+      if (std::exchange(held, true))
+        return;
+      all_hold_a_chunk.arrive_and_wait();
+      std::this_thread::sleep_for(50ms); // for the network thread to ask; it is right either way
+    };
+    request->start(server.url());
+  }
+  for (const auto& request : all)
+    EXPECT_EQ("0 200 4194304 bytes", request->wait().summary());
 }
 
 TEST_F(URLSessionTest, keeps_data_and_end_until_the_delegate_has_decided) {
