@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <system_error>
@@ -67,18 +68,28 @@ std::int64_t FileHandle::visible_size() const {
 }
 
 void FileHandle::reserve(std::int64_t size) {
-  if (size <= 0)
+  if (size <= 0 || try_to_reserve(size))
     return;
+  static std::mutex mutex; // files that compete hold parts of the room; in turns the last finds it
+  const std::lock_guard lock(mutex);
+  if (!try_to_reserve(size))
+    fail("reserve room for");
+}
+
+bool FileHandle::try_to_reserve(std::int64_t size) const {
   while (file_calls().reserve(descriptor_, size) != 0) {
     const int reason = errno;
     if (reason == EINTR)
       continue;
-    if (reason != ENOSPC && reason != EDQUOT && reason != EFBIG)
-      return require_room(size);
+    if (reason != ENOSPC && reason != EDQUOT && reason != EFBIG) {
+      require_room(size);
+      return true;
+    }
     file_calls().ftruncate(descriptor_, visible_size()); // gives back what was reserved so far
     errno = reason;
-    fail("reserve room for");
+    return false;
   }
+  return true;
 }
 
 void FileHandle::require_room(std::int64_t size) const {

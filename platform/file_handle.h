@@ -32,6 +32,7 @@ public:
 
 private:
   FileHandle(int descriptor, std::filesystem::path path);
+  bool try_to_reserve(std::int64_t size) const;
   void require_room(std::int64_t size) const;
   std::int64_t visible_size() const;
   [[noreturn]] void fail(const char* what) const;

@@ -75,7 +75,8 @@ TEST(FileCalls, may_fail_one_by_one_and_leave_whole_files_and_errors_that_name_t
       const test::TempDir dir;
       const auto url = URL::file(dir.write("f", "old text"));
       const FullDisk disk(nth);
-      EXPECT_EQ(nth > calls ? 0 : ENOSPC, code_of(url, work));
+      const bool reserves = work == write_in_place && nth == 2; // once more, and finds room then
+      EXPECT_EQ(nth > calls || reserves ? 0 : ENOSPC, code_of(url, work));
       const auto text = fs::exists(dir / "f") ? dir.read("f") : "gone";
       const bool as_before =
           text == "old text" || (work == write_in_place && after.starts_with(text));
