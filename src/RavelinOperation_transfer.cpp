@@ -1,6 +1,7 @@
 #include "ravelin/ravelin_operation.h"
 
 #include "platform/fatal.h"
+#include "platform/file_marks.h"
 #include "platform/semaphore.h"
 #include "src/FileProcessor.h"
 #include "src/HeaderOpr.h"
@@ -31,6 +32,12 @@ namespace {
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 constexpr double save_interval = 0.1; // seconds between two saves of the record
+constexpr const char* etag_mark = "ravelin_etag";
+
+/// Only what is split is ever continued.
+bool bears_etag(const FileProcessor& file_proc) {
+  return file_proc.split_count && platform::defaults().reject_changed_content;
+}
 
 ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData* record,
                                 std::int64_t index) {
@@ -140,12 +147,23 @@ bool RavelinOperation::bg_prepare_files(const URL& dest_file, bool split_allowed
   return should_split;
 }
 
-/// A record of content that has been replaced meanwhile must not be continued.
+/// A record of content that has been replaced meanwhile must not be continued. The date alone does
+/// not tell of a file that was put in place later than it was made.
 void RavelinOperation::reject_changed_content() {
-  const auto& record = *file_proc->resume_data;
-  if (!platform::defaults().reject_changed_content || record.received_bytes() == 0)
+  if (!bears_etag(*file_proc))
     return;
-  if (const auto changed = change_since(record.server_side_date, probed_version->last_modified))
+  const auto& record = *file_proc->resume_data;
+  const auto& file = *file_proc->main_file_url;
+  if (record.received_bytes() == 0) {
+    const auto& etag = probed_version->strong_etag;
+    bramblekit::ext_attr(file)[etag_mark] = etag ? bramblekit::to_data(*etag) : std::nullopt;
+    return;
+  }
+  auto changed = change_since(record.server_side_date, probed_version->last_modified);
+  if (!changed)
+    changed = difference({platform::extended_attribute(file, etag_mark), {}, {}},
+                         {probed_version->strong_etag, {}, {}});
+  if (changed)
     changed_content_error(*changed).rethrow();
 }
 
@@ -261,6 +279,8 @@ void RavelinOperation::finish_files() {
     file_proc->delete_resume_file();
     bramblekit::set_is_hidden(*file_proc->main_file_url, false);
     bramblekit::ext_attr(*file_proc->main_file_url)["lg_ignore"] = std::nullopt;
+    if (bears_etag(*file_proc))
+      bramblekit::ext_attr(*file_proc->main_file_url)[etag_mark] = std::nullopt;
   } else if (download_exception->is<Exception>()) {
     if (!should_clear_files)
       file_proc->update_resume_file();

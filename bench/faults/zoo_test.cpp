@@ -173,6 +173,18 @@ std::vector<Beast> zoo() {
                       .cut_after = 40'000};
        },
        "--on-conflict replace"},
+      {"ETag differs between two runs",
+       false,
+       always(with({{"ETag", "\"two\""}})),
+       {},
+       [](const Request&) {
+         return Reply{.headers = {{"ETag", "\"one\""}},
+                      .body = pattern(body.size(), 2),
+                      .piece = 9000,
+                      .piece_delay = 60ms,
+                      .cut_after = 40'000};
+       },
+       "--on-conflict replace"},
       {"zero length", false, always({.body = ""})},
       {"206 unasked, a part", false,
        always(raw("HTTP/1.1 206 OK\r\nContent-Range: bytes 0-9/400003\r\nContent-Length: 10",
