@@ -29,9 +29,9 @@ std::optional<std::chrono::seconds> parse_wait(const std::string& text) {
   const auto* const end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, seconds);
   constexpr std::int64_t longest = 366L * 24 * 60 * 60; // seconds; may be added to without overflow
-  if (parsed.ec == std::errc() && parsed.ptr == end)
-    return seconds < 0 || seconds > longest ? std::nullopt
-                                            : std::optional(std::chrono::seconds(seconds));
+  const bool is_beyond_count = parsed.ec == std::errc::result_out_of_range && text[0] != '-';
+  if (parsed.ptr == end && (is_beyond_count || (parsed.ec == std::errc() && seconds >= 0)))
+    return std::chrono::seconds(is_beyond_count ? longest : std::min(seconds, longest));
   const auto date = parse_http_date(text);
   const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
   if (!date || *date < now)

@@ -399,9 +399,13 @@ TEST_F(URLSessionTest, keeps_concurrent_requests_apart_and_together_below_the_ra
 }
 
 TEST_F(URLSessionTest, rejects_http_errors_when_asked_to) {
-  const std::tuple<int, const char*, int> cases[] = {
-      {200, "1", 0},    {204, "1", 1},  {400, "120", 120},
-      {503, "soon", 0}, {599, "-5", 0}, {503, "Wed, 21 Oct 2015 07:28:00 GMT", 0}};
+  const std::tuple<int, const char*, int> cases[] = {{200, "1", 0},
+                                                     {204, "1", 1},
+                                                     {400, "120", 120},
+                                                     {503, "soon", 0},
+                                                     {599, "-5", 0},
+                                                     {503, "Wed, 21 Oct 2015 07:28:00 GMT", 0},
+                                                     {503, "99999999999999999999", 366 * 86400}};
   values.reject_http_errors = true;
   use();
   for (const auto& [status, retry_after, seconds] : cases) {
