@@ -2,6 +2,7 @@
 
 #include "app/event_lines.h"
 #include "app/leftovers.h"
+#include "app/link_mark.h"
 #include "app/naming.h"
 #include "app/output.h"
 #include "app/sha256.h"
@@ -47,6 +48,10 @@ Download::Download(std::string link, fs::path file, const GetOptions& options, P
 
 void Download::start(std::function<void(End)> on_end) {
   on_end_ = std::move(on_end);
+  if (link_.starts_with("file:")) {
+    fail("only http and https links work");
+    return;
+  }
   std::error_code ignored;
   if (fs::is_directory(file_, ignored)) {
     fail("it is a directory; name a file with --output, or use --dir");
@@ -136,6 +141,7 @@ void Download::on_status(const Status& told) {
   status.visit(match{
       [&](const Status::renamed& e) {
         file_ = e.new_file_url.path();
+        renamed_ = true;
         view_.rename(row_, file_.filename().native());
         stop_reason_ = take_lock();
         if (stop_reason_.empty())
@@ -143,7 +149,7 @@ void Download::on_status(const Status& told) {
         else
           operation_->cancel();
       },
-      [](const Status::files_are_created&) {},
+      [&](const Status::files_are_created&) { mark_in_list(); },
       [&](const Status::started& e) { length_ = e.content_length; },
       [&](const Status::downloading& e) { view_.show_progress(row_, e.progress); },
       [&](const Status::cancelled&) {
@@ -161,6 +167,12 @@ void Download::on_status(const Status& told) {
       [&](const Status::success&) { on_success(); },
       [&](const Status::cancelling&) { view_.show_state(row_, "stopping"); },
   });
+}
+
+/// A single link asks for no distinction, and its file bears no trace.
+void Download::mark_in_list() {
+  if (options_.links.size() > 1)
+    mark(file_, link_);
 }
 
 void Download::on_error(const CustomError& error) {
@@ -277,10 +289,17 @@ void Download::succeed(const std::string& words) {
 
 void Download::stop() {
   print_event({Status::cancelled{false, RavelinOperation::get_progress(URL::file(file_))}});
+  end(End::cancelled, interrupted_words());
+}
+
+std::string Download::interrupted_words() const {
   std::error_code ignored;
-  const bool starts_anew = fs::exists(record_of(file_), ignored) && !can_continue(file_);
-  end(End::cancelled, starts_anew ? "interrupted; the same command starts anew"
-                                  : "interrupted; the same command continues");
+  if (fs::exists(record_of(file_), ignored) && !can_continue(file_))
+    return "interrupted; the same command starts anew";
+  if (options_.on_conflict == OnConflict::resume)
+    return "interrupted; the same command continues";
+  return renamed_ ? "interrupted; continues with this name and --on-conflict resume"
+                  : "interrupted; continues with --on-conflict resume";
 }
 
 void Download::fail(const std::string& why) {

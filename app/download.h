@@ -41,6 +41,7 @@ private:
   ravelin::OnConflict policy() const;
   ravelin::Status checked(const ravelin::Status& status) const;
   void on_status(const ravelin::Status& told);
+  void mark_in_list();
   void on_error(const ravelin::CustomError& error);
   void on_success();
   void retry_later();
@@ -52,6 +53,7 @@ private:
   void show_failure(const std::string& why);
   void end(End how, const std::string& word);
   std::string finished_words() const;
+  std::string interrupted_words() const;
 
   const std::string link_;
   std::filesystem::path file_;
@@ -63,6 +65,7 @@ private:
   bool split_;
   bool first_attempt_ = true;
   bool connected_ = false;
+  bool renamed_ = false;
   std::optional<std::int64_t> length_; // bytes, where the server told it
   std::string stop_reason_;
   bool waiting_ = false;

@@ -1,9 +1,12 @@
 #include "app/get_command.h"
 
 #include "app/download.h"
+#include "app/event_lines.h"
 #include "app/leftovers.h"
+#include "app/link_mark.h"
 #include "app/name_question.h"
 #include "app/naming.h"
+#include "app/output.h"
 #include "ravelin/main_queue.h"
 
 #include <csignal>
@@ -73,7 +76,10 @@ private:
 
   /// With all names known, so that links of one name get the same ones in every run.
   void begin() {
-    std::set<fs::path> taken;
+    if (signal_)
+      tell_of_interruption();
+    for (const auto& link : options_.links)
+      marks_.insert(link_mark(link));
     for (std::size_t i = 0; i < files_.size() && !signal_; ++i) {
       any_failed_ = any_failed_ || !files_[i];
       if (!files_[i])
@@ -81,38 +87,82 @@ private:
       auto file = *files_[i];
       if (file.is_relative() && !options_.directory.empty())
         file = options_.directory / file;
+      const auto& link = options_.links[i];
       downloads_.push_back(
-          std::make_shared<Download>(options_.links[i], unused(file, taken), options_, view_));
+          std::make_shared<Download>(link, own_or_unused(file, link), options_, view_));
     }
     running_ = downloads_.size();
-    for (const auto& download : downloads_)
-      lines_[record_of(download->file())].push_back(download);
-    for (auto& [record, line] : lines_)
-      begin_first(line);
+    for (const auto& download : downloads_) {
+      auto& line = lines_[record_of(download->file())];
+      if (line.empty())
+        waiting_.push_back(&line);
+      line.push_back(download);
+    }
+    begin_more();
     if (running_ == 0)
       MainQueue::stop();
   }
 
-  /// Two links that suggest one name must not share a file.
-  static fs::path unused(const fs::path& file, std::set<fs::path>& taken) {
-    auto name = file;
-    for (int number = 1; !taken.insert(name).second; ++number)
-      name = file.parent_path() / (file.stem().native() + " (" + std::to_string(number) + ")" +
-                                   file.extension().native());
-    return name;
+  /// Of links that have no download yet.
+  void tell_of_interruption() {
+    const ravelin::Progress nothing(0.0F, 0, false);
+    std::set<std::size_t> told;
+    for (const auto& [number, question] : questions_)
+      if (question->has_failed())
+        told.insert(number);
+    for (std::size_t i = 0; i < files_.size() && options_.events; ++i)
+      if (!told.contains(i))
+        print_line(event_line({ravelin::Status::cancelled{false, nothing}}, options_.links[i],
+                              files_[i] ? files_[i]->native() : "", true));
+  }
+
+  /// Two links that suggest one name must not share a file. The numbers are those of an earlier
+  /// run even if that one did not learn the names of all.
+  fs::path own_or_unused(const fs::path& file, const std::string& link) {
+    const auto numbered = [&](int number) {
+      return number == 0
+                 ? file
+                 : file.parent_path() / (file.stem().native() + " (" + std::to_string(number) +
+                                         ")" + file.extension().native());
+    };
+    const auto own = link_mark(link);
+    std::error_code ignored;
+    for (int number = 0; fs::exists(numbered(number), ignored); ++number)
+      if (mark_of(numbered(number)) == own && taken_.insert(numbered(number)).second)
+        return numbered(number);
+    for (int number = 0;; ++number) {
+      const auto mark = mark_of(numbered(number));
+      const bool is_of_another = mark && mark != own && marks_.contains(*mark);
+      if (!is_of_another && taken_.insert(numbered(number)).second)
+        return numbered(number);
+    }
   }
 
   using Line = std::deque<std::shared_ptr<Download>>;
 
+  /// Not all at once: each that has begun holds a descriptor, even if it waits for its turn.
+  void begin_more() {
+    constexpr std::int64_t most_ready = 50;
+    for (; begun_ - most_ready < options_.max_downloads && !waiting_.empty(); ++begun_) {
+      auto& line = *waiting_.front();
+      waiting_.pop_front();
+      begin_first(line);
+    }
+  }
+
   void begin_first(Line& line) {
-    if (!line.empty())
-      line.front()->start([this, &line](Download::End how) { on_end(how, line); });
+    line.front()->start([this, &line](Download::End how) { on_end(how, line); });
   }
 
   void on_end(Download::End how, Line& line) {
     any_failed_ = any_failed_ || how == Download::End::failure;
     line.pop_front();
-    begin_first(line);
+    if (!line.empty()) {
+      begin_first(line);
+    } else {
+      --begun_;
+      begin_more();
+    }
     if (--running_ == 0)
       MainQueue::stop();
   }
@@ -124,8 +174,12 @@ private:
   std::size_t asked_ = 0;
   std::int64_t asking_ = 0;
   std::vector<std::shared_ptr<Download>> downloads_;
+  std::set<std::string> marks_; // of all links
+  std::set<fs::path> taken_;
   std::map<fs::path, Line> lines_; // those that share a resume record go one after the other
-  std::size_t running_ = 0;
+  std::deque<Line*> waiting_;      // in the order of the links
+  std::int64_t begun_ = 0;         // lines
+  std::size_t running_ = 0;        // downloads that have not ended
   bool any_failed_ = false;
   int signal_ = 0;
 };

@@ -66,6 +66,7 @@ void NameQuestion::on_error(const ravelin::Error& error) {
   if (options_.events && !cancelled_)
     print_line(event_line({ravelin::Status::error{why}}, link_, "", !again));
   if (!again) {
+    failed_ = !cancelled_;
     end(std::nullopt);
     return;
   }

@@ -23,6 +23,8 @@ public:
   /// or else the link's, or with nothing where the server cannot be asked, which has been said.
   void start(std::function<void(std::optional<std::string>)> on_end);
   void cancel();
+  /// The server cannot be asked, which was the link's last event.
+  bool has_failed() const { return failed_; }
 
 private:
   void attempt();
@@ -36,6 +38,7 @@ private:
   RetryPolicy retries_;
   bool waiting_ = false;
   bool cancelled_ = false;
+  bool failed_ = false;
   std::shared_ptr<ravelin::HeaderOpr> request_;
   std::function<void(std::optional<std::string>)> on_end_;
 };

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 
 namespace app {
 namespace {
@@ -30,10 +31,22 @@ std::size_t sequence_length(std::string_view text) {
   return overlong_or_surrogate ? 0 : length;
 }
 
+/// Keeps the extension, and cuts no letter in two.
+std::string shortened(const std::string& name, std::size_t size) {
+  auto extension = std::filesystem::path(name).extension().native();
+  if (extension.size() > 20)
+    extension.clear();
+  auto end = size - extension.size();
+  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80)
+    --end;
+  return name.substr(0, end) + extension;
+}
+
 } // namespace
 
 std::string with_scheme(std::string link) {
-  return link.find("://") == std::string::npos && !link.empty() ? "http://" + link : link;
+  const bool has_scheme = link.find("://") < link.find_first_of("/?#");
+  return has_scheme || link.empty() ? link : "http://" + link;
 }
 
 std::string name_from_link(std::string_view link) {
@@ -53,7 +66,7 @@ std::optional<std::string> usable_name(std::string name) {
       name, [](unsigned char c) { return c == '/' || c < 0x20 || c == 0x7F; }, '_');
   constexpr std::size_t longest = 200; // bytes; leaves room for the names beside it
   if (name.size() > longest)
-    name.resize(longest);
+    name = shortened(name, longest);
   if (name.empty() || name == "." || name == "..")
     return std::nullopt;
   return name;

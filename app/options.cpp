@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <sstream>
 
 namespace app {
 namespace {
@@ -66,7 +67,8 @@ void add_get_options(CLI::App& get, GetOptions& options, Raw& raw) {
       ->take_all()
       ->expected(1)
       ->allow_extra_args(false);
-  get.add_option("--limit-rate", raw.rate, "Most bytes a second for all files, such as 500k or 2M");
+  get.add_option("--limit-rate", raw.rate, "Most bytes a second for all files, such as 500k or 2M")
+      ->check(not_empty);
   get.add_option("-x,--proxy", raw.proxy, "Use this proxy, [scheme://]host:port");
   get.add_option("--cacert", raw.ca_file, "Trust the certificates in this PEM file");
   get.add_option("-A,--user-agent", raw.user_agent, "Send this as the user agent");
@@ -174,8 +176,14 @@ void take_raw(GetOptions& options, const Raw& raw) {
 }
 
 int print_parse_error(const CLI::App& parser, const CLI::ParseError& error) {
-  if (error.get_exit_code() == 0)
-    return parser.exit(error) == 0 ? all_well : failed; // help and version
+  if (error.get_exit_code() == 0) { // help and version
+    std::ostringstream text;
+    parser.exit(error, text);
+    auto line = text.str();
+    line.erase(line.find_last_not_of('\n') + 1);
+    print_line(line);
+    return all_was_printed() ? all_well : failed;
+  }
   tell(fmt::format("ravelin: {}\nTry 'ravelin --help'.\n", error.what()));
   return wrong_usage;
 }

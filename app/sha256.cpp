@@ -12,6 +12,19 @@
 
 namespace app {
 
+namespace {
+
+using Digest = std::array<unsigned char, EVP_MAX_MD_SIZE>;
+
+std::string hexadecimal(const Digest& digest, unsigned size) {
+  std::string text;
+  for (unsigned i = 0; i < size; ++i)
+    text += fmt::format("{:02x}", digest[i]);
+  return text;
+}
+
+} // namespace
+
 std::string sha256_of(const std::filesystem::path& file) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> opened(std::fopen(file.c_str(), "rb"),
                                                                std::fclose);
@@ -29,13 +42,17 @@ std::string sha256_of(const std::filesystem::path& file) {
     EVP_DigestUpdate(context.get(), piece.data(), got);
   if (std::ferror(opened.get()))
     fail();
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  Digest digest{};
   unsigned size = 0;
   EVP_DigestFinal_ex(context.get(), digest.data(), &size);
-  std::string text;
-  for (unsigned i = 0; i < size; ++i)
-    text += fmt::format("{:02x}", digest[i]);
-  return text;
+  return hexadecimal(digest, size);
+}
+
+std::string sha256_of_text(std::string_view text) {
+  Digest digest{};
+  unsigned size = 0;
+  EVP_Digest(text.data(), text.size(), digest.data(), &size, EVP_sha256(), nullptr);
+  return hexadecimal(digest, size);
 }
 
 } // namespace app

@@ -93,6 +93,7 @@ TEST(ProgramGet, works_where_nobody_can_read_what_it_says) {
     EXPECT_EQ(run({"get"}, deaf).status, 2);
     EXPECT_EQ(run({"get", "-o", file, good.url()}, deaf).status, 0);
     EXPECT_TRUE(dir.read("file.bin") == body);
+    EXPECT_EQ(run({"get", "--help"}, ">/dev/full").status, 1);
     const auto status = run({"status", file}, ">/dev/full");
     EXPECT_EQ(status.status, 1);
     EXPECT_TRUE(says(status.err, "standard output")) << status.err;
@@ -220,6 +221,20 @@ TEST(ProgramGet, ends_its_events_with_the_fate_of_the_link) {
   EXPECT_EQ(last_words({"-o", dir / "file.bin", "-c", "stop"}), "error ");
 }
 
+TEST(ProgramGet, ends_the_events_of_links_whose_name_it_was_asking_for) {
+  const ScriptedServer server(Reply{.header_delay = 1h});
+  const TempDir dir;
+  Program asking({"get", "--events", "-j", "1", "-d", dir.path(), server.url("/a/"),
+                  server.url("/b/"), server.url("/c")});
+  server.wait_for_requests(1);
+  asking.signal(SIGINT);
+  EXPECT_EQ(asking.wait(), 130);
+  const auto text = asking.out();
+  EXPECT_EQ(std::ranges::count(text, '\n'), 3) << text;
+  for (const char* link : {"/a/\"", "/b/\"", "/c\""})
+    EXPECT_TRUE(says(text, link) && says(text, "cancelled")) << text;
+}
+
 TEST(ProgramGet, treats_a_file_that_is_there_as_it_is_told) {
   const ScriptedServer server(quick);
   const struct {
@@ -306,6 +321,41 @@ TEST(ProgramGet, takes_the_name_that_the_server_tells) {
   for (const auto& entry : fs::directory_iterator(dir.path()))
     names.insert(entry.path().filename());
   EXPECT_EQ(names, (std::set<std::string>{"movie 1.mkv", "given", "link", "movie 1 (1).mkv"}));
+}
+
+TEST(ProgramGet, keeps_apart_links_of_one_name_though_one_was_not_known_at_first) {
+  std::atomic<bool> all_answer = false;
+  const ScriptedServer server([&](const Request& request) {
+    if (request.target == "/0" && !all_answer)
+      return Reply{.status = 500};
+    return Reply{.headers = {{"Content-Disposition", "attachment; filename=same.bin"}},
+                 .body = request.target};
+  });
+  const TempDir dir;
+  std::vector<std::string> command{"get", "-q", "-J", "--retry", "0", "-d", dir.path()};
+  for (const char* link : {"/0", "/1", "/2"})
+    command.push_back(server.url(link));
+  EXPECT_EQ(run(command).status, 1);
+  all_answer = true;
+  for (int runs = 0; runs < 2; ++runs) {
+    EXPECT_EQ(run(command).status, 0);
+    EXPECT_EQ(dir.read("same.bin"), "/1");
+    EXPECT_EQ(dir.read("same (1).bin"), "/2");
+    EXPECT_EQ(dir.read("same (2).bin"), "/0");
+  }
+}
+
+TEST(ProgramGet, needs_no_descriptor_for_each_link_of_a_list) {
+  const ScriptedServer server(Reply{.body = "body"});
+  const TempDir dir;
+  std::string links;
+  for (int i = 0; i < 400; ++i)
+    links += server.url("/" + std::to_string(i)) + "\n";
+  const auto list = dir.write("list", links);
+  Program all({"get", "-q", "-j", "2", "-d", dir.path(), "-i", list},
+              {.wrapper = {"prlimit", "--nofile=128"}});
+  EXPECT_EQ(all.wait(), 0) << all.err();
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 401);
 }
 
 TEST(ProgramGet, downloads_every_link_of_a_list_and_clear_removes_them) {

@@ -64,12 +64,17 @@ TEST(Naming, takes_a_safe_name_from_a_link) {
       {"http://h/100%", "100%"},
       {"http://h/%FF\xFE", "\xFF\xFE"},
       {"http://h/" + std::string(300, 'x'), std::string(200, 'x')},
+      {"http://h/" + std::string(300, 'x') + ".mkv", std::string(196, 'x') + ".mkv"},
+      {"http://h/x." + std::string(300, 'y'), "x." + std::string(198, 'y')},
+      {"http://h/" + std::string(195, 'x') + "%E2%82%AC%E2%82%AC.mkv",
+       std::string(195, 'x') + ".mkv"},
       {"", "download"}};
   for (const auto& [link, name] : cases) {
     EXPECT_EQ(name_from_link(link), name) << link;
     EXPECT_EQ(fs::path(name_from_link(link)).filename(), name_from_link(link)) << link;
   }
   EXPECT_EQ(with_scheme("h/x"), "http://h/x");
+  EXPECT_EQ(with_scheme("h/x?from=http://g/"), "http://h/x?from=http://g/");
   EXPECT_EQ(with_scheme("ftp://h/x"), "ftp://h/x");
 }
 
