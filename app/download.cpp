@@ -293,6 +293,8 @@ void Download::stop() {
 }
 
 std::string Download::interrupted_words() const {
+  if (first_attempt_)
+    return "interrupted before it began";
   std::error_code ignored;
   if (fs::exists(record_of(file_), ignored) && !can_continue(file_))
     return "interrupted; the same command starts anew";

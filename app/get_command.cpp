@@ -80,6 +80,7 @@ private:
       tell_of_interruption();
     for (const auto& link : options_.links)
       marks_.insert(link_mark(link));
+    const bool in_list = files_.size() > 1;
     for (std::size_t i = 0; i < files_.size() && !signal_; ++i) {
       any_failed_ = any_failed_ || !files_[i];
       if (!files_[i])
@@ -88,8 +89,8 @@ private:
       if (file.is_relative() && !options_.directory.empty())
         file = options_.directory / file;
       const auto& link = options_.links[i];
-      downloads_.push_back(
-          std::make_shared<Download>(link, own_or_unused(file, link), options_, view_));
+      downloads_.push_back(std::make_shared<Download>(
+          link, in_list ? own_or_unused(file, link) : file, options_, view_));
     }
     running_ = downloads_.size();
     for (const auto& download : downloads_) {
@@ -112,8 +113,8 @@ private:
         told.insert(number);
     for (std::size_t i = 0; i < files_.size() && options_.events; ++i)
       if (!told.contains(i))
-        print_line(event_line({ravelin::Status::cancelled{false, nothing}}, options_.links[i],
-                              files_[i] ? files_[i]->native() : "", true));
+        print_line(
+            event_line({ravelin::Status::cancelled{false, nothing}}, options_.links[i], "", true));
   }
 
   /// Two links that suggest one name must not share a file. The numbers are those of an earlier
@@ -128,9 +129,12 @@ private:
     const auto own = link_mark(link);
     std::error_code ignored;
     for (int number = 0; fs::exists(numbered(number), ignored); ++number)
-      if (mark_of(numbered(number)) == own && taken_.insert(numbered(number)).second)
+      if (!taken_.contains(numbered(number)) && mark_of(numbered(number)) == own &&
+          taken_.insert(numbered(number)).second)
         return numbered(number);
     for (int number = 0;; ++number) {
+      if (taken_.contains(numbered(number)))
+        continue;
       const auto mark = mark_of(numbered(number));
       const bool is_of_another = mark && mark != own && marks_.contains(*mark);
       if (!is_of_another && taken_.insert(numbered(number)).second)

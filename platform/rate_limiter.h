@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <utility>
 
 namespace platform {
 
@@ -12,7 +13,11 @@ public:
   using Clock = std::chrono::steady_clock;
 
   /// Holds for all from now on, or else the slowest would pace them; above 0.
-  void set_rate(std::int64_t bytes_per_second) { rate_ = static_cast<double>(bytes_per_second); }
+  void set_rate(std::int64_t bytes_per_second) {
+    const auto before = std::exchange(rate_, static_cast<double>(bytes_per_second));
+    if (rate_ != before && next_try_ != Clock::time_point::max())
+      next_try_ = Clock::now(); // who was refused asks again, and learns the new time
+  }
   /// Whether bytes may be taken now.
   bool may_take(Clock::time_point now) {
     const std::chrono::duration<double> passed = now - last_;
