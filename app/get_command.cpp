@@ -129,16 +129,15 @@ private:
     const auto own = link_mark(link);
     std::error_code ignored;
     for (int number = 0; fs::exists(numbered(number), ignored); ++number)
-      if (!taken_.contains(numbered(number)) && mark_of(numbered(number)) == own &&
-          taken_.insert(numbered(number)).second)
-        return numbered(number);
+      if (!taken_.contains(numbered(number)) && mark_of(numbered(number)) == own)
+        return *taken_.insert(numbered(number)).first;
     for (int number = 0;; ++number) {
       if (taken_.contains(numbered(number)))
         continue;
       const auto mark = mark_of(numbered(number));
       const bool is_of_another = mark && mark != own && marks_.contains(*mark);
-      if (!is_of_another && taken_.insert(numbered(number)).second)
-        return numbered(number);
+      if (!is_of_another)
+        return *taken_.insert(numbered(number)).first;
     }
   }
 

@@ -37,7 +37,8 @@ std::string shortened(const std::string& name, std::size_t size) {
   if (extension.size() > 20)
     extension.clear();
   auto end = size - extension.size();
-  while (end > 0 && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80)
+  const auto least = end - 3; // a letter has four bytes at most, and the rest is none
+  while (end > least && (static_cast<unsigned char>(name[end]) & 0xC0) == 0x80)
     --end;
   return name.substr(0, end) + extension;
 }

@@ -65,6 +65,7 @@ TEST(Naming, takes_a_safe_name_from_a_link) {
       {"http://h/%FF\xFE", "\xFF\xFE"},
       {"http://h/" + std::string(300, 'x'), std::string(200, 'x')},
       {"http://h/" + std::string(300, 'x') + ".mkv", std::string(196, 'x') + ".mkv"},
+      {"http://h/" + std::string(300, '\x80'), std::string(197, '\x80')},
       {"http://h/x." + std::string(300, 'y'), "x." + std::string(198, 'y')},
       {"http://h/" + std::string(195, 'x') + "%E2%82%AC%E2%82%AC.mkv",
        std::string(195, 'x') + ".mkv"},
