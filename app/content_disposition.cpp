@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <map>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
 std::string lower(std::string_view text) {
@@ -64,7 +64,7 @@ std::optional<std::string> decoded(const std::string& value) {
   const auto text = value.find('\'', language + 1);
   if (language == value.npos || text == value.npos || lower(value.substr(0, language)) != "utf-8")
     return std::nullopt;
-  auto name = ravelin::URL("file://" + value.substr(text + 1)).path().native();
+  auto name = URL("file://" + value.substr(text + 1)).path().native();
   return is_utf8(name) ? std::optional(name) : std::nullopt;
 }
 
@@ -100,4 +100,4 @@ std::optional<std::string> name_from_disposition(std::string_view field) {
   return found == parameters.end() ? std::nullopt : safe(as_meant(found->second));
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
-namespace app {
+namespace ravelin::app {
 
 /// The file name in a `Content-Disposition` field, `filename*` before `filename`. Never one that
 /// leads out of the directory or hides; nothing where the field has no usable name.
 std::optional<std::string> name_from_disposition(std::string_view field);
 
-} // namespace app
+} // namespace ravelin::app

@@ -6,26 +6,19 @@
 #include "app/naming.h"
 #include "app/output.h"
 #include "app/sha256.h"
-#include "platform/file_marks.h"
+#include "bramblekit/background.h"
+#include "bramblekit/errors.h"
+#include "platform/files/file_marks.h"
 #include "ravelin/main_queue.h"
 #include "ravelin/text_error.h"
-#include "support/background.h"
-#include "support/errors.h"
 
 #include <fmt/core.h>
 
 #include <utility>
 
-namespace app {
+namespace ravelin::app {
 
 namespace fs = std::filesystem;
-using ravelin::CustomError;
-using ravelin::match;
-using ravelin::OnConflict;
-using ravelin::RavelinOperation;
-using ravelin::Status;
-using ravelin::URL;
-using ravelin::URLLoadingError;
 
 namespace {
 
@@ -114,10 +107,10 @@ void Download::attempt() {
   prepare(on_conflict);
   operation_->resume(URL(link_), URL::file(file_), split_, on_conflict,
                      [self = shared_from_this()](const Status& status) {
-                       if (platform::MainQueue::is_main_thread())
+                       if (MainQueue::is_main_thread())
                          self->on_status(status);
                        else // the creation of the files is told where it happens
-                         ravelin::MainQueue::async([self, status] { self->on_status(status); });
+                         MainQueue::async([self, status] { self->on_status(status); });
                      });
 }
 
@@ -128,8 +121,8 @@ Status Download::checked(const Status& status) const {
   if (!status.holds<Status::success>() || !fs::exists(record_of(file_), ignored))
     return status;
   return {Status::error{{CustomError::other{bramblekit::to_error(
-      ravelin::TextError("its resume record could not be saved in the middle; make room or mend "
-                         "the disk, then run the same command to continue"))}}}};
+      TextError("its resume record could not be saved in the middle; make room or mend "
+                "the disk, then run the same command to continue"))}}}};
 }
 
 void Download::on_status(const Status& told) {
@@ -205,7 +198,7 @@ void Download::retry_later() {
   view_.show_state(row_, "waiting to try again");
   const std::chrono::duration<double> wait = retries_.wait();
   bramblekit::bg_async(wait.count(), [self = shared_from_this()] {
-    ravelin::MainQueue::async([self] {
+    MainQueue::async([self] {
       if (std::exchange(self->waiting_, false))
         self->attempt();
     });
@@ -260,7 +253,7 @@ void Download::on_success() {
     } catch (const std::exception& error) {
       found = error.what();
     }
-    ravelin::MainQueue::async([self, found] {
+    MainQueue::async([self, found] {
       if (found == *self->options_.sha256) {
         self->succeed(self->finished_words() + ", checksum right");
         return;
@@ -305,7 +298,7 @@ std::string Download::interrupted_words() const {
 }
 
 void Download::fail(const std::string& why) {
-  print_event({Status::error{{CustomError::other{bramblekit::to_error(ravelin::TextError(why))}}}});
+  print_event({Status::error{{CustomError::other{bramblekit::to_error(TextError(why))}}}});
   show_failure(why);
 }
 
@@ -318,7 +311,7 @@ void Download::show_failure(const std::string& why) {
 void Download::end(End how, const std::string& word) {
   lock_.reset();
   view_.finish(row_, word);
-  ravelin::MainQueue::async([call = std::exchange(on_end_, nullptr), how] { call(how); });
+  MainQueue::async([call = std::exchange(on_end_, nullptr), how] { call(how); });
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 
-namespace app {
+namespace ravelin::app {
 
 /// One link of the command line on its way to its file, over as many attempts as it takes.
 ///
@@ -34,18 +34,18 @@ private:
   /// Why it cannot be had; empty where it is ours.
   std::string take_lock();
   bool lost_its_record() const;
-  void prepare(ravelin::OnConflict on_conflict);
+  void prepare(OnConflict on_conflict);
   /// What is wrong with a download that ended well; empty if nothing is.
   std::string flaw() const;
   void attempt();
-  ravelin::OnConflict policy() const;
-  ravelin::Status checked(const ravelin::Status& status) const;
-  void on_status(const ravelin::Status& told);
+  OnConflict policy() const;
+  Status checked(const Status& status) const;
+  void on_status(const Status& told);
   void mark_in_list();
-  void on_error(const ravelin::CustomError& error);
+  void on_error(const CustomError& error);
   void on_success();
   void retry_later();
-  void print_event(const ravelin::Status& status, bool is_final = true);
+  void print_event(const Status& status, bool is_final = true);
   // Each ends the download.
   void succeed(const std::string& words);
   void stop();
@@ -70,8 +70,8 @@ private:
   std::string stop_reason_;
   bool waiting_ = false;
   bool cancelled_ = false;
-  std::shared_ptr<ravelin::RavelinOperation> operation_;
+  std::shared_ptr<RavelinOperation> operation_;
   std::function<void(End)> on_end_;
 };
 
-} // namespace app
+} // namespace ravelin::app

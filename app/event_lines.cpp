@@ -1,19 +1,16 @@
 #include "app/event_lines.h"
 
 #include "app/naming.h"
-#include "support/convertible.h"
+#include "bramblekit/convertible.h"
 
 #include <cmath>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
 using bramblekit::KeyedEncoder;
-using ravelin::match;
-using ravelin::Progress;
-using ravelin::Status;
 
-std::string file_text(const ravelin::URL& url) {
+std::string file_text(const URL& url) {
   return printable(url.path().native());
 }
 
@@ -49,8 +46,7 @@ const char* name_of(const Status& status) {
   });
 }
 
-const char* name_of(const ravelin::CustomError& error) {
-  using ravelin::CustomError;
+const char* name_of(const CustomError& error) {
   return error.visit(match{
       [](const CustomError::other&) { return "other"; },
       [](const CustomError::timeout&) { return "timeout"; },
@@ -92,4 +88,4 @@ std::string event_line(const Status& status, const std::string& link, const std:
   return line.text();
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -4,12 +4,12 @@
 
 #include <string>
 
-namespace app {
+namespace ravelin::app {
 
 /// One event as one line of JSON, without the line end: its name, the link, the destination, and
 /// the fields of its payload under their own names. An error tells whether it is the last word on
 /// the link, or another attempt follows.
-std::string event_line(const ravelin::Status& status, const std::string& link,
-                       const std::string& dest_file, bool is_final = true);
+std::string event_line(const Status& status, const std::string& link, const std::string& dest_file,
+                       bool is_final = true);
 
-} // namespace app
+} // namespace ravelin::app

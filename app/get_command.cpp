@@ -17,12 +17,10 @@
 #include <thread>
 #include <unistd.h>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
 namespace fs = std::filesystem;
-using ravelin::MainQueue;
-using ravelin::RavelinOperation;
 
 /// The downloads of one command and how they ended.
 ///
@@ -106,15 +104,14 @@ private:
 
   /// Of links that have no download yet.
   void tell_of_interruption() {
-    const ravelin::Progress nothing(0.0F, 0, false);
+    const Progress nothing(0.0F, 0, false);
     std::set<std::size_t> told;
     for (const auto& [number, question] : questions_)
       if (question->has_failed())
         told.insert(number);
     for (std::size_t i = 0; i < files_.size() && options_.events; ++i)
       if (!told.contains(i))
-        print_line(
-            event_line({ravelin::Status::cancelled{false, nothing}}, options_.links[i], "", true));
+        print_line(event_line({Status::cancelled{false, nothing}}, options_.links[i], "", true));
   }
 
   /// Two links that suggest one name must not share a file. The numbers are those of an earlier
@@ -217,7 +214,7 @@ void watch_signals(Batch& batch, const sigset_t& signals) {
 int run_get(const GetOptions& options) {
   const auto signals = signals_to_stop_at();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr); // before the first thread, which inherits it
-  ravelin::set_defaults(options.defaults);
+  set_defaults(options.defaults);
   RavelinOperation::set_max_simultaneous_download_count(options.max_downloads);
   static Batch* batch = nullptr; // a signal may come while the process leaves
   batch = new Batch(options);
@@ -227,4 +224,4 @@ int run_get(const GetOptions& options) {
   return batch->exit_status();
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -2,9 +2,9 @@
 
 #include "app/options.h"
 
-namespace app {
+namespace ravelin::app {
 
 /// Downloads all links and returns the exit status. Runs the main queue.
 int run_get(const GetOptions& options);
 
-} // namespace app
+} // namespace ravelin::app

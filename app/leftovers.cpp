@@ -4,17 +4,16 @@
 
 #include <algorithm>
 
-namespace app {
+namespace ravelin::app {
 
 namespace fs = std::filesystem;
-using ravelin::ResumeData;
 
 namespace {
 
 constexpr std::int64_t parts_of_a_download = 5;
 
 bool is_ours(const ResumeData& record) {
-  const auto expected = ravelin::split_into_parts(*record.content_length, parts_of_a_download);
+  const auto expected = split_into_parts(*record.content_length, parts_of_a_download);
   return std::ranges::equal(record.parts, expected, [](const auto& found, const auto& made) {
     return found->begin_pos == made->begin_pos &&
            found->total_bytes_expected == made->total_bytes_expected && found->curr_bytes >= 0 &&
@@ -25,11 +24,11 @@ bool is_ours(const ResumeData& record) {
 } // namespace
 
 fs::path record_of(const fs::path& file) {
-  return ravelin::FileProcessor::prepare_resume_file_url(ravelin::URL::file(file)).path();
+  return FileProcessor::prepare_resume_file_url(URL::file(file)).path();
 }
 
 bool can_continue(const fs::path& file) {
-  const auto record = ravelin::FileProcessor::read_resume_data(ravelin::URL::file(file));
+  const auto record = FileProcessor::read_resume_data(URL::file(file));
   return record && record->is_splitted;
 }
 
@@ -37,7 +36,7 @@ bool record_fits(const fs::path& file) {
   std::error_code unknown;
   if (!fs::exists(record_of(file), unknown))
     return true;
-  const auto record = ravelin::FileProcessor::read_resume_data(ravelin::URL::file(file));
+  const auto record = FileProcessor::read_resume_data(URL::file(file));
   if (!record)
     return false;
   if (!record->is_splitted || !record->content_length)
@@ -52,4 +51,4 @@ bool record_fits(const fs::path& file) {
   return counted == 0 || (!unknown && size >= static_cast<std::uintmax_t>(counted));
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-namespace app {
+namespace ravelin::app {
 
 /// The resume record beside `file`, as the library names it.
 std::filesystem::path record_of(const std::filesystem::path& file);
@@ -14,4 +14,4 @@ bool can_continue(const std::filesystem::path& file);
 /// does not have. True where there is no record.
 bool record_fits(const std::filesystem::path& file);
 
-} // namespace app
+} // namespace ravelin::app

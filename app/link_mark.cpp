@@ -1,12 +1,11 @@
 #include "app/link_mark.h"
 
 #include "app/sha256.h"
-#include "platform/file_marks.h"
+#include "platform/files/file_marks.h"
 
-namespace app {
+namespace ravelin::app {
 
 using platform::Data;
-using ravelin::URL;
 
 namespace {
 
@@ -26,4 +25,4 @@ void mark(const std::filesystem::path& file, const std::string& link) {
   platform::set_extended_attribute(URL::file(file), attribute, Data::copy_of(link_mark(link)));
 }
 
-} // namespace app
+} // namespace ravelin::app

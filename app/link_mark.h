@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-namespace app {
+namespace ravelin::app {
 
 /// What stands for a link beside the file that is made from it: a digest, since links may hold
 /// secrets.
@@ -15,4 +15,4 @@ std::optional<std::string> mark_of(const std::filesystem::path& file);
 /// Best effort.
 void mark(const std::filesystem::path& file, const std::string& link);
 
-} // namespace app
+} // namespace ravelin::app

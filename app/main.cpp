@@ -16,18 +16,14 @@
 #include <exception>
 #include <unistd.h>
 
+namespace ravelin::app {
 namespace {
-
-using app::human_size;
-using app::printable;
-using ravelin::RavelinOperation;
-using ravelin::URL;
 
 namespace fs = std::filesystem;
 
 int fail(const fs::path& file, const std::string& why) {
-  app::tell(fmt::format("ravelin: '{}' {}\n", printable(file.native()), why));
-  return app::failed;
+  tell(fmt::format("ravelin: '{}' {}\n", printable(file.native()), why));
+  return failed;
 }
 
 std::string words_of(const fs::path& file) {
@@ -38,7 +34,7 @@ std::string words_of(const fs::path& file) {
   return fmt::format("{:.1f}% ({} of {} bytes), {}",
                      static_cast<double>(*progress.prog_value) * 100, progress.received_bytes,
                      *progress.content_length,
-                     app::can_continue(file) ? "can be continued" : "starts anew when continued");
+                     can_continue(file) ? "can be continued" : "starts anew when continued");
 }
 
 int show_status(const fs::path& file) {
@@ -50,13 +46,12 @@ int show_status(const fs::path& file) {
     return fail(file, "is a directory; name the file that is downloaded");
   const auto shown = printable(file.native());
   const bool there = kind != fs::file_type::not_found;
-  if (fs::exists(app::record_of(file), unknown)) {
-    app::print_line(shown + ": " + words_of(file));
-    return app::all_well;
+  if (fs::exists(record_of(file), unknown)) {
+    print_line(shown + ": " + words_of(file));
+    return all_well;
   }
-  app::print_line(shown +
-                  (there ? ": complete, or not downloaded by ravelin" : ": no such download"));
-  return there ? app::all_well : app::failed;
+  print_line(shown + (there ? ": complete, or not downloaded by ravelin" : ": no such download"));
+  return there ? all_well : failed;
 }
 
 /// Also when it cannot be looked at.
@@ -66,7 +61,7 @@ bool may_be_there(const fs::path& file) {
 }
 
 int clear(const fs::path& file) {
-  app::ProcessLock lock(file);
+  ProcessLock lock(file);
   if (lock.held_by_another())
     return fail(file, "is being downloaded; stop that first");
   const bool owns_record = lock.other_owner().empty();
@@ -74,7 +69,7 @@ int clear(const fs::path& file) {
     RavelinOperation::clear_files(URL::file(file));
   } else {
     try {
-      ravelin::FileProcessor::delete_main_file(URL::file(file));
+      FileProcessor::delete_main_file(URL::file(file));
     } catch (const std::exception&) {
       // Said below.
     }
@@ -82,9 +77,9 @@ int clear(const fs::path& file) {
   if (may_be_there(file))
     return fail(file, "could not be deleted; check that it is a file and that its directory may be "
                       "written");
-  if (owns_record && may_be_there(app::record_of(file)))
-    return fail(app::record_of(file), "could not be deleted; remove it by hand");
-  return app::all_well;
+  if (owns_record && may_be_there(record_of(file)))
+    return fail(record_of(file), "could not be deleted; remove it by hand");
+  return all_well;
 }
 
 /// A write that fails in the middle of a download ends the process; people get one sentence.
@@ -92,45 +87,47 @@ int clear(const fs::path& file) {
   try {
     if (const auto error = std::current_exception())
       std::rethrow_exception(error);
-    app::tell("ravelin: ended by a fault of its own\n");
+    tell("ravelin: ended by a fault of its own\n");
   } catch (const std::system_error& error) {
-    app::tell(fmt::format(
+    tell(fmt::format(
         "\nravelin: {}; make room or mend the disk, then run the same command to continue\n",
         error.what()));
   } catch (const std::exception& error) {
-    app::tell(fmt::format("\nravelin: {}\n", error.what()));
+    tell(fmt::format("\nravelin: {}\n", error.what()));
   }
-  _exit(app::failed);
+  _exit(failed);
 }
 
 int for_each_file(const std::vector<fs::path>& files, int (*command)(const fs::path&)) {
-  int status = app::all_well;
+  int status = all_well;
   for (const auto& file : files)
     status = std::max(status, command(file));
   return status;
 }
 
-int run(const app::Options& options) {
+int run(const Options& options) {
   switch (options.command) {
-  case app::Options::status:
+  case Options::status:
     return for_each_file(options.files, show_status);
-  case app::Options::clear:
+  case Options::clear:
     return for_each_file(options.files, clear);
   default:
-    return app::run_get(options.get_options);
+    return run_get(options.get_options);
   }
 }
 
 } // namespace
+} // namespace ravelin::app
 
 int main(int argc, char** argv) {
-  app::fill_standard_descriptors();
+  using namespace ravelin::app;
+  fill_standard_descriptors();
   std::setlocale(LC_CTYPE, "");
   std::signal(SIGPIPE, SIG_IGN);
   std::set_terminate(say_why_and_leave);
-  const auto [options, exit_status] = app::parse_arguments(argc, argv);
+  const auto [options, exit_status] = parse_arguments(argc, argv);
   if (exit_status)
     return *exit_status;
   const int status = run(options);
-  return app::all_was_printed() ? status : std::max<int>(status, app::failed);
+  return all_was_printed() ? status : std::max<int>(status, failed);
 }

@@ -4,23 +4,18 @@
 #include "app/event_lines.h"
 #include "app/naming.h"
 #include "app/output.h"
+#include "bramblekit/background.h"
 #include "ravelin/main_queue.h"
-#include "support/background.h"
 
 #include <fmt/core.h>
 
 #include <utility>
 
-namespace app {
-
-using ravelin::CustomError;
-using ravelin::HeaderOpr;
-using ravelin::match;
-using ravelin::URLError;
+namespace ravelin::app {
 
 namespace {
 
-CustomError sorted(const ravelin::Error& error) {
+CustomError sorted(const Error& error) {
   if (error.code() == URLError::timed_out)
     return {CustomError::timeout{}};
   if (error.code() == URLError::network_connection_lost)
@@ -40,7 +35,7 @@ void NameQuestion::start(std::function<void(std::optional<std::string>)> on_end)
 
 void NameQuestion::attempt() {
   request_ = std::make_shared<HeaderOpr>();
-  request_->request(ravelin::URL(link_),
+  request_->request(URL(link_),
                     [self = shared_from_this()](const auto& status) { self->on_status(status); });
 }
 
@@ -57,14 +52,14 @@ void NameQuestion::on_status(const HeaderOpr::Status& status) {
 }
 
 /// Another name would begin another file where the same command is to continue one.
-void NameQuestion::on_error(const ravelin::Error& error) {
+void NameQuestion::on_error(const Error& error) {
   const auto why = sorted(error);
   const bool again = !cancelled_ && retries_.judge(why, 0, false) == Remedy::try_again;
   if (!cancelled_)
     view_.say(fmt::format("ravelin: {}: {}{}", printable(link_), printable(why.text()),
                           again ? "; " + retries_.words() : ""));
   if (options_.events && !cancelled_)
-    print_line(event_line({ravelin::Status::error{why}}, link_, "", !again));
+    print_line(event_line({Status::error{why}}, link_, "", !again));
   if (!again) {
     failed_ = !cancelled_;
     end(std::nullopt);
@@ -73,7 +68,7 @@ void NameQuestion::on_error(const ravelin::Error& error) {
   waiting_ = true;
   const std::chrono::duration<double> wait = retries_.wait();
   bramblekit::bg_async(wait.count(), [self = shared_from_this()] {
-    ravelin::MainQueue::async([self] {
+    MainQueue::async([self] {
       if (std::exchange(self->waiting_, false))
         self->attempt();
     });
@@ -89,8 +84,8 @@ void NameQuestion::cancel() {
 }
 
 void NameQuestion::end(std::optional<std::string> name) {
-  ravelin::MainQueue::async(
+  MainQueue::async(
       [call = std::exchange(on_end_, nullptr), name = std::move(name)] { call(name); });
 }
 
-} // namespace app
+} // namespace ravelin::app

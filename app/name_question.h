@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-namespace app {
+namespace ravelin::app {
 
 /// Asks a link's server what its file is called, over as many attempts as it takes.
 ///
@@ -28,8 +28,8 @@ public:
 
 private:
   void attempt();
-  void on_status(const ravelin::HeaderOpr::Status& status);
-  void on_error(const ravelin::Error& error);
+  void on_status(const HeaderOpr::Status& status);
+  void on_error(const Error& error);
   void end(std::optional<std::string> name);
 
   const std::string link_;
@@ -39,8 +39,8 @@ private:
   bool waiting_ = false;
   bool cancelled_ = false;
   bool failed_ = false;
-  std::shared_ptr<ravelin::HeaderOpr> request_;
+  std::shared_ptr<HeaderOpr> request_;
   std::function<void(std::optional<std::string>)> on_end_;
 };
 
-} // namespace app
+} // namespace ravelin::app

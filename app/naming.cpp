@@ -8,7 +8,7 @@
 #include <array>
 #include <filesystem>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
 /// How many bytes the UTF-8 sequence at the start of `text` has; 0 where there is none.
@@ -58,7 +58,7 @@ std::string name_from_link(std::string_view link) {
   if (path == std::string_view::npos)
     return no_name;
   const auto segment = link.substr(link.find_last_of('/') + 1);
-  const auto name = ravelin::URL("file:///" + std::string(segment)).path().native().substr(1);
+  const auto name = URL("file:///" + std::string(segment)).path().native().substr(1);
   return usable_name(name).value_or(no_name);
 }
 
@@ -98,4 +98,4 @@ std::string human_size(std::int64_t bytes) {
   return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, units[unit]);
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace app {
+namespace ravelin::app {
 
 /// `link` with "http://" before it where it has no scheme.
 std::string with_scheme(std::string link);
@@ -27,4 +27,4 @@ std::optional<std::string> usable_name(std::string name);
 /// "12.3 MiB".
 std::string human_size(std::int64_t bytes);
 
-} // namespace app
+} // namespace ravelin::app

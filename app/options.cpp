@@ -14,10 +14,8 @@
 #include <map>
 #include <sstream>
 
-namespace app {
+namespace ravelin::app {
 namespace {
-
-using ravelin::OnConflict;
 
 const std::map<std::string, OnConflict> policies = {{"resume", OnConflict::resume},
                                                     {"replace", OnConflict::replace},
@@ -88,13 +86,13 @@ std::string environment(const char* name) {
   return value ? value : "";
 }
 
-void set_safeguards(ravelin::Defaults& values, bool on) {
+void set_safeguards(Defaults& values, bool on) {
   values.reject_http_errors = on;
   values.require_exact_ranges = on;
   values.reject_changed_content = on;
 }
 
-void add_headers(ravelin::Defaults& values, const std::vector<std::string>& headers) {
+void add_headers(Defaults& values, const std::vector<std::string>& headers) {
   for (const auto& header : headers) {
     const auto colon = header.find(':');
     const bool broken = colon == 0 || colon == std::string::npos ||
@@ -244,4 +242,4 @@ Parsed parse_arguments(int argc, const char* const* argv) {
   return {options, std::nullopt};
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace app {
+namespace ravelin::app {
 
 enum ExitStatus { all_well = 0, failed = 1, wrong_usage = 2, interrupted = 130, terminated = 143 };
 
@@ -19,14 +19,14 @@ struct GetOptions {
   std::optional<std::filesystem::path> output;
   std::filesystem::path directory;
   bool remote_names = false;
-  ravelin::OnConflict on_conflict = ravelin::OnConflict::resume;
+  OnConflict on_conflict = OnConflict::resume;
   bool split = true;
   std::int64_t max_downloads = 5;
   std::optional<std::string> sha256; // lower case
   int retries = 5;
   bool quiet = false;
   bool events = false;
-  ravelin::Defaults defaults;
+  Defaults defaults;
 };
 
 struct Options {
@@ -45,4 +45,4 @@ Parsed parse_arguments(int argc, const char* const* argv);
 /// "10k", "1.5M" and the like as bytes; K, M and G are powers of 1024. Nothing for other texts.
 std::optional<std::int64_t> parse_size(const std::string& text);
 
-} // namespace app
+} // namespace ravelin::app

@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
 int lost_by = 0; // the errno of the first line that was not taken; main thread
@@ -46,4 +46,4 @@ bool all_was_printed() noexcept {
   return false;
 }
 
-} // namespace app
+} // namespace ravelin::app

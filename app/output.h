@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-namespace app {
+namespace ravelin::app {
 
 /// Puts /dev/null where the process was started without standard input, output or error, so that no
 /// file or socket of ours gets such a number. First thing in `main`.
@@ -18,4 +18,4 @@ void print_line(std::string_view line) noexcept;
 /// reader just went away.
 bool all_was_printed() noexcept;
 
-} // namespace app
+} // namespace ravelin::app

@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace app {
+namespace ravelin::app {
 
 namespace fs = std::filesystem;
 
@@ -88,4 +88,4 @@ ProcessLock::~ProcessLock() {
   ::close(descriptor_);
 }
 
-} // namespace app
+} // namespace ravelin::app

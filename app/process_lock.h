@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-namespace app {
+namespace ravelin::app {
 
 /// Keeps other processes, and other downloads of this one, from the files of one destination.
 ///
@@ -42,4 +42,4 @@ private:
   std::string other_owner_;
 };
 
-} // namespace app
+} // namespace ravelin::app

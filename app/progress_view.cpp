@@ -12,7 +12,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
 constexpr auto redraw_interval = std::chrono::milliseconds(100);
@@ -107,7 +107,7 @@ void ProgressView::update_rate(Row& row, std::int64_t bytes) {
   row.rated_bytes = bytes;
 }
 
-void ProgressView::show_progress(std::size_t row, const ravelin::Progress& progress) {
+void ProgressView::show_progress(std::size_t row, const Progress& progress) {
   auto& shown = rows_[row];
   shown.progress = progress;
   shown.state.clear();
@@ -215,4 +215,4 @@ void ProgressView::draw(bool now) {
   tell(picture);
 }
 
-} // namespace app
+} // namespace ravelin::app

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace app {
+namespace ravelin::app {
 
 /// What a person sees of the downloads while they run: live lines on a terminal, a plain line now
 /// and then elsewhere.
@@ -22,7 +22,7 @@ public:
   std::size_t add(std::string name);
   void rename(std::size_t row, std::string name);
   void show_state(std::size_t row, std::string state);
-  void show_progress(std::size_t row, const ravelin::Progress& progress);
+  void show_progress(std::size_t row, const Progress& progress);
   /// The row's last word, in place of its bar.
   void finish(std::size_t row, const std::string& word);
   /// A line for people on standard error, above the live lines.
@@ -35,7 +35,7 @@ private:
   struct Row {
     std::string name;
     std::string state = "waiting";
-    std::optional<ravelin::Progress> progress;
+    std::optional<Progress> progress;
     double rate = 0; // bytes per second, smoothed
     std::int64_t rated_bytes = 0;
     Clock::time_point rated_at{};
@@ -59,4 +59,4 @@ private:
 /// `text` cut or filled with blanks to `columns` terminal columns.
 std::string fitted(const std::string& text, std::size_t columns);
 
-} // namespace app
+} // namespace ravelin::app

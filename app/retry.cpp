@@ -5,12 +5,9 @@
 #include <algorithm>
 #include <random>
 
-namespace app {
+namespace ravelin::app {
 namespace {
 
-using ravelin::CustomError;
-using ravelin::URLError;
-using ravelin::URLLoadingError;
 using std::chrono::milliseconds;
 
 constexpr auto first_wait = milliseconds(500);
@@ -80,4 +77,4 @@ std::string RetryPolicy::words() const {
                      std::chrono::duration<double>(wait_).count(), attempt_, most_retries_);
 }
 
-} // namespace app
+} // namespace ravelin::app

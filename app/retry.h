@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace app {
+namespace ravelin::app {
 
 /// What to do about a failed attempt.
 enum class Remedy { give_up, try_again, try_in_one_piece };
@@ -17,7 +17,7 @@ public:
   explicit RetryPolicy(int most_retries) : most_retries_(most_retries) {}
 
   /// `received`: bytes on record after the attempt; `split`: whether it could ask for ranges.
-  Remedy judge(const ravelin::CustomError& error, std::int64_t received, bool split);
+  Remedy judge(const CustomError& error, std::int64_t received, bool split);
   /// How long to wait before the attempt that `judge` just granted.
   std::chrono::milliseconds wait() const { return wait_; }
   int attempt() const { return attempt_; }
@@ -31,4 +31,4 @@ private:
   std::chrono::milliseconds wait_{0};
 };
 
-} // namespace app
+} // namespace ravelin::app

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <vector>
 
-namespace app {
+namespace ravelin::app {
 
 namespace {
 
@@ -55,4 +55,4 @@ std::string sha256_of_text(std::string_view text) {
   return hexadecimal(digest, size);
 }
 
-} // namespace app
+} // namespace ravelin::app

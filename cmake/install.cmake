@@ -7,7 +7,7 @@ install(TARGETS ravelin EXPORT RavelinTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ravelin
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING PATTERN "*.h")
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development FILES_MATCHING REGEX "\\.h(pp)?$")
 
 install(EXPORT RavelinTargets NAMESPACE ravelin::
   DESTINATION ${config_dir} COMPONENT development)
@@ -41,8 +41,8 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/ravelin.pc.in ${PROJECT_BINARY_DIR}/r
 install(FILES ${PROJECT_BINARY_DIR}/ravelin.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-if(TARGET ravelin_program)
-  install(TARGETS ravelin_program
+if(TARGET ravelin_cli)
+  install(TARGETS ravelin_cli
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/man/ravelin.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)

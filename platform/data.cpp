@@ -4,7 +4,7 @@
 #include <new>
 #include <sys/mman.h>
 
-namespace platform {
+namespace ravelin::platform {
 namespace {
 
 constexpr std::size_t large = 64 * 1024; // bytes
@@ -55,4 +55,4 @@ Data::~Data() {
     home->take_back(std::move(block));
 }
 
-} // namespace platform
+} // namespace ravelin::platform

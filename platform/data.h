@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-namespace platform {
+namespace ravelin::platform {
 
 /// Takes blocks back whose bytes nobody needs any more.
 class BlockHome;
@@ -66,4 +66,4 @@ private:
   Block* block_ = nullptr;
 };
 
-} // namespace platform
+} // namespace ravelin::platform

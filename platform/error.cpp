@@ -1,6 +1,6 @@
 #include "ravelin/error.h"
 
-namespace platform {
+namespace ravelin {
 namespace {
 
 const char* words_for(URLError code) {
@@ -98,4 +98,4 @@ std::exception_ptr Error::exception() const {
   return held_->exception;
 }
 
-} // namespace platform
+} // namespace ravelin

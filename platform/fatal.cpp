@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace platform {
+namespace ravelin::platform {
 
 void fatal(std::string_view what, Place where) {
   std::fprintf(stderr, "ravelin: %.*s (%s, line %u)\n", static_cast<int>(what.size()), what.data(),
@@ -32,4 +32,4 @@ std::int64_t checked_multiply(std::int64_t a, std::int64_t b, Place where) {
   return result;
 }
 
-} // namespace platform
+} // namespace ravelin::platform

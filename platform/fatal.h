@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace platform {
+namespace ravelin::platform {
 
 /// Where a call stands in the source; a default argument fills it in.
 struct Place {
@@ -25,4 +25,4 @@ std::int64_t checked_add(std::int64_t a, std::int64_t b, Place where = Place::he
 std::int64_t checked_subtract(std::int64_t a, std::int64_t b, Place where = Place::here());
 std::int64_t checked_multiply(std::int64_t a, std::int64_t b, Place where = Place::here());
 
-} // namespace platform
+} // namespace ravelin::platform

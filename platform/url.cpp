@@ -1,6 +1,6 @@
 #include "ravelin/url.h"
 
-namespace platform {
+namespace ravelin {
 namespace {
 
 constexpr std::string_view file_scheme = "file://";
@@ -71,4 +71,4 @@ std::string URL::text() const {
   return std::string(file_scheme) + percent_encoded(ignored ? text_ : absolute.native());
 }
 
-} // namespace platform
+} // namespace ravelin

@@ -1,10 +1,10 @@
 #include "src/FileProcessor.h"
 
+#include "bramblekit/errors.h"
+#include "bramblekit/file_marks.h"
+#include "bramblekit/main_thread.h"
 #include "platform/fatal.h"
-#include "ravelin/ravelin_operation.h"
-#include "support/errors.h"
-#include "support/file_marks.h"
-#include "support/main_thread.h"
+#include "src/RavelinOperation_impl.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +13,6 @@
 namespace ravelin {
 
 using bramblekit::main_sync;
-using bramblekit::TextError;
 using platform::Data;
 using platform::FileManager;
 
@@ -94,8 +93,8 @@ void FileProcessor::reset_files() {
   fm.create_file(*main_file_url);
   bramblekit::ext_attr(*main_file_url)["lg_ignore"] = bramblekit::to_data("true");
   bramblekit::set_is_hidden(*main_file_url, true);
-  RavelinOperation::send(owner_opr.stat_closure,
-                         {Status::files_are_created{*main_file_url, resume_file}});
+  RavelinOperation::Impl::of(owner_opr).report_off_main(
+      {Status::files_are_created{*main_file_url, resume_file}});
 }
 
 void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {

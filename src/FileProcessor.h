@@ -1,12 +1,12 @@
 #pragma once
 
-#include "platform/file_handle.h"
-#include "platform/file_manager.h"
-#include "platform/guarded.h"
-#include "platform/semaphore.h"
-#include "platform/serial_queue.h"
+#include "platform/files/file_handle.h"
+#include "platform/files/file_manager.h"
+#include "platform/threads/guarded.h"
+#include "platform/threads/semaphore.h"
+#include "platform/threads/serial_queue.h"
+#include "platform/threads/thread_marks.h"
 #include "ravelin/error.h"
-#include "ravelin/thread_marks.h"
 #include "ravelin/url.h"
 #include "src/ResumeData.h"
 

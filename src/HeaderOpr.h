@@ -1,10 +1,11 @@
 #pragma once
 
-#include "platform/data_task.h"
-#include "platform/semaphore.h"
-#include "platform/url_session.h"
+#include "bramblekit/background.h"
+#include "platform/network/data_task.h"
+#include "platform/network/url_session.h"
+#include "platform/threads/semaphore.h"
+#include "platform/threads/thread_marks.h"
 #include "ravelin/lg_operation.h"
-#include "support/background.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,9 +15,6 @@
 #include <variant>
 
 namespace ravelin {
-
-using platform::Error;
-using platform::URL;
 
 /// Asks a link for its header and drops the body.
 ///

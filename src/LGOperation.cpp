@@ -1,6 +1,6 @@
 #include "ravelin/lg_operation.h"
 
-#include "support/main_thread.h"
+#include "bramblekit/main_thread.h"
 
 namespace ravelin {
 

@@ -1,10 +1,10 @@
 #include "src/PartialDataOpr.h"
 
+#include "bramblekit/background.h"
+#include "bramblekit/errors.h"
+#include "bramblekit/main_thread.h"
 #include "platform/fatal.h"
-#include "src/request_parts.h"
-#include "support/background.h"
-#include "support/errors.h"
-#include "support/main_thread.h"
+#include "src/HeaderValues.h"
 
 #include <utility>
 

@@ -1,11 +1,12 @@
 #pragma once
 
-#include "platform/data_task.h"
-#include "platform/semaphore.h"
-#include "platform/url_session.h"
+#include "bramblekit/background.h"
+#include "platform/network/data_task.h"
+#include "platform/network/url_session.h"
+#include "platform/threads/semaphore.h"
+#include "platform/threads/thread_marks.h"
 #include "ravelin/lg_operation.h"
-#include "src/content_version.h"
-#include "support/background.h"
+#include "src/ContentVersion.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,9 +15,6 @@
 #include <variant>
 
 namespace ravelin {
-
-using platform::Error;
-using platform::URL;
 
 /// Fetches the body of a link, or one range of it, and hands it on chunk by chunk.
 ///

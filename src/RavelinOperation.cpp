@@ -1,14 +1,11 @@
 #include "ravelin/ravelin_operation.h"
 
-#include "platform/semaphore.h"
-#include "src/FileProcessor.h"
-#include "src/HeaderOpr.h"
-#include "src/PartialDataOpr.h"
-#include "src/content_version.h"
-#include "support/background.h"
-#include "support/errors.h"
-#include "support/main_thread.h"
-#include "support/stop_watch.h"
+#include "bramblekit/background.h"
+#include "bramblekit/errors.h"
+#include "bramblekit/main_thread.h"
+#include "bramblekit/stop_watch.h"
+#include "platform/threads/semaphore.h"
+#include "src/RavelinOperation_impl.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -31,63 +28,68 @@ std::int64_t& download_limit() {
 
 } // namespace
 
-RavelinOperation::RavelinOperation()
-    : state_{State::none{}}, watch(std::make_unique<bramblekit::StopWatch>()) {}
+RavelinOperation::RavelinOperation() : impl_(std::make_unique<Impl>(*this)) {}
 
 RavelinOperation::~RavelinOperation() = default;
 
-std::shared_ptr<RavelinOperation> RavelinOperation::self() {
-  if (weak_from_this().expired())
+std::shared_ptr<RavelinOperation> RavelinOperation::Impl::self() const {
+  if (opr.weak_from_this().expired())
     throw std::logic_error("make a RavelinOperation with std::make_shared");
-  return std::static_pointer_cast<RavelinOperation>(shared_from_this());
+  return std::static_pointer_cast<RavelinOperation>(opr.shared_from_this());
 }
 
 void RavelinOperation::resume(const URL& link, const URL& dest_file, bool split_allowed,
                               OnConflict on_conflict, StatusClosure status_closure) {
-  const auto keep = self(); // a callback may drop the application's last hold
+  const auto keep = impl_->self(); // a callback may drop the application's last hold
   main_sync([&]() MAIN_ONLY {
-    if (is_busy()) {
-      refuse(status_closure);
-      return;
-    }
-    stat_closure = status_closure;
-    should_clear_files = false;
-    main_file_is_already_complete = false;
-    error_during_activation.reset();
-    opr_has_never_been_added_to_active_list = true;
-    auto destination = dest_file;
-    special_activate(destination, on_conflict);
-    Run run{link,
-            destination,
-            split_allowed,
-            std::move(status_closure),
-            error_during_activation,
-            main_file_is_already_complete};
-    if (!pending_sema)
-      start_flow(std::move(run));
-    else // later, as all events but the new name come after this has returned
-      MainQueue::async([keep, run = std::make_shared<Run>(std::move(run))]()
-                           MAIN_ONLY { keep->handle_pending(std::move(*run)); });
+    impl_->resume(link, dest_file, split_allowed, on_conflict, std::move(status_closure));
   });
 }
 
-void RavelinOperation::refuse(const StatusClosure& status_closure) {
-  const bramblekit::TextError busy("An operation is already in-progress for the destination file.");
+void RavelinOperation::Impl::resume(const URL& link, const URL& dest_file, bool split_allowed,
+                                    OnConflict on_conflict, StatusClosure status_closure) {
+  if (opr.is_busy()) {
+    refuse(std::move(status_closure));
+    return;
+  }
+  stat_closure = status_closure;
+  should_clear_files = false;
+  main_file_is_already_complete = false;
+  error_during_activation.reset();
+  opr_has_never_been_added_to_active_list = true;
+  auto destination = dest_file;
+  special_activate(destination, on_conflict);
+  Run run{link,
+          destination,
+          split_allowed,
+          std::move(status_closure),
+          error_during_activation,
+          main_file_is_already_complete};
+  if (!pending_sema)
+    start_flow(std::move(run));
+  else // later, as all events but the new name come after this has returned
+    MainQueue::async([this, keep = self(), run = std::make_shared<Run>(std::move(run))]()
+                         MAIN_ONLY { handle_pending(std::move(*run)); });
+}
+
+/// Moves the callback on, so that it dies on the main thread with what it holds.
+void RavelinOperation::Impl::refuse(StatusClosure status_closure) {
+  const TextError busy("An operation is already in-progress for the destination file.");
   const Status status{Status::error{{CustomError::other{to_error(busy)}}}};
-  MainQueue::async([status_closure, status] { send(status_closure, status); });
+  MainQueue::async([closure = std::move(status_closure), status] { send(closure, status); });
 }
 
-void RavelinOperation::start_flow(Run run) {
+void RavelinOperation::Impl::start_flow(Run run) {
   bramblekit::bg_async(
-      0.0, [keep = self(), run = std::move(run)]() mutable { keep->bg_run(std::move(run)); });
+      0.0, [this, keep = self(), run = std::move(run)]() mutable { bg_run(std::move(run)); });
 }
 
-void RavelinOperation::bg_run(Run run) {
+void RavelinOperation::Impl::bg_run(Run run) {
   auto outcome = bg_outcome(run);
   main_sync([&]() MAIN_ONLY { complete(std::move(outcome), std::move(run)); });
 }
 
-std::optional<Error> RavelinOperation::bg_outcome(const Run& run) {
+std::optional<Error> RavelinOperation::Impl::bg_outcome(const Run& run) {
   if (run.claim_error || run.is_complete)
     return run.claim_error;
   try {
@@ -100,9 +102,9 @@ std::optional<Error> RavelinOperation::bg_outcome(const Run& run) {
 }
 
 /// Takes the run: what its callback holds is the application's, and dies on the main thread.
-void RavelinOperation::complete(std::optional<Error> outcome, Run run) noexcept {
+void RavelinOperation::Impl::complete(std::optional<Error> outcome, Run run) noexcept {
   stat_closure = nullptr;
-  if (is_cancelled()) {
+  if (opr.is_cancelled()) {
     outcome = to_error(Exception());
     if (should_clear_files) {
       try {
@@ -115,20 +117,20 @@ void RavelinOperation::complete(std::optional<Error> outcome, Run run) noexcept 
   }
   special_free(run.destination);
   if (!outcome) {
-    state_ = {State::successful{}};
+    state = {State::successful{}};
     send(run.status_closure, {Status::success{}});
   } else if (outcome->is<Exception>()) {
     const auto progress = get_progress(run.destination);
-    state_ = {State::cancelled{should_clear_files, progress}};
+    state = {State::cancelled{should_clear_files, progress}};
     send(run.status_closure, {Status::cancelled{should_clear_files, progress}});
   } else {
     const auto custom_error = make_custom_error(*outcome);
-    state_ = {State::failed{custom_error}};
+    state = {State::failed{custom_error}};
     send(run.status_closure, {Status::error{custom_error}});
   }
 }
 
-CustomError RavelinOperation::make_custom_error(const Error& from) {
+CustomError RavelinOperation::Impl::make_custom_error(const Error& from) {
   const auto code = from.code();
   if (code == URLError::timed_out)
     return {CustomError::timeout{}};
@@ -142,7 +144,7 @@ CustomError RavelinOperation::make_custom_error(const Error& from) {
 std::string CustomError::text() const {
   return visit(match{
       [](const other& e) {
-        const auto* const own = e.error.get_if<bramblekit::TextError>();
+        const auto* const own = e.error.get_if<TextError>();
         return own ? own->message() : e.error.text();
       },
       [](const timeout&) { return make_error_code(URLError::timed_out).message(); },
@@ -155,27 +157,27 @@ std::string CustomError::text() const {
   });
 }
 
-void RavelinOperation::report(State new_state, const Status& status) {
-  state_ = std::move(new_state);
+void RavelinOperation::Impl::report(State new_state, const Status& status) {
+  state = std::move(new_state);
   const auto closure = stat_closure; // stays whole if the run should end inside the call
   send(closure, status);
 }
 
-void RavelinOperation::send(const StatusClosure& closure, const Status& status) noexcept {
+void RavelinOperation::Impl::send(const StatusClosure& closure, const Status& status) noexcept {
   if (closure)
     closure(status);
 }
 
 State RavelinOperation::state() const {
-  return main_sync([&]() MAIN_ONLY { return state_; });
+  return main_sync([&]() MAIN_ONLY { return impl_->state; });
 }
 
 float RavelinOperation::progress_snap_interval() const {
-  return main_sync([&]() MAIN_ONLY { return progress_snap_interval_; });
+  return main_sync([&]() MAIN_ONLY { return impl_->progress_snap_interval; });
 }
 
 void RavelinOperation::set_progress_snap_interval(float interval) {
-  main_sync([&]() MAIN_ONLY { progress_snap_interval_ = interval; });
+  main_sync([&]() MAIN_ONLY { impl_->progress_snap_interval = interval; });
 }
 
 std::int64_t RavelinOperation::max_simultaneous_download_count() {

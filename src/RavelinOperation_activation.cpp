@@ -1,12 +1,12 @@
 #include "ravelin/ravelin_operation.h"
 
-#include "platform/file_manager.h"
-#include "platform/semaphore.h"
-#include "src/FileProcessor.h"
-#include "support/collections.h"
-#include "support/errors.h"
-#include "support/file_naming.h"
-#include "support/main_thread.h"
+#include "bramblekit/collections.h"
+#include "bramblekit/errors.h"
+#include "bramblekit/file_naming.h"
+#include "bramblekit/main_thread.h"
+#include "platform/files/file_manager.h"
+#include "platform/threads/semaphore.h"
+#include "src/RavelinOperation_impl.h"
 
 #include <cerrno>
 #include <utility>
@@ -27,23 +27,23 @@ constexpr const char* source_file = "src/RavelinOperation";
 
 } // namespace
 
-std::map<URL, std::shared_ptr<RavelinOperation>>& RavelinOperation::active_oprs_dict() {
+std::map<URL, std::shared_ptr<RavelinOperation>>& RavelinOperation::Impl::active_oprs_dict() {
   // Never destroyed: downloads may be under way while the process leaves `main`.
   static auto& dict = *new std::map<URL, std::shared_ptr<RavelinOperation>>;
   return dict;
 }
 
-std::vector<std::shared_ptr<RavelinOperation>>& RavelinOperation::active_oprs_ary() {
+std::vector<std::shared_ptr<RavelinOperation>>& RavelinOperation::Impl::active_oprs_ary() {
   static auto& ary = *new std::vector<std::shared_ptr<RavelinOperation>>;
   return ary;
 }
 
-std::shared_ptr<RavelinOperation> RavelinOperation::get_active_opr(const URL& url) {
+std::shared_ptr<RavelinOperation> RavelinOperation::Impl::get_active_opr(const URL& url) {
   const auto found = active_oprs_dict().find(url);
   return found == active_oprs_dict().end() ? nullptr : found->second;
 }
 
-void RavelinOperation::remove_active_opr(const URL& url) {
+void RavelinOperation::Impl::remove_active_opr(const URL& url) {
   const auto opr = get_active_opr(url);
   if (!opr)
     return;
@@ -51,22 +51,22 @@ void RavelinOperation::remove_active_opr(const URL& url) {
   bramblekit::remove(active_oprs_ary(), opr);
 }
 
-void RavelinOperation::add_active_opr(std::shared_ptr<RavelinOperation> opr, const URL& url) {
+void RavelinOperation::Impl::add_active_opr(std::shared_ptr<RavelinOperation> opr, const URL& url) {
   remove_active_opr(url);
   active_oprs_dict()[url] = opr;
   active_oprs_ary().push_back(std::move(opr));
 }
 
-bool RavelinOperation::is_download_limit_reached() {
+bool RavelinOperation::Impl::is_download_limit_reached() {
   const auto limit = max_simultaneous_download_count();
   std::int64_t running = 0;
-  for (const auto& opr : active_oprs_ary())
-    if (!opr->pending_sema && ++running == limit)
+  for (const auto& active : active_oprs_ary())
+    if (!active->impl_->pending_sema && ++running == limit)
       return true;
   return false;
 }
 
-RavelinOperation::MainFileState RavelinOperation::get_main_file_state(const URL& url) {
+RavelinOperation::Impl::MainFileState RavelinOperation::Impl::get_main_file_state(const URL& url) {
   const auto& fm = FileManager::default_manager();
   if (auto opr = get_active_opr(url))
     return {MainFileState::busy{std::move(opr)}};
@@ -77,16 +77,16 @@ RavelinOperation::MainFileState RavelinOperation::get_main_file_state(const URL&
   return {MainFileState::complete{}};
 }
 
-void RavelinOperation::special_activate(URL& dest_file, OnConflict on_conflict) {
-  activate();
+void RavelinOperation::Impl::special_activate(URL& dest_file, OnConflict on_conflict) {
+  opr.activate();
   setup_active_opr(dest_file, on_conflict);
 }
 
-void RavelinOperation::setup_active_opr(URL& url, OnConflict on_conflict) {
+void RavelinOperation::Impl::setup_active_opr(URL& url, OnConflict on_conflict) {
   main_sync([&]() MAIN_ONLY { claim_for(url, on_conflict); });
 }
 
-void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
+void RavelinOperation::Impl::claim_for(URL& url, OnConflict on_conflict) {
   if (url.path().empty()) {
     error_during_activation = to_error(std::system_error(
         ENOENT, std::system_category(), "the destination '" + url.text() + "' is not a file"));
@@ -103,7 +103,7 @@ void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
   case OnConflict::resume:
     if (busy) {
       busy->opr->cancel();
-      wait_for_identical_or_claim_anew(*busy->opr, url, on_conflict);
+      wait_for_identical_or_claim_again(*busy->opr, url, on_conflict);
     } else if (!complete) {
       claim(url);
     } else if (FileManager::default_manager().is_directory(url)) {
@@ -116,7 +116,7 @@ void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
   case OnConflict::replace:
     if (busy) {
       busy->opr->cancel_and_clear_files();
-      wait_for_identical_or_claim_anew(*busy->opr, url, on_conflict);
+      wait_for_identical_or_claim_again(*busy->opr, url, on_conflict);
     } else if (delete_files(url)) {
       claim(url);
     }
@@ -140,20 +140,20 @@ void RavelinOperation::claim_for(URL& url, OnConflict on_conflict) {
   }
 }
 
-void RavelinOperation::wait_for_identical_or_claim_anew(RavelinOperation& other, URL& url,
-                                                        OnConflict on_conflict) {
+void RavelinOperation::Impl::wait_for_identical_or_claim_again(RavelinOperation& other, URL& url,
+                                                               OnConflict on_conflict) {
   if (get_active_opr(url).get() == &other)
-    wait_for_identical(other, url);
+    wait_for_identical(*other.impl_, url);
   else // its callback let it end, or let another one have the destination
     claim_for(url, on_conflict);
 }
 
-void RavelinOperation::refuse_claim(const char* message, std::int64_t line) {
+void RavelinOperation::Impl::refuse_claim(const char* message, std::int64_t line) {
   error_during_activation =
       to_error(error_msg(message, source_file, "setup_active_opr(for:_:)", line));
 }
 
-void RavelinOperation::claim(const URL& url) {
+void RavelinOperation::Impl::claim(const URL& url) {
   if (!pending_sema && is_download_limit_reached()) {
     pending_sema = std::make_shared<AsyncSemaphore>();
     is_pending_for_identical_opr = false;
@@ -162,7 +162,7 @@ void RavelinOperation::claim(const URL& url) {
   opr_has_never_been_added_to_active_list = false;
 }
 
-void RavelinOperation::wait_for_identical(RavelinOperation& other, const URL& url) {
+void RavelinOperation::Impl::wait_for_identical(Impl& other, const URL& url) {
   pending_sema = std::make_shared<AsyncSemaphore>();
   is_pending_for_identical_opr = true;
   other.pending_identical_opr = self();
@@ -170,9 +170,9 @@ void RavelinOperation::wait_for_identical(RavelinOperation& other, const URL& ur
   opr_has_never_been_added_to_active_list = false;
 }
 
-bool RavelinOperation::rename_dest_file(URL& url) {
+bool RavelinOperation::Impl::rename_dest_file(URL& url) {
   std::vector<URL> taken;
-  for (const auto& [active_url, opr] : active_oprs_dict())
+  for (const auto& [active_url, active] : active_oprs_dict())
     taken.push_back(active_url);
   const auto free_url = bramblekit::generate_non_conflicting_file_url(url, taken);
   if (!free_url) {
@@ -185,7 +185,7 @@ bool RavelinOperation::rename_dest_file(URL& url) {
   return true;
 }
 
-bool RavelinOperation::delete_files(const URL& url) {
+bool RavelinOperation::Impl::delete_files(const URL& url) {
   try {
     FileProcessor::delete_resume_file(url);
     FileProcessor::delete_main_file(url);
@@ -198,37 +198,37 @@ bool RavelinOperation::delete_files(const URL& url) {
 }
 
 /// No thread waits for the turn: thousands of operations may.
-void RavelinOperation::handle_pending(Run run) noexcept {
+void RavelinOperation::Impl::handle_pending(Run run) noexcept {
   const auto sema = pending_sema; // the callback, or who wakes this one, may clear the field
-  if (sema && !state_.holds<State::cancelling>())
+  if (sema && !state.holds<State::cancelling>())
     report({State::pending{}}, {Status::pending{}});
   if (sema)
-    sema->wait([keep = self(), run = std::make_shared<Run>(std::move(run))]()
-                   MAIN_ONLY { keep->take_turn(std::move(*run)); });
+    sema->wait([this, keep = self(), run = std::make_shared<Run>(std::move(run))]()
+                   MAIN_ONLY { take_turn(std::move(*run)); });
   else
     take_turn(std::move(run));
 }
 
-void RavelinOperation::take_turn(Run run) noexcept {
-  if (!is_cancelled())
+void RavelinOperation::Impl::take_turn(Run run) noexcept {
+  if (!opr.is_cancelled())
     start_flow(std::move(run));
   else // there is nothing to do in the background; later, since somebody's cancel is under way
-    MainQueue::async([keep = self(), run = std::make_shared<Run>(std::move(run))]() MAIN_ONLY {
-      keep->complete(to_error(bramblekit::Exception()), std::move(*run));
-    });
+    MainQueue::async(
+        [this, keep = self(), run = std::make_shared<Run>(std::move(run))]()
+            MAIN_ONLY { complete(to_error(bramblekit::Exception()), std::move(*run)); });
 }
 
-void RavelinOperation::special_free(const URL& dest_file) {
-  free();
+void RavelinOperation::Impl::special_free(const URL& dest_file) {
+  opr.free();
   finalize_active_opr(dest_file);
 }
 
-void RavelinOperation::stop_waiting() {
+void RavelinOperation::Impl::stop_waiting() {
   if (const auto sema = std::exchange(pending_sema, nullptr))
     sema->signal();
 }
 
-void RavelinOperation::finalize_active_opr(const URL& url) {
+void RavelinOperation::Impl::finalize_active_opr(const URL& url) {
   main_sync([&]() MAIN_ONLY {
     if (opr_has_never_been_added_to_active_list)
       return;
@@ -236,18 +236,19 @@ void RavelinOperation::finalize_active_opr(const URL& url) {
       remove_active_opr(url);
     const bool limit_reached = is_download_limit_reached();
     if (const auto next = std::exchange(pending_identical_opr, nullptr)) {
-      next->is_pending_for_identical_opr = false;
+      auto& successor = *next->impl_;
+      successor.is_pending_for_identical_opr = false;
       // One that was cancelled meanwhile downloads nothing and needs no slot; a third operation on
       // the same file may have taken its place in the list, where nobody would find it again.
       if (!limit_reached || next->is_cancelled())
-        next->stop_waiting();
+        successor.stop_waiting();
       return;
     }
     if (limit_reached)
       return;
-    for (const auto& opr : active_oprs_ary())
-      if (opr->pending_sema && !opr->is_pending_for_identical_opr) {
-        opr->stop_waiting();
+    for (const auto& waiting : active_oprs_ary())
+      if (waiting->impl_->pending_sema && !waiting->impl_->is_pending_for_identical_opr) {
+        waiting->impl_->stop_waiting();
         return;
       }
   });

@@ -1,9 +1,7 @@
 #include "ravelin/ravelin_operation.h"
 
-#include "src/FileProcessor.h"
-#include "src/HeaderOpr.h"
-#include "src/PartialDataOpr.h"
-#include "support/main_thread.h"
+#include "bramblekit/main_thread.h"
+#include "src/RavelinOperation_impl.h"
 
 // Stopping downloads and removing their files.
 
@@ -13,31 +11,33 @@ using bramblekit::main_sync;
 
 void RavelinOperation::cancel() {
   const auto keep = weak_from_this().lock(); // the callback may drop the last hold
-  main_sync([&]() MAIN_ONLY {
-    const bool said = state_.holds<State::cancelling>(); // and its callback cancels once more
-    if (is_busy() && !is_cancelled() && !said)
-      report({State::cancelling{}}, {Status::cancelling{}});
-    LGOperation::cancel();
-    if (header_opr)
-      header_opr->cancel();
-    const auto requests = partial_data_oprs; // one that ends meanwhile leaves the set
-    for (const auto& request : requests)
-      request->cancel();
-    if (pending_sema && !is_pending_for_identical_opr)
-      stop_waiting();
-  });
+  main_sync([&]() MAIN_ONLY { impl_->cancel(); });
+}
+
+void RavelinOperation::Impl::cancel() {
+  const bool said = state.holds<State::cancelling>(); // and its callback cancels once more
+  if (opr.is_busy() && !opr.is_cancelled() && !said)
+    report({State::cancelling{}}, {Status::cancelling{}});
+  opr.LGOperation::cancel();
+  if (header_opr)
+    header_opr->cancel();
+  const auto requests = partial_data_oprs; // one that ends meanwhile leaves the set
+  for (const auto& request : requests)
+    request->cancel();
+  if (pending_sema && !is_pending_for_identical_opr)
+    stop_waiting();
 }
 
 void RavelinOperation::cancel_and_clear_files() {
   main_sync([&]() MAIN_ONLY {
     cancel();
-    should_clear_files = true;
+    impl_->should_clear_files = true;
   });
 }
 
 void RavelinOperation::cancel_all(bool also_clear_files) {
   main_sync([&]() MAIN_ONLY {
-    const auto oprs = active_oprs_ary();
+    const auto oprs = Impl::active_oprs_ary();
     for (const auto& opr : oprs)
       if (also_clear_files)
         opr->cancel_and_clear_files();

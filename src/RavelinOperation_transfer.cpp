@@ -1,17 +1,14 @@
 #include "ravelin/ravelin_operation.h"
 
+#include "bramblekit/errors.h"
+#include "bramblekit/file_marks.h"
+#include "bramblekit/main_thread.h"
+#include "bramblekit/stop_watch.h"
 #include "platform/fatal.h"
-#include "platform/file_marks.h"
-#include "platform/semaphore.h"
-#include "src/FileProcessor.h"
-#include "src/HeaderOpr.h"
-#include "src/PartialDataOpr.h"
-#include "src/content_version.h"
-#include "src/snap_points.h"
-#include "support/errors.h"
-#include "support/file_marks.h"
-#include "support/main_thread.h"
-#include "support/stop_watch.h"
+#include "platform/files/file_marks.h"
+#include "platform/threads/semaphore.h"
+#include "src/RavelinOperation_impl.h"
+#include "src/SnapRule.h"
 
 #include <utility>
 
@@ -36,7 +33,7 @@ constexpr const char* etag_mark = "ravelin_etag";
 
 /// Only what is split is ever continued.
 bool bears_etag(const FileProcessor& file_proc) {
-  return file_proc.split_count && platform::defaults().reject_changed_content;
+  return file_proc.split_count && defaults().reject_changed_content;
 }
 
 ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData* record,
@@ -49,7 +46,7 @@ ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData
 
 } // namespace
 
-void RavelinOperation::bg_request_http_header(const URL& link) {
+void RavelinOperation::Impl::bg_request_http_header(const URL& link) {
   std::optional<HeaderOpr::Status> answer;
   bool has_header = false;
   bramblekit::OwnWork probe;
@@ -59,11 +56,11 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
         ranges_accepted = false;
         content_len.reset();
         server_side_date.clear();
-        probed_version = nullptr;
-        if (is_cancelled())
+        probed_version = {};
+        if (opr.is_cancelled())
           throw Exception();
         report({State::connecting{}}, {Status::connecting{}});
-        if (is_cancelled())
+        if (opr.is_cancelled())
           throw Exception(); // by the callback just now, before there was a request to cancel
         header_opr = std::make_shared<HeaderOpr>();
         header_opr->own_work = &probe;
@@ -76,8 +73,7 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
             ranges_accepted = came->result.ranges_accepted;
             content_len = came->result.content_length;
             server_side_date = came->result.server_side_date;
-            probed_version =
-                std::make_unique<ContentVersion>(ContentVersion::of_whole(came->result.header));
+            probed_version = ContentVersion::of_whole(came->result.header);
           }
           has_header = is_header_received;
           sema.signal();
@@ -97,8 +93,8 @@ void RavelinOperation::bg_request_http_header(const URL& link) {
     throw error_msg("Couldn't receive http header.", source_file, header_function, 271);
 }
 
-void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_file,
-                                            bool split_allowed) {
+void RavelinOperation::Impl::bg_start_connections(const URL& link, const URL& dest_file,
+                                                  bool split_allowed) {
   const bool should_split = bg_prepare_files(dest_file, split_allowed);
   std::optional<Error> error;
   try {
@@ -106,8 +102,8 @@ void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_fil
     const auto running = main_sync([&]() MAIN_ONLY {
       data_opr_sema = nullptr;
       last_progress_snap_point = 0.0F;
-      watch->reset();
-      if (is_cancelled())
+      watch.reset();
+      if (opr.is_cancelled())
         throw Exception();
       reject_changed_content();
       start_parts(link, should_split, own_part);
@@ -130,12 +126,12 @@ void RavelinOperation::bg_start_connections(const URL& link, const URL& dest_fil
 }
 
 /// Tells whether the download is split.
-bool RavelinOperation::bg_prepare_files(const URL& dest_file, bool split_allowed) {
+bool RavelinOperation::Impl::bg_prepare_files(const URL& dest_file, bool split_allowed) {
   const bool should_split = main_sync([&]() MAIN_ONLY {
     download_exception.reset();
     download_started = false;
     const bool split = split_allowed && ranges_accepted && content_len.has_value();
-    file_proc = std::make_shared<FileProcessor>(*this);
+    file_proc = std::make_shared<FileProcessor>(opr);
     if (split)
       file_proc->split_count = split_count;
     file_proc->content_len = content_len;
@@ -149,26 +145,26 @@ bool RavelinOperation::bg_prepare_files(const URL& dest_file, bool split_allowed
 
 /// A record of content that has been replaced meanwhile must not be continued. The date alone does
 /// not tell of a file that was put in place later than it was made.
-void RavelinOperation::reject_changed_content() {
+void RavelinOperation::Impl::reject_changed_content() {
   if (!bears_etag(*file_proc))
     return;
   const auto& record = *file_proc->resume_data;
   const auto& file = *file_proc->main_file_url;
   if (record.received_bytes() == 0) {
-    const auto& etag = probed_version->strong_etag;
+    const auto& etag = probed_version.strong_etag;
     bramblekit::ext_attr(file)[etag_mark] = etag ? bramblekit::to_data(*etag) : std::nullopt;
     return;
   }
-  auto changed = change_since(record.server_side_date, probed_version->last_modified);
+  auto changed = change_since(record.server_side_date, probed_version.last_modified);
   if (!changed)
     changed = difference({platform::extended_attribute(file, etag_mark), {}, {}},
-                         {probed_version->strong_etag, {}, {}});
+                         {probed_version.strong_etag, {}, {}});
   if (changed)
     changed_content_error(*changed).rethrow();
 }
 
-void RavelinOperation::start_parts(const URL& link, bool should_split,
-                                   bramblekit::OwnWork& own_part) {
+void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
+                                         bramblekit::OwnWork& own_part) {
   if (!should_split) {
     start_download(link, 0, false, own_part);
     return;
@@ -177,8 +173,8 @@ void RavelinOperation::start_parts(const URL& link, bool should_split,
     start_download(link, i, true, own_part);
 }
 
-void RavelinOperation::start_download(const URL& link, std::int64_t part_index, bool use_range,
-                                      bramblekit::OwnWork& own_part) {
+void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_index,
+                                            bool use_range, bramblekit::OwnWork& own_part) {
   bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
   std::optional<PartialDataOpr::BytesRange> range;
   if (use_range) {
@@ -189,74 +185,73 @@ void RavelinOperation::start_download(const URL& link, std::int64_t part_index, 
     range = {checked_add(part.begin_pos, part.curr_bytes), checked_subtract(end, 1)};
   }
   const auto request = std::make_shared<PartialDataOpr>();
-  request->expected_version = *probed_version;
+  request->expected_version = probed_version;
   request->own_work = &own_part;
   partial_data_oprs.insert(request);
   if (!data_opr_sema)
     data_opr_sema = std::make_shared<Semaphore>(0U);
   using Event = PartialDataOpr::Status;
-  const auto handler = [keep = self(), part_index, request](const Event& event) MAIN_ONLY {
-    std::visit(
-        match{
-            [&](const Event::started& started) MAIN_ONLY {
-              bramblekit::suppress_warns_for(started.content_length);
-              if (!std::exchange(keep->download_started, true))
-                send(keep->stat_closure, {Status::started{keep->content_len}});
-            },
-            [](const Event::connecting&) {},
-            [&](const Event::did_receive_data& received)
-                MAIN_ONLY { keep->did_receive_data(part_index, received.progress.data); },
-            [&](const Event::bg_after_receive_data&) { keep->bg_after_receive_data(*request); },
-            [&](const Event::error& failed) MAIN_ONLY {
-              keep->download_exception = failed.error;
-              keep->end_part(request);
-            },
-            [&](const Event::success&) MAIN_ONLY { keep->end_part(request); },
-            [&](const Event::cancelled&) MAIN_ONLY {
-              keep->download_exception = to_error(Exception());
-              keep->file_proc->start_writes(); // of a last chunk after which nobody waited
-              keep->end_part(request);
-            },
-        },
-        event.value);
+  const auto handler = [this, keep = self(), part_index, request](const Event& event) MAIN_ONLY {
+    std::visit(match{
+                   [&](const Event::started& started) MAIN_ONLY {
+                     bramblekit::suppress_warns_for(started.content_length);
+                     if (!std::exchange(download_started, true))
+                       send(stat_closure, {Status::started{content_len}});
+                   },
+                   [](const Event::connecting&) {},
+                   [&](const Event::did_receive_data& received)
+                       MAIN_ONLY { did_receive_data(part_index, received.progress.data); },
+                   [&](const Event::bg_after_receive_data&) { bg_after_receive_data(*request); },
+                   [&](const Event::error& failed) MAIN_ONLY {
+                     download_exception = failed.error;
+                     end_part(request);
+                   },
+                   [&](const Event::success&) MAIN_ONLY { end_part(request); },
+                   [&](const Event::cancelled&) MAIN_ONLY {
+                     download_exception = to_error(Exception());
+                     file_proc->start_writes(); // of a last chunk after which nobody waited
+                     end_part(request);
+                   },
+               },
+               event.value);
   };
   request->request(link, range, handler);
 }
 
-void RavelinOperation::did_receive_data(std::int64_t part_index, const platform::Data& data) {
+void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const platform::Data& data) {
   auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
   file_proc->async_write_bytes(checked_add(part.begin_pos, part.curr_bytes), data);
   part.curr_bytes = checked_add(part.curr_bytes, static_cast<std::int64_t>(data.size()));
-  if (watch->elapsed_time() > save_interval) {
+  if (watch.elapsed_time() > save_interval) {
     file_proc->async_update_resume_file();
-    watch->reset();
+    watch.reset();
   }
   const auto progress = advance_progress();
   report({State::downloading{progress}}, {Status::downloading{progress}});
 }
 
-Progress RavelinOperation::advance_progress() {
+Progress RavelinOperation::Impl::advance_progress() {
   const auto& record = *file_proc->resume_data;
   const auto received = record.received_bytes();
   std::optional<float> value;
   if (record.content_length)
     value = static_cast<float>(received) / static_cast<float>(*record.content_length);
-  const auto snap = snap_rule(value, last_progress_snap_point, progress_snap_interval_);
+  const auto snap = snap_rule(value, last_progress_snap_point, progress_snap_interval);
   last_progress_snap_point = snap.next;
   return {value, received, snap.is_at_snap_point, record.content_length};
 }
 
-void RavelinOperation::bg_after_receive_data(PartialDataOpr& opr) {
+void RavelinOperation::Impl::bg_after_receive_data(PartialDataOpr& request) {
   file_proc->bg_wait_for_writes();
   if (const auto failed_save = file_proc->exception.get())
     main_sync([&]() MAIN_ONLY {
       download_exception = failed_save;
-      opr.cancel();
+      request.cancel();
     });
 }
 
-void RavelinOperation::end_part(const std::shared_ptr<PartialDataOpr>& opr) {
-  partial_data_oprs.erase(opr);
+void RavelinOperation::Impl::end_part(const std::shared_ptr<PartialDataOpr>& request) {
+  partial_data_oprs.erase(request);
   if (!partial_data_oprs.empty())
     return;
   if (!data_opr_sema)
@@ -266,7 +261,7 @@ void RavelinOperation::end_part(const std::shared_ptr<PartialDataOpr>& opr) {
 
 /// What came since the last save would be fetched again; against a server that cuts every
 /// connection soon, nothing would ever add up.
-void RavelinOperation::save_what_came() noexcept {
+void RavelinOperation::Impl::save_what_came() noexcept {
   try {
     file_proc->update_resume_file();
   } catch (...) {
@@ -274,7 +269,7 @@ void RavelinOperation::save_what_came() noexcept {
   }
 }
 
-void RavelinOperation::finish_files() {
+void RavelinOperation::Impl::finish_files() {
   if (!download_exception) {
     file_proc->delete_resume_file();
     bramblekit::set_is_hidden(*file_proc->main_file_url, false);

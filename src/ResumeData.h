@@ -1,7 +1,7 @@
 #pragma once
 
+#include "bramblekit/convertible.h"
 #include "platform/data.h"
-#include "support/convertible.h"
 
 #include <cstdint>
 #include <memory>
@@ -10,6 +10,9 @@
 #include <vector>
 
 namespace ravelin {
+
+/// How many ranges a download is divided into when it is split.
+inline constexpr std::int64_t parts_when_split = 5;
 
 /// How a download is divided and how much of each part has come: the content of the resume file.
 ///

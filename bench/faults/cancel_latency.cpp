@@ -1,11 +1,11 @@
 #include "bench/faults/pump.h"
 #include "bench/faults/tally.h"
-#include "platform/file_calls.h"
+#include "platform/files/file_calls.h"
 #include "ravelin/defaults.h"
-#include "tests/support/loopback_socket.h"
-#include "tests/support/nginx.h"
-#include "tests/support/scripted_server.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/loopback_socket.h"
+#include "tests/harness/nginx.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
 
 #include <algorithm>
 #include <chrono>
@@ -243,7 +243,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     _exit(test::faults ? 1 : 0);
   }
-  platform::set_file_calls(&test::flushes);
+  ravelin::platform::set_file_calls(&test::flushes);
   int status = 0;
   waitpid(child, &status, 0);
   test::faults += status != 0;

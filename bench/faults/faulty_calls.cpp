@@ -2,7 +2,7 @@
 // what happens at the nth file call: `fail` makes it fail, `kill` ends the process there, and `cut`
 // cuts the power: DIRECTORY.cut then holds what a journaling file system would have kept of
 // DIRECTORY. LOG tells which call it was.
-#include "platform/file_calls.h"
+#include "platform/files/file_calls.h"
 
 #include <cerrno>
 #include <csignal>
@@ -146,12 +146,12 @@ private:
   std::set<int> directories_;
 };
 
-class FaultyCalls final : public platform::FileCalls {
+class FaultyCalls final : public ravelin::platform::FileCalls {
 public:
   explicit FaultyCalls(const char* fault) {
     std::istringstream(fault) >> mode_ >> left_ >> seed_ >> directory_ >> log_;
     storage_ = std::make_unique<Storage>(directory_);
-    platform::set_file_calls(this);
+    ravelin::platform::set_file_calls(this);
   }
 
   int open(const char* path, int flags, mode_t mode) override {

@@ -1,6 +1,6 @@
 #include "tests/app/program.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
 
 #include <atomic>
 #include <csignal>

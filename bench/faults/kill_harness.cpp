@@ -1,7 +1,7 @@
 #include "bench/faults/tally.h"
 #include "tests/app/program.h"
-#include "tests/support/nginx.h"
-#include "tests/support/patterns.h"
+#include "tests/harness/nginx.h"
+#include "tests/harness/patterns.h"
 
 #include <atomic>
 #include <csignal>

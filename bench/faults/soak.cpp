@@ -1,9 +1,9 @@
 #include "bench/faults/pump.h"
 #include "bench/faults/tally.h"
 #include "ravelin/defaults.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 #include "bench/faults/pump.h"
 #include "bench/faults/tally.h"
 #include "bench/micro/timed_drain.h"
-#include "tests/support/nginx.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/nginx.h"
+#include "tests/harness/temp_dir.h"
 
 #include <cstdio>
 #include <filesystem>

@@ -1,13 +1,13 @@
-#include "platform/data_task.h"
-#include "platform/receive_buffer.h"
+#include "bramblekit/main_thread.h"
+#include "platform/network/data_task.h"
+#include "platform/network/receive_buffer.h"
 #include "ravelin/defaults.h"
 #include "ravelin/main_queue.h"
 #include "ravelin/ravelin_operation.h"
 #include "src/FileProcessor.h"
 #include "src/PartialDataOpr.h"
-#include "support/main_thread.h"
-#include "tests/support/scripted_server.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,8 +1,8 @@
 #include "bench/faults/pump.h"
 #include "bench/faults/tally.h"
 #include "bench/micro/timed_drain.h"
-#include "tests/support/scripted_server.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
 
 #include <cstdio>
 #include <deque>

@@ -2,7 +2,7 @@
 
 #include "download_window.h"
 #include "screen.h"
-#include "tests/support/nginx.h"
+#include "tests/harness/nginx.h"
 
 #include <ravelin/defaults.h>
 #include <ravelin/integrations/qt.h>

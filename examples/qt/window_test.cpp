@@ -2,8 +2,8 @@
 
 #include "download_window.h"
 #include "screen.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
 
 #include <ravelin/integrations/qt.h>
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace platform {
+namespace ravelin {
 
 /// What every download of the process uses. Each field is off, or the environment's choice, unless
 /// set.
@@ -43,10 +43,4 @@ struct [[gnu::visibility("default")]] Defaults {
 /// is the time for it.
 [[gnu::visibility("default")]] void set_defaults(Defaults values);
 
-} // namespace platform
-
-namespace ravelin {
-using platform::Defaults;
-using platform::defaults;
-using platform::set_defaults;
 } // namespace ravelin

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <system_error>
 
-namespace platform {
+namespace ravelin {
 
 /// The name of the category whose values are the URL-loading codes below.
 inline constexpr const char* NSURLErrorDomain = "NSURLErrorDomain";
@@ -35,11 +35,11 @@ enum class URLError : int {
   client_certificate_rejected = -1205,
 };
 
-} // namespace platform
+} // namespace ravelin
 
-template <> struct std::is_error_code_enum<platform::URLError> : std::true_type {};
+template <> struct std::is_error_code_enum<ravelin::URLError> : std::true_type {};
 
-namespace platform {
+namespace ravelin {
 
 /// The category of `URLError`; `name()` is `NSURLErrorDomain`.
 [[gnu::visibility("default")]] const std::error_category& url_error_category() noexcept;
@@ -113,12 +113,4 @@ private:
   std::shared_ptr<const Held> held_;
 };
 
-} // namespace platform
-
-namespace ravelin {
-using platform::Error;
-using platform::NSURLErrorDomain;
-using platform::url_error_category;
-using platform::URLError;
-using platform::URLLoadingError;
 } // namespace ravelin

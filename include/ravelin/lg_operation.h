@@ -1,7 +1,5 @@
 #pragma once
 
-#include "ravelin/thread_marks.h"
-
 #include <memory>
 
 namespace ravelin {
@@ -20,18 +18,20 @@ public:
 
   /// Whether a run is under way.
   virtual bool is_busy() const;
-  /// Begins a run.
-  virtual void activate();
-  /// Ends a run. Forgets a request to stop, too.
-  virtual void free();
   /// Whether it has been asked to stop.
   virtual bool is_cancelled() const;
   /// Asks the work under way to stop. On an idle operation the request waits for the next run.
   virtual void cancel();
 
+protected:
+  /// Begins a run.
+  virtual void activate();
+  /// Ends a run. Forgets a request to stop, too.
+  virtual void free();
+
 private:
-  bool _is_busy MAIN_STATE = false;
-  bool _is_cancelled MAIN_STATE = false;
+  bool _is_busy = false; // the main thread's, as the other one
+  bool _is_cancelled = false;
 };
 
 } // namespace ravelin

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <functional>
 
-namespace platform {
+namespace ravelin {
 
 /// The queue of the application's main thread, to be run by whatever loop that thread has.
 ///
@@ -40,8 +40,4 @@ public:
   static int descriptor();
 };
 
-} // namespace platform
-
-namespace ravelin {
-using platform::MainQueue;
 } // namespace ravelin

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-namespace bramblekit {
+namespace ravelin {
 
 /// An error that is a text of the library's own.
 class [[gnu::visibility("default")]] TextError : public std::runtime_error {
@@ -23,11 +23,4 @@ private:
   std::string message_;
 };
 
-/// The mark of a cancelled run, recognised by its type.
-class [[gnu::visibility("default")]] Exception{};
-
-} // namespace bramblekit
-
-namespace ravelin {
-using bramblekit::TextError;
 } // namespace ravelin

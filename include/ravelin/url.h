@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace platform {
+namespace ravelin {
 
 /// A network link, or a file named by its path. A value: copied, compared and hashed as given.
 ///
@@ -42,14 +42,10 @@ private:
   bool is_file_ = false;
 };
 
-} // namespace platform
-
-namespace ravelin {
-using platform::URL;
 } // namespace ravelin
 
 /// URLs as keys of containers.
-template <> struct std::hash<platform::URL> {
+template <> struct std::hash<ravelin::URL> {
   /// Any thread.
-  std::size_t operator()(const platform::URL& url) const { return url.hash(); }
+  std::size_t operator()(const ravelin::URL& url) const { return url.hash(); }
 };

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/support/child_process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/child_process.h"
+#include "tests/harness/temp_dir.h"
 
 #include <chrono>
 #include <filesystem>

@@ -1,7 +1,7 @@
 #include "app/sha256.h"
 #include "tests/app/program.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
 
 #include <algorithm>
 #include <atomic>
@@ -159,7 +159,7 @@ TEST(ProgramGet, keeps_a_second_process_out_until_the_first_has_ended_or_been_ki
 TEST(ProgramGet, compares_the_checksum) {
   const ScriptedServer server(quick);
   const TempDir dir;
-  const auto right = app::sha256_of(dir.write("copy", body));
+  const auto right = ravelin::app::sha256_of(dir.write("copy", body));
   const auto get = [&](const std::string& sum) {
     return run(
         {"get", "-q", "-c", "replace", "--sha256", sum, "-o", dir / "file.bin", server.url()});

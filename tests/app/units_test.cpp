@@ -6,7 +6,7 @@
 #include "app/progress_view.h"
 #include "app/retry.h"
 #include "app/sha256.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/temp_dir.h"
 
 #include <clocale>
 #include <cstdlib>
@@ -24,7 +24,7 @@
 namespace test {
 namespace {
 namespace fs = std::filesystem;
-using namespace app;
+using namespace ravelin::app;
 using ravelin::CustomError;
 using ravelin::Error;
 using ravelin::Progress;

@@ -1,11 +1,11 @@
-#include "support/convertible.h"
+#include "bramblekit/convertible.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <vector>
 
-namespace bramblekit {
+namespace ravelin::bramblekit {
 namespace {
 
 struct Sample : Convertible<Sample> {
@@ -74,4 +74,4 @@ TEST(ConvertibleDeathTest, survives_text_that_is_nested_deeply) {
 }
 
 } // namespace
-} // namespace bramblekit
+} // namespace ravelin::bramblekit

@@ -1,17 +1,17 @@
-#include "support/background.h"
-#include "support/collections.h"
-#include "support/errors.h"
-#include "support/file_marks.h"
-#include "support/file_naming.h"
-#include "support/stop_watch.h"
-#include "tests/support/temp_dir.h"
+#include "bramblekit/background.h"
+#include "bramblekit/collections.h"
+#include "bramblekit/errors.h"
+#include "bramblekit/file_marks.h"
+#include "bramblekit/file_naming.h"
+#include "bramblekit/stop_watch.h"
+#include "tests/harness/temp_dir.h"
 
 #include <barrier>
 #include <future>
 #include <gtest/gtest.h>
 #include <thread>
 
-namespace bramblekit {
+namespace ravelin::bramblekit {
 namespace {
 
 TEST(FileNaming, finds_another_name_that_is_free) {
@@ -29,7 +29,7 @@ TEST(FileNaming, finds_another_name_that_is_free) {
 }
 
 TEST(Collections, look_up_in_any_case_and_remove_one_element) {
-  const platform::HeaderFields fields{{"content-LENGTH", "5"}, {"Content-Length-X", "6"}};
+  const ravelin::platform::HeaderFields fields{{"content-LENGTH", "5"}, {"Content-Length-X", "6"}};
   for (const auto* name : {"Content-Length", "content-length", "CONTENT-LENGTH"})
     EXPECT_EQ("5", case_insensitive(fields, name)) << name;
   EXPECT_EQ(std::nullopt, case_insensitive(fields, "Content-Lengt"));
@@ -43,12 +43,12 @@ TEST(ExtAttr, sets_and_removes_the_mark_of_a_file) {
   const test::TempDir dir;
   const auto url = URL::file(dir.write("a", ""));
   ext_attr(url)["mark"] = to_data("true");
-  if (!platform::extended_attribute(url, "mark") && errno == ENOTSUP)
+  if (!ravelin::platform::extended_attribute(url, "mark") && errno == ENOTSUP)
     GTEST_SKIP() << "this file system has no attributes of users";
-  EXPECT_EQ("true", platform::extended_attribute(url, "mark"));
+  EXPECT_EQ("true", ravelin::platform::extended_attribute(url, "mark"));
   for (int i = 0; i < 2; ++i)
     ext_attr(url)["mark"] = std::nullopt;
-  EXPECT_EQ(std::nullopt, platform::extended_attribute(url, "mark"));
+  EXPECT_EQ(std::nullopt, ravelin::platform::extended_attribute(url, "mark"));
 }
 
 TEST(TextError, says_what_failed_and_where) {
@@ -94,4 +94,4 @@ TEST(OwnWork, is_done_by_who_waits_and_else_by_another_thread) {
 }
 
 } // namespace
-} // namespace bramblekit
+} // namespace ravelin::bramblekit

@@ -1,14 +1,14 @@
-#include "support/errors.h"
-#include "support/main_thread.h"
+#include "bramblekit/errors.h"
+#include "bramblekit/main_thread.h"
 
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
 
-namespace bramblekit {
+namespace ravelin::bramblekit {
 namespace {
 
-using platform::MainQueue;
+using ravelin::MainQueue;
 
 /// Runs `body` on other threads while this one runs the main queue.
 void off_main(const std::function<void()>& body, int threads = 1) {
@@ -61,7 +61,7 @@ TEST(MainSync, carries_exceptions_unchanged_and_without_waiting) {
     expect_carried(42);
     expect_carried(Exception());
     expect_carried(error_msg("a", "b", "c", 1));
-    expect_carried(platform::URLLoadingError(platform::URLError::timed_out, "late"));
+    expect_carried(ravelin::URLLoadingError(ravelin::URLError::timed_out, "late"));
   };
   body();
   off_main(body);
@@ -103,4 +103,4 @@ TEST(AssertMainThreadDeathTest, ends_the_process_elsewhere_and_names_the_caller)
 }
 
 } // namespace
-} // namespace bramblekit
+} // namespace ravelin::bramblekit

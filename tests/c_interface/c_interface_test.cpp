@@ -1,7 +1,7 @@
 #include "ravelin/ravelin.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
 
 #include <atomic>
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@ execute_process(COMMAND ${NM} -DC --defined-only ${LIBRARY}
 string(REGEX REPLACE "\n$" "" names "${names}")
 string(REPLACE "\n" ";" names "${names}")
 list(FILTER names EXCLUDE REGEX
-  "^[0-9a-f]+ . (ravelin_|((typeinfo|typeinfo name|vtable) for )?(bramblekit|platform|ravelin)::)")
+  "^[0-9a-f]+ . (ravelin_|((typeinfo|typeinfo name|vtable) for )?ravelin::)")
 if(names)
   message(FATAL_ERROR "${LIBRARY} shows ${names}")
 endif()

@@ -1,5 +1,5 @@
 # Each installed header compiles alone, and none needs one of libcurl or of the JSON library.
-file(GLOB_RECURSE headers ${PREFIX}/include/ravelin/*.h)
+file(GLOB_RECURSE headers ${PREFIX}/include/ravelin/*.h ${PREFIX}/include/ravelin/*.hpp)
 list(LENGTH headers count)
 foreach(header ${headers})
   set(command ${CXX} -std=c++20 -x c++)
@@ -22,6 +22,10 @@ foreach(header ${headers})
     COMMAND ${command} -Wall -Wextra -Werror -fsyntax-only -MD -MF ${PREFIX}/needed
       -I ${PREFIX}/include ${PREFIX}/alone
     COMMAND_ERROR_IS_FATAL ANY)
+  file(STRINGS ${header} macros REGEX "^ *# *define +[^_]")
+  if(macros AND NOT header MATCHES "/ravelin/ravelin.h$")
+    message(FATAL_ERROR "${header} defines ${macros}")
+  endif()
   file(READ ${PREFIX}/needed needed)
   if(needed MATCHES "curl/|nlohmann")
     message(FATAL_ERROR "${header} needs ${CMAKE_MATCH_0}")

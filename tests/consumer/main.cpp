@@ -1,10 +1,15 @@
-#include <ravelin/main_queue.h>
+enum class platform { an_enumeration_of_the_application };
+enum class bramblekit { another };
+
 #include <ravelin/ravelin.h>
-#include <ravelin/ravelin_operation.h>
+#include <ravelin/ravelin.hpp>
 
 #include <cstdio>
+#include <string>
 
 using namespace ravelin;
+
+std::string own_name(); // of classes whose names the library has, too
 
 // No server is needed to see the main queue, the network and the library's exception types, which
 // must be the same on both sides of a shared library, at work together.
@@ -22,6 +27,7 @@ int main() {
         MainQueue::stop();
       });
   MainQueue::run();
+  right = right && own_name() == "5waited";
   std::printf("ravelin %s: %s\n", ravelin_version(), right ? "right" : "wrong");
   return right ? 0 : 1;
 }

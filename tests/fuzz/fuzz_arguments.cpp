@@ -23,17 +23,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     if (word.starts_with("-i") || word.starts_with("--input"))
       return 0; // would read files, or wait for the terminal
     arguments.push_back(word.c_str());
-    const auto name = app::name_from_link(word);
+    const auto name = ravelin::app::name_from_link(word);
     if (name.empty() || name == "." || name == ".." || name.find('/') != name.npos ||
         name.size() > 200)
       std::abort();
-    if (const auto number = app::parse_size(word); number && *number < 0)
+    if (const auto number = ravelin::app::parse_size(word); number && *number < 0)
       std::abort();
-    app::printable(word);
+    ravelin::app::printable(word);
   }
   const auto [options, status] =
-      app::parse_arguments(static_cast<int>(arguments.size()), arguments.data());
-  if (!status && options.command == app::Options::get && options.get_options.links.empty())
+      ravelin::app::parse_arguments(static_cast<int>(arguments.size()), arguments.data());
+  if (!status && options.command == ravelin::app::Options::get && options.get_options.links.empty())
     std::abort();
   return 0;
 }

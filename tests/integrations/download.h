@@ -2,9 +2,9 @@
 
 #include "ravelin/main_queue.h"
 #include "ravelin/ravelin_operation.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
-#include "tests/support/temp_dir.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,15 @@
-#include "platform/file_calls.h"
-#include "platform/file_handle.h"
-#include "platform/file_manager.h"
-#include "platform/file_marks.h"
-#include "tests/support/temp_dir.h"
+#include "platform/files/file_calls.h"
+#include "platform/files/file_handle.h"
+#include "platform/files/file_manager.h"
+#include "platform/files/file_marks.h"
+#include "tests/harness/temp_dir.h"
 
 #include <cerrno>
 #include <functional>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-namespace platform {
+namespace ravelin::platform {
 namespace {
 
 namespace fs = std::filesystem;
@@ -162,4 +162,4 @@ TEST(HiddenList, changes_by_one_line_and_goes_when_empty_and_ours) {
 }
 
 } // namespace
-} // namespace platform
+} // namespace ravelin::platform

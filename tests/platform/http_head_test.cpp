@@ -1,10 +1,10 @@
-#include "platform/http_response.h"
-#include "platform/range_check.h"
+#include "platform/network/http_response.h"
+#include "platform/network/range_check.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>
 
-namespace platform {
+namespace ravelin::platform {
 namespace {
 
 /// What the collector makes of `text`: a letter for each end that it saw, status and fields.
@@ -94,4 +94,4 @@ TEST(RangeFault, is_found_in_everything_but_the_range_asked_for) {
 }
 
 } // namespace
-} // namespace platform
+} // namespace ravelin::platform

@@ -1,5 +1,5 @@
-#include "platform/semaphore.h"
-#include "platform/serial_queue.h"
+#include "platform/threads/semaphore.h"
+#include "platform/threads/serial_queue.h"
 #include "ravelin/main_queue.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-namespace platform {
+namespace ravelin::platform {
 namespace {
 
 using namespace std::chrono_literals;
@@ -184,4 +184,4 @@ TEST(ThreadPool, grows_while_all_its_threads_block_and_shrinks_when_idle) {
 }
 
 } // namespace
-} // namespace platform
+} // namespace ravelin::platform

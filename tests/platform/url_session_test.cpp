@@ -1,9 +1,9 @@
-#include "platform/block_pool.h"
-#include "platform/data_task.h"
-#include "tests/support/loopback_socket.h"
-#include "tests/support/nginx.h"
-#include "tests/support/patterns.h"
-#include "tests/support/scripted_server.h"
+#include "platform/network/block_pool.h"
+#include "platform/network/data_task.h"
+#include "tests/harness/loopback_socket.h"
+#include "tests/harness/nginx.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
 
 #include <barrier>
 #include <fstream>
@@ -13,7 +13,7 @@
 #include <sched.h>
 #include <thread>
 
-namespace platform {
+namespace ravelin::platform {
 namespace {
 
 using namespace std::chrono_literals;
@@ -448,4 +448,4 @@ TEST_F(URLSessionTest, requires_exact_ranges_when_asked_to) {
 }
 
 } // namespace
-} // namespace platform
+} // namespace ravelin::platform

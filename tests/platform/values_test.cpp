@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <set>
 
-namespace platform {
+namespace ravelin::platform {
 namespace {
 
 namespace fs = std::filesystem;
@@ -67,4 +67,4 @@ TEST(FatalDeathTest, ends_the_process_rather_than_count_wrong) {
 }
 
 } // namespace
-} // namespace platform
+} // namespace ravelin::platform

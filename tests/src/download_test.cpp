@@ -1,7 +1,7 @@
-#include "platform/thread_pool.h"
+#include "platform/threads/thread_pool.h"
 #include "src/FileProcessor.h"
+#include "tests/harness/child_process.h"
 #include "tests/src/transfer_fixture.h"
-#include "tests/support/child_process.h"
 
 #include <atomic>
 #include <cmath>
@@ -312,7 +312,7 @@ TEST_F(RavelinOperationTest, may_be_killed_in_mid_transfer_and_continues) {
 
 TEST_F(RavelinOperationTest, leaves_no_thread_of_many_downloads) {
   const auto background = [] {
-    return static_cast<std::ptrdiff_t>(platform::background_thread_count());
+    return static_cast<std::ptrdiff_t>(ravelin::platform::background_thread_count());
   };
   const auto others = [&] {
     return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()) -

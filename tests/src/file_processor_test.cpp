@@ -1,4 +1,4 @@
-#include "platform/semaphore.h"
+#include "platform/threads/semaphore.h"
 #include "src/FileProcessor.h"
 #include "tests/src/transfer_fixture.h"
 
@@ -8,7 +8,7 @@
 
 namespace test {
 namespace {
-using platform::Data;
+using ravelin::platform::Data;
 
 class FileProcessorTest : public TransferTest {
 protected:
@@ -146,8 +146,8 @@ TEST_F(FileProcessorTest, saves_no_byte_that_is_not_flushed) {
   receive(*opened, 4, "0123");
   wait_for_disk(*opened);
   EXPECT_EQ(saved(), Counts(10, 0));
-  platform::Semaphore reached(0);
-  platform::Semaphore go_on(0);
+  ravelin::platform::Semaphore reached(0);
+  ravelin::platform::Semaphore go_on(0);
   const HookedCalls calls([&](std::string_view call, const std::string& path) {
     if (call == "fdatasync" && path.ends_with(".bin")) {
       reached.signal();

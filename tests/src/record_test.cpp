@@ -1,6 +1,6 @@
+#include "bramblekit/main_thread.h"
 #include "src/FileProcessor.h"
-#include "src/snap_points.h"
-#include "support/main_thread.h"
+#include "src/SnapRule.h"
 #include "tests/src/transfer_fixture.h"
 
 #include <limits>
@@ -33,7 +33,10 @@ TEST(LGOperationTest, keeps_two_flags_that_any_thread_may_use) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.calls);
     const auto play = [&] {
-      const auto opr = std::make_shared<LGOperation>();
+      struct Operation : LGOperation {
+        using LGOperation::activate, LGOperation::free;
+      };
+      const auto opr = std::make_shared<Operation>();
       for (const char call : c.calls)
         call == 'a' ? opr->activate() : call == 'c' ? opr->cancel() : opr->free();
       EXPECT_EQ(opr->is_busy(), c.busy);
@@ -41,7 +44,7 @@ TEST(LGOperationTest, keeps_two_flags_that_any_thread_may_use) {
     };
     play();
     in_background(play);
-    in_background([&] { bramblekit::main_sync(play); });
+    in_background([&] { ravelin::bramblekit::main_sync(play); });
   }
 }
 

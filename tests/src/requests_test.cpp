@@ -1,7 +1,7 @@
-#include "platform/data_task.h"
+#include "bramblekit/main_thread.h"
+#include "platform/network/data_task.h"
 #include "src/HeaderOpr.h"
 #include "src/PartialDataOpr.h"
-#include "support/main_thread.h"
 #include "tests/src/transfer_fixture.h"
 
 #include <limits>
@@ -101,16 +101,18 @@ TEST_F(HeaderOprTest, can_be_cancelled_at_any_time) {
 }
 
 TEST_F(HeaderOprTest, ignores_a_second_response) {
-  const auto session =
-      platform::URLSession::make(platform::URLSessionConfiguration::ephemeral(), opr);
+  const auto session = ravelin::platform::URLSession::make(
+      ravelin::platform::URLSessionConfiguration::ephemeral(), opr);
   const auto task = session->data_task(URL("http://127.0.0.1/"));
-  const platform::URLResponse response{.is_http = true, .status = 200, .header_fields = {}};
+  const ravelin::platform::URLResponse response{
+      .is_http = true, .status = 200, .header_fields = {}};
   int decisions = 0;
   for (int i = 0; i < 2; ++i)
-    opr->urlSession(*session, *task, response, [&](platform::ResponseDisposition disposition) {
-      EXPECT_EQ(disposition, platform::ResponseDisposition::cancel);
-      ++decisions;
-    });
+    opr->urlSession(*session, *task, response,
+                    [&](ravelin::platform::ResponseDisposition disposition) {
+                      EXPECT_EQ(disposition, ravelin::platform::ResponseDisposition::cancel);
+                      ++decisions;
+                    });
   EXPECT_EQ(decisions, 1);
 }
 
@@ -147,7 +149,7 @@ private:
   void take(const Event& event) {
     const char letter = std::string_view("hd!cb+x")[event.value.index()];
     EXPECT_EQ(MainQueue::is_main_thread(), letter != 'b');
-    bramblekit::main_sync([&] { story += letter; });
+    ravelin::bramblekit::main_sync([&] { story += letter; });
     if (const auto* const started = std::get_if<Event::started>(&event.value))
       length = started->content_length;
     if (const auto* const data = std::get_if<Event::did_receive_data>(&event.value)) {

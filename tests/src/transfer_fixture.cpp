@@ -1,6 +1,6 @@
 #include "tests/src/transfer_fixture.h"
 
-#include "platform/file_marks.h"
+#include "platform/files/file_marks.h"
 #include "src/FileProcessor.h"
 
 #include <algorithm>
@@ -41,7 +41,7 @@ void in_background(const std::function<void()>& work) {
 int marks_of(const URL& file) {
   std::ifstream list(file.path().parent_path() / ".hidden");
   const auto name = file.path().filename().native();
-  int marks = platform::extended_attribute(file, "lg_ignore") == "true";
+  int marks = ravelin::platform::extended_attribute(file, "lg_ignore") == "true";
   for (std::string line; std::getline(list, line);)
     marks += line == name;
   return marks;
@@ -146,7 +146,7 @@ void TransferTest::SetUp() {
 }
 
 void TransferTest::TearDown() {
-  platform::set_file_calls(nullptr);
+  ravelin::platform::set_file_calls(nullptr);
   set_defaults({});
   RavelinOperation::set_max_simultaneous_download_count(5);
   for (const auto& run : runs_) {

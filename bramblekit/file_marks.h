@@ -1,0 +1,50 @@
+#pragma once
+
+#include "platform/data.h"
+#include "platform/files/file_marks.h"
+#include "ravelin/url.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace ravelin::bramblekit {
+
+/// The UTF-8 bytes of `text`.
+inline std::optional<platform::Data> to_data(std::string_view text) {
+  return platform::Data::copy_of(text);
+}
+
+/// The extended attributes of one file: `ext_attr(url)["name"] = bytes`, or no value to remove.
+/// Failures are not reported.
+class ExtAttr {
+public:
+  explicit ExtAttr(URL url) : url_(std::move(url)) {}
+
+  class Entry {
+  public:
+    Entry(const URL& url, std::string key) : url_(url), key_(std::move(key)) {}
+    void operator=(const std::optional<platform::Data>& value) {
+      platform::set_extended_attribute(url_, key_, value);
+    }
+
+  private:
+    const URL& url_;
+    std::string key_;
+  };
+  Entry operator[](std::string key) const { return {url_, std::move(key)}; }
+
+private:
+  URL url_;
+};
+
+inline ExtAttr ext_attr(const URL& url) {
+  return ExtAttr(url);
+}
+
+/// Sets or clears the hidden mark of the file. Failures are not reported.
+inline void set_is_hidden(const URL& url, bool is_hidden) {
+  platform::set_hidden(url, is_hidden);
+}
+
+} // namespace ravelin::bramblekit

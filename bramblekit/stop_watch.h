@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+
+namespace ravelin::bramblekit {
+
+/// Measures the time since it was made or reset, by a clock that nobody sets.
+class StopWatch {
+public:
+  void reset() { start_ = Clock::now(); }
+  /// Seconds.
+  double elapsed_time() const {
+    return std::chrono::duration<double>(Clock::now() - start_).count();
+  }
+
+private:
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point start_ = Clock::now();
+};
+
+} // namespace ravelin::bramblekit

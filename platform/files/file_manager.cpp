@@ -1,0 +1,173 @@
+#include "platform/files/file_manager.h"
+
+#include "platform/files/file_calls.h"
+#include "platform/files/file_marks.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace ravelin::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void fail(int reason, const char* what, const fs::path& path) {
+  throw std::system_error(reason, std::system_category(),
+                          std::string("could not ") + what + " '" + path.native() + "'");
+}
+
+/// Closes its descriptor, and keeps `errno` as the failing call left it.
+struct Descriptor {
+  int number;
+  ~Descriptor() {
+    const int reason = errno;
+    if (number >= 0)
+      file_calls().close(number);
+    errno = reason;
+  }
+};
+
+bool write_all(int descriptor, std::string_view text) {
+  off_t offset = 0;
+  while (!text.empty()) {
+    const auto written = file_calls().pwrite(descriptor, text.data(), text.size(), offset);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written == 0)
+      errno = EIO; // nothing more goes in, and no reason is given
+    if (written <= 0)
+      return false;
+    text.remove_prefix(static_cast<std::size_t>(written));
+    offset += written;
+  }
+  return true;
+}
+
+/// A fresh file under `path`. Whatever stands there goes first and is never followed or written
+/// through: it may be a link that somebody else planted.
+int create_fresh(const fs::path& path) {
+  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+  const int descriptor = file_calls().open(path.c_str(), flags, 0666);
+  if (descriptor >= 0 || errno != EEXIST || file_calls().unlink(path.c_str()) != 0)
+    return descriptor;
+  return file_calls().open(path.c_str(), flags, 0666);
+}
+
+fs::path directory_of(const fs::path& path) {
+  return path.has_parent_path() ? path.parent_path() : fs::path(".");
+}
+
+bool flush_directory(const fs::path& directory) {
+  const Descriptor opened{file_calls().open(directory.c_str(), O_RDONLY | O_DIRECTORY, 0)};
+  if (opened.number < 0)
+    return errno == EACCES; // a directory that may be written but not read cannot be flushed
+  while (file_calls().fsync(opened.number) != 0)
+    if (errno != EINTR)
+      return errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+  return true;
+}
+
+bool flush(int descriptor) {
+  while (file_calls().fdatasync(descriptor) != 0)
+    if (errno != EINTR)
+      return false;
+  return true;
+}
+
+bool write_fresh(const fs::path& path, std::string_view text, Lasting lasting) {
+  const Descriptor opened{create_fresh(path)};
+  return opened.number >= 0 && write_all(opened.number, text) &&
+         (lasting == Lasting::no || flush(opened.number));
+}
+
+fs::path temporary_of(fs::path path) {
+  return path += ".tmp";
+}
+
+} // namespace
+
+FileManager& FileManager::default_manager() {
+  static FileManager manager;
+  return manager;
+}
+
+bool FileManager::file_exists(const URL& url) const {
+  return ::access(url.path().c_str(), F_OK) == 0;
+}
+
+bool FileManager::is_directory(const URL& url) const {
+  struct stat status {};
+  return ::stat(url.path().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+void FileManager::create_file(const URL& url) noexcept {
+  const auto path = url.path();
+  constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY;
+  const Descriptor made{file_calls().open(path.c_str(), flags, 0666)};
+  if (made.number >= 0)
+    flush_directory(directory_of(path)); // before any record counts bytes under this name
+}
+
+void FileManager::remove_item(const URL& url) {
+  const auto path = url.path();
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
+    fail(S_ISDIR(status.st_mode) ? EISDIR : EPERM, "remove", path);
+  if (file_calls().unlink(path.c_str()) != 0)
+    fail(errno, "remove", path);
+  set_hidden(url, false);
+}
+
+std::string read_text(const URL& url, std::size_t limit) {
+  const auto path = url.path();
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY; // a pipe would keep us waiting
+  const Descriptor opened{file_calls().open(path.c_str(), flags, 0)};
+  if (opened.number < 0)
+    fail(errno, "open", path);
+  struct stat status {};
+  if (::fstat(opened.number, &status) != 0)
+    fail(errno, "read", path);
+  if (!S_ISREG(status.st_mode))
+    fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "read", path);
+  std::string text(4096, '\0');
+  std::size_t size = 0;
+  for (;;) {
+    const auto got = ::read(opened.number, text.data() + size, text.size() - size);
+    if (got < 0 && errno == EINTR)
+      continue;
+    if (got < 0)
+      fail(errno, "read", path);
+    size += static_cast<std::size_t>(got);
+    if (size > limit)
+      fail(EFBIG, "read", path);
+    if (got == 0)
+      break;
+    if (size == text.size())
+      text.resize(text.size() * 2);
+  }
+  text.resize(size);
+  return text;
+}
+
+void remove_temporary_of(const URL& url) noexcept {
+  file_calls().unlink(temporary_of(url.path()).c_str());
+}
+
+void write_text_atomically(const URL& url, std::string_view text, Lasting lasting) {
+  const auto path = url.path();
+  const auto temporary = temporary_of(path);
+  const bool placed = write_fresh(temporary, text, lasting) &&
+                      file_calls().rename(temporary.c_str(), path.c_str()) == 0;
+  if (!placed) {
+    const int reason = errno;
+    file_calls().unlink(temporary.c_str());
+    fail(reason, "write", path);
+  }
+  if (lasting == Lasting::yes && !flush_directory(directory_of(path)))
+    fail(errno, "flush the directory of", path);
+}
+
+} // namespace ravelin::platform

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "platform/data.h"
+#include "ravelin/url.h"
+
+#include <optional>
+#include <string_view>
+
+namespace ravelin::platform {
+
+/// Stores `value` as the file's extended attribute `name`, or removes the attribute. Best effort.
+void set_extended_attribute(const URL& url, std::string_view name,
+                            const std::optional<Data>& value) noexcept;
+std::optional<std::string> extended_attribute(const URL& url, std::string_view name);
+
+/// Shows or hides the file in file managers: its line in the directory's `.hidden` list, which
+/// GIO and KIO read. Lines of others stay as they are. Best effort.
+void set_hidden(const URL& url, bool hidden) noexcept;
+
+} // namespace ravelin::platform

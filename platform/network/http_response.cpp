@@ -1,0 +1,133 @@
+#include "platform/network/http_response.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace ravelin::platform {
+namespace {
+
+constexpr std::size_t most_header_bytes = 256 * 1024;
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool equal_ignoring_case(std::string_view a, std::string_view b) {
+  return std::ranges::equal(a, b, [](char x, char y) { return lower(x) == lower(y); });
+}
+
+std::string_view trimmed(std::string_view text) {
+  constexpr std::string_view blanks = " \t\r\n";
+  const auto begin = text.find_first_not_of(blanks);
+  if (begin == std::string_view::npos)
+    return {};
+  return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
+/// Header fields are ASCII; what else a server sends is Latin-1, as of old.
+std::string as_utf8(std::string_view latin) {
+  std::string text;
+  for (const char c : latin) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x80) {
+      text += c;
+    } else {
+      text += static_cast<char>(0xC0 | (byte >> 6));
+      text += static_cast<char>(0x80 | (byte & 0x3F));
+    }
+  }
+  return text;
+}
+
+std::optional<std::int64_t> parse_digits(std::string_view text) {
+  std::int64_t number = 0;
+  const auto* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number);
+  if (result.ec != std::errc() || result.ptr != end || text.empty() || text.front() == '-')
+    return std::nullopt;
+  return number;
+}
+
+} // namespace
+
+const std::string* find_field(const HeaderFields& fields, std::string_view name) {
+  const auto found = std::ranges::find_if(
+      fields, [&](const auto& field) { return equal_ignoring_case(field.first, name); });
+  return found == fields.end() ? nullptr : &found->second;
+}
+
+bool HeaderCollector::redirects_out_of_the_web() const {
+  const auto* const location = find_field(response_.header_fields, "Location");
+  if (!last_was_redirect_ || !location)
+    return false;
+  const auto end = location->find("://");
+  if (end == std::string::npos)
+    return false;
+  const auto scheme = std::string_view(*location).substr(0, end);
+  return !equal_ignoring_case(scheme, "http") && !equal_ignoring_case(scheme, "https");
+}
+
+HeaderCollector::Line HeaderCollector::add(std::string_view line) {
+  size_ += line.size();
+  if (size_ > most_header_bytes)
+    return Line::too_large;
+  constexpr std::string_view status_line = "HTTP/";
+  if (!in_head_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
+    response_ = {.is_http = true, .status = 0, .header_fields = {}};
+    const auto blank = std::min(line.find(' '), line.size() - 1);
+    const auto code = trimmed(line.substr(blank + 1)).substr(0, 3);
+    std::from_chars(code.data(), code.data() + code.size(), response_.status);
+    in_head_ = true;
+    return Line::more;
+  }
+  if (!in_head_)
+    return Line::more; // a trailer behind a chunked body
+  if (!trimmed(line).empty()) {
+    if (line.front() != ' ' && line.front() != '\t') // else a folded end of the field before
+      add_field(line);
+    return Line::more;
+  }
+  in_head_ = false;
+  const auto* const location = find_field(response_.header_fields, "Location");
+  last_was_redirect_ = response_.status / 100 == 3 && location && !location->empty();
+  if (response_.status / 100 == 1)
+    return Line::interim_end;
+  return last_was_redirect_ ? Line::redirect_end : Line::final_end;
+}
+
+void HeaderCollector::add_field(std::string_view raw_line) {
+  const auto text = as_utf8(raw_line);
+  const std::string_view line = text;
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos)
+    return;
+  const auto name = trimmed(line.substr(0, colon));
+  const auto value = trimmed(line.substr(colon + 1));
+  for (auto& [known, joined] : response_.header_fields)
+    if (equal_ignoring_case(known, name)) {
+      if (joined != value) // said twice alike is said once
+        joined.append(", ").append(value);
+      return;
+    }
+  response_.header_fields.emplace(name, value);
+}
+
+std::optional<ContentRange> parse_content_range(std::string_view value) {
+  constexpr std::string_view unit = "bytes ";
+  value = trimmed(value);
+  const auto dash = value.find('-');
+  const auto slash = value.find('/');
+  if (value.size() < unit.size() || !equal_ignoring_case(value.substr(0, unit.size()), unit) ||
+      dash == std::string_view::npos || slash == std::string_view::npos || slash < dash)
+    return std::nullopt;
+  const auto start = parse_digits(trimmed(value.substr(unit.size(), dash - unit.size())));
+  const auto end = parse_digits(trimmed(value.substr(dash + 1, slash - dash - 1)));
+  const auto total_text = trimmed(value.substr(slash + 1));
+  const auto total = parse_digits(total_text);
+  const bool beyond = end && total && *end >= *total;
+  if (!start || !end || *end < *start || beyond || (!total && total_text != "*"))
+    return std::nullopt;
+  return ContentRange{*start, *end, total};
+}
+
+} // namespace ravelin::platform

@@ -1,0 +1,49 @@
+#include "platform/network/socket_watch.h"
+
+#include "platform/fatal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unistd.h>
+
+namespace ravelin::platform {
+
+SocketWatch::SocketWatch() : descriptor_(epoll_create1(EPOLL_CLOEXEC)) {
+  if (descriptor_ < 0)
+    fatal("no descriptor is left to wait for the network with");
+}
+
+SocketWatch::~SocketWatch() {
+  close(descriptor_);
+}
+
+int SocketWatch::control(int operation, int descriptor, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = descriptor;
+  return epoll_ctl(descriptor_, operation, descriptor, &event);
+}
+
+void SocketWatch::watch(int descriptor, std::uint32_t events) {
+  // Where the system refuses one more, that connection is silent, and its request ends by that.
+  if (control(EPOLL_CTL_ADD, descriptor, events) != 0 && errno == EEXIST)
+    control(EPOLL_CTL_MOD, descriptor, events);
+}
+
+void SocketWatch::change(int descriptor, std::uint32_t events) {
+  // The number may stand for a new socket whose forerunner was closed without a word.
+  if (control(EPOLL_CTL_MOD, descriptor, events) != 0)
+    watch(descriptor, events);
+}
+
+void SocketWatch::forget(int descriptor) {
+  epoll_ctl(descriptor_, EPOLL_CTL_DEL, descriptor, nullptr); // harmless if it is closed already
+}
+
+std::span<const epoll_event> SocketWatch::wait(std::chrono::milliseconds time) {
+  const auto count = epoll_wait(descriptor_, ready_.data(), static_cast<int>(ready_.size()),
+                                static_cast<int>(time.count()));
+  return {ready_.data(), static_cast<std::size_t>(std::max(count, 0))}; // a signal: none
+}
+
+} // namespace ravelin::platform

@@ -1,8 +1,0 @@
-#pragma once
-
-namespace platform {
-
-/// Whether any interface but loopback is up with an address.
-bool any_network_is_up();
-
-} // namespace platform

@@ -1,0 +1,137 @@
+#include "platform/threads/thread_pool.h"
+
+#include "platform/fatal.h"
+#include "platform/threads/semaphore.h"
+
+#include <chrono>
+#include <csignal>
+#include <deque>
+#include <mutex>
+#include <pthread.h>
+#include <vector>
+
+namespace ravelin::platform {
+namespace {
+
+constexpr std::size_t stack_size = 512 * 1024; // bytes; callbacks of the application run here too
+constexpr auto idle_time = std::chrono::seconds(5);
+
+/// A thread without a job. Lives on that thread's stack.
+struct Idle {
+  Semaphore called{0};
+  Job job;
+};
+
+struct Pool {
+  std::mutex mutex;        // any thread hands jobs in, pool threads take them
+  std::vector<Idle*> idle; // the last one in, whose memory is still in the caches, is called first
+  std::deque<Job> jobs;    // for which there is no thread
+  std::size_t threads = 0;
+};
+
+Pool& pool() {
+  static auto& instance = *new Pool; // outlives `main`: its threads are never joined
+  return instance;
+}
+
+/// The next job, or an empty one when there has been none for long.
+Job next_job() {
+  auto& p = pool();
+  Idle self;
+  {
+    const std::lock_guard lock(p.mutex);
+    if (!p.jobs.empty()) {
+      auto job = std::move(p.jobs.front());
+      p.jobs.pop_front();
+      return job;
+    }
+    p.idle.push_back(&self);
+  }
+  if (!self.called.wait_for(idle_time)) {
+    const std::lock_guard lock(p.mutex);
+    if (std::erase(p.idle, &self) > 0) {
+      --p.threads;
+      return {};
+    }
+    self.called.wait(); // somebody was about to call
+  }
+  return std::move(self.job);
+}
+
+void work_until_idle() noexcept {
+  while (auto job = next_job())
+    job();
+}
+
+/// Signals are the application's business and are handled on its threads; those that a thread
+/// causes itself stay where they belong.
+class SignalsBlocked {
+public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    for (const int own : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+      sigdelset(&all, own);
+    pthread_sigmask(SIG_BLOCK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+  sigset_t before_;
+};
+
+bool start_thread(void* (*body)(void*), void* argument) {
+  const SignalsBlocked blocked; // a new thread inherits the mask of the one that makes it
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, stack_size);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_t thread;
+  const bool started = pthread_create(&thread, &attributes, body, argument) == 0;
+  pthread_attr_destroy(&attributes);
+  return started;
+}
+
+} // namespace
+
+void run_in_background(Job job) {
+  auto& p = pool();
+  std::unique_lock lock(p.mutex);
+  if (!p.idle.empty()) {
+    auto& idle = *p.idle.back();
+    p.idle.pop_back();
+    lock.unlock(); // the thread that is called needs it soon
+    idle.job = std::move(job);
+    idle.called.signal();
+    return;
+  }
+  p.jobs.push_back(std::move(job));
+  const auto body = [](void*) -> void* {
+    work_until_idle();
+    return nullptr;
+  };
+  if (start_thread(body, nullptr))
+    ++p.threads;
+  else if (p.threads == 0)
+    fatal("the system gives no thread to work on");
+  // Otherwise the system is out of threads for now: the job waits for one that becomes free.
+}
+
+void start_detached_thread(void (*body)()) {
+  const auto call = [](void* argument) -> void* {
+    reinterpret_cast<void (*)()>(argument)();
+    return nullptr;
+  };
+  if (!start_thread(call, reinterpret_cast<void*>(body)))
+    fatal("the system gives no thread to work on");
+}
+
+std::size_t background_thread_count() {
+  auto& p = pool();
+  const std::lock_guard lock(p.mutex);
+  return p.threads;
+}
+
+} // namespace ravelin::platform
