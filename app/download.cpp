@@ -1,19 +1,13 @@
 #include "app/download.h"
 
 #include "app/event_lines.h"
-#include "app/leftovers.h"
-#include "app/link_mark.h"
 #include "app/naming.h"
 #include "app/output.h"
 #include "app/sha256.h"
-#include "bramblekit/background.h"
-#include "bramblekit/errors.h"
-#include "platform/files/file_marks.h"
-#include "ravelin/main_queue.h"
-#include "ravelin/text_error.h"
 
 #include <fmt/core.h>
 
+#include <thread>
 #include <utility>
 
 namespace ravelin::app {
@@ -22,295 +16,200 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string reason_of(const CustomError& error) {
+std::string describe_reason(const CustomError& error) {
   const auto* const other = error.get_if<CustomError::other>();
   const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
-  const bool changed = loading && loading->refusal == URLLoadingError::Refusal::changed_content;
   auto text = error.text();
-  if (const auto line_feed = text.find('\n'); line_feed != std::string::npos)
-    text.erase(line_feed, 1); // the library's own texts have one between their halves
-  return text + (changed ? "; begin anew with --on-conflict replace" : "");
+  if (const auto line_feed = text.find('\n'); line_feed != std::string::npos) {
+    const bool is_record_invalid = text.find("resume data") != std::string::npos;
+    text.erase(line_feed, 1); // some texts of the library have one in the middle
+    if (is_record_invalid)
+      text += "; use --on-conflict replace to download it again";
+  }
+  if (loading && loading->refusal == URLLoadingError::Refusal::changed_content)
+    text += "; use --on-conflict replace to download it again";
+  if (other && (other->error.code() == std::errc::no_space_on_device ||
+                other->error.code() == std::errc::file_too_large))
+    text += "; free up space, then run the same command to resume";
+  return text;
 }
 
 } // namespace
 
 Download::Download(std::string link, fs::path file, const GetOptions& options, ProgressView& view)
     : link_(std::move(link)), file_(std::move(file)), options_(options), view_(view),
-      row_(view.add(file_.filename().native())), retries_(options.retries), split_(options.split),
-      operation_(std::make_shared<RavelinOperation>()) {}
+      row_(view.add(file_.filename().native(), [this] { return speed(); })) {}
 
 void Download::start(std::function<void(End)> on_end) {
   on_end_ = std::move(on_end);
-  if (link_.starts_with("file:")) {
-    fail("only http and https links work");
-    return;
-  }
   std::error_code ignored;
-  if (fs::is_directory(file_, ignored)) {
-    fail("it is a directory; name a file with --output, or use --dir");
-    return;
-  }
-  if (fs::exists(file_, ignored) && !fs::is_regular_file(file_, ignored)) {
-    fail("it is a pipe or a device; name a file with --output");
-    return;
-  }
-  if (cancelled_) {
-    stop();
-    return;
-  }
-  if (const auto reason = take_lock(); !reason.empty())
-    fail(reason);
-  else
-    attempt();
-}
-
-std::string Download::take_lock() {
-  lock_.emplace(file_);
-  if (lock_->held_by_another())
-    return "another process is downloading to it; wait for that one or choose another --output";
-  std::error_code ignored;
-  const bool renames = options_.on_conflict == OnConflict::keep_both && fs::exists(file_, ignored);
-  if (!lock_->other_owner().empty() && !renames)
-    return "its resume record is in use for the unfinished '" + lock_->other_owner() +
-           "'; finish or clear that one first, or choose another --output";
-  return {};
-}
-
-/// Incomplete, but its record is gone: a process was killed while it began anew.
-bool Download::lost_its_record() const {
-  std::error_code ignored;
-  return fs::is_regular_file(file_, ignored) && !fs::exists(record_of(file_), ignored) &&
-         (lock_->unfinished() ||
-          platform::extended_attribute(URL::file(file_), "lg_ignore").has_value());
-}
-
-OnConflict Download::policy() const {
-  const auto asked_for = first_attempt_ ? options_.on_conflict : OnConflict::resume;
-  const bool unusable =
-      asked_for == OnConflict::resume && (lost_its_record() || !record_fits(file_));
-  return unusable ? OnConflict::replace : asked_for; // after the first attempt the file is ours
-}
-
-/// In this order a killed process never leaves an unfinished file without its record.
-void Download::prepare(OnConflict on_conflict) {
-  std::error_code ignored;
-  if (on_conflict == OnConflict::replace)
-    RavelinOperation::clear_files(URL::file(file_));
-  if (!fs::exists(file_, ignored) || fs::exists(record_of(file_), ignored))
-    lock_->begin();
-}
-
-void Download::attempt() {
-  waiting_ = false;
-  const auto on_conflict = policy();
-  first_attempt_ = false;
-  prepare(on_conflict);
-  operation_->resume(URL(link_), URL::file(file_), split_, on_conflict,
+  if (link_.starts_with("file:"))
+    return fail("only http and https links are supported");
+  if (fs::is_directory(file_, ignored))
+    return fail("the destination is a directory; name a file with --output, or use --dir");
+  if (fs::exists(file_, ignored) && !fs::is_regular_file(file_, ignored))
+    return fail("the destination is a pipe or a device; name a file with --output");
+  if (cancelled_)
+    return stop();
+  started_ = true;
+  auto options = options_.download;
+  options.on_retry = [self = shared_from_this()](const RetryNotice& notice) {
+    self->on_retry(notice);
+  };
+  operation_ = std::make_shared<RavelinOperation>(std::move(options));
+  operation_->resume(URL(link_), URL::file(file_), options_.split, options_.on_conflict,
                      [self = shared_from_this()](const Status& status) {
                        if (MainQueue::is_main_thread())
                          self->on_status(status);
-                       else // the creation of the files is told where it happens
+                       else // `files_are_created` is sent on a background thread
                          MainQueue::async([self, status] { self->on_status(status); });
                      });
 }
 
-/// A save of the record that fails in mid-transfer stops the parts, and the run then ends as a
-/// success all the same; only the record tells.
-Status Download::checked(const Status& status) const {
-  std::error_code ignored;
-  if (!status.holds<Status::success>() || !fs::exists(record_of(file_), ignored))
-    return status;
-  return {Status::error{{CustomError::other{bramblekit::to_error(
-      TextError("its resume record could not be saved in the middle; make room or mend "
-                "the disk, then run the same command to continue"))}}}};
-}
-
-void Download::on_status(const Status& told) {
-  const auto status = checked(told);
-  const bool is_last = status.holds<Status::success>() || status.holds<Status::error>() ||
-                       status.holds<Status::cancelled>();
-  if (!is_last) // what ends a run need not end the download
+void Download::on_status(const Status& status) {
+  if (!status.is_final() && !status.holds<Status::downloading>())
     print_event(status);
   status.visit(match{
       [&](const Status::renamed& e) {
         file_ = e.new_file_url.path();
         renamed_ = true;
         view_.rename(row_, file_.filename().native());
-        stop_reason_ = take_lock();
-        if (stop_reason_.empty())
-          lock_->begin();
-        else
-          operation_->cancel();
       },
-      [&](const Status::files_are_created&) { mark_in_list(); },
-      [&](const Status::started& e) { length_ = e.content_length; },
-      [&](const Status::downloading& e) { view_.show_progress(row_, e.progress); },
-      [&](const Status::cancelled&) {
-        if (stop_reason_.empty())
-          stop();
-        else
-          fail(stop_reason_);
-      },
-      [&](const Status::error& e) { on_error(e.custom_error); },
-      [&](const Status::pending&) { view_.show_state(row_, "waiting for its turn"); },
-      [&](const Status::connecting&) {
-        connected_ = true;
-        view_.show_state(row_, "connecting");
-      },
+      [](const Status::files_are_created&) {},
+      [&](const Status::started&) { is_downloaded_ = true; },
+      [&](const Status::downloading& e) { show_progress(e.progress); },
+      [&](const Status::cancelled&) { stop(); },
+      [&](const Status::error& e) { fail(e.custom_error); },
+      [&](const Status::pending&) { view_.show_state(row_, "waiting for a free slot"); },
+      [&](const Status::connecting&) { view_.show_state(row_, "connecting"); },
       [&](const Status::success&) { on_success(); },
       [&](const Status::cancelling&) { view_.show_state(row_, "stopping"); },
   });
 }
 
-/// A single link asks for no distinction, and its file bears no trace.
-void Download::mark_in_list() {
-  if (options_.links.size() > 1)
-    mark(file_, link_);
+RavelinOperation::Speed Download::speed() const {
+  return operation_ ? operation_->speed() : RavelinOperation::Speed();
 }
 
-void Download::on_error(const CustomError& error) {
-  if (cancelled_) {
-    stop();
+void Download::show_progress(const Progress& progress) {
+  view_.show_progress(row_, progress);
+  const auto now = std::chrono::steady_clock::now();
+  const bool is_complete = progress.content_length == progress.received_bytes;
+  if (!is_complete && now - last_progress_event_ < options_.events_interval)
     return;
-  }
-  const auto received = RavelinOperation::get_progress(URL::file(file_)).received_bytes;
-  switch (retries_.judge(error, received, split_)) {
-  case Remedy::give_up:
-    print_event({Status::error{error}});
-    show_failure(reason_of(error));
-    return;
-  case Remedy::try_in_one_piece:
-    split_ = false;
-    view_.say(fmt::format("ravelin: {}: {}; fetching it in one piece", printable(link_),
-                          printable(reason_of(error))));
-    break;
-  case Remedy::try_again:
-    view_.say(fmt::format("ravelin: {}: {}; {}", printable(link_), printable(reason_of(error)),
-                          retries_.words()));
-    break;
-  }
-  print_event({Status::error{error}}, false);
-  retry_later();
+  last_progress_event_ = now;
+  print_event({Status::downloading{progress}});
 }
 
-void Download::retry_later() {
-  waiting_ = true;
-  view_.show_state(row_, "waiting to try again");
-  const std::chrono::duration<double> wait = retries_.wait();
-  bramblekit::bg_async(wait.count(), [self = shared_from_this()] {
-    MainQueue::async([self] {
-      if (std::exchange(self->waiting_, false))
-        self->attempt();
-    });
-  });
+void Download::on_retry(const RetryNotice& notice) {
+  view_.print_message(fmt::format("ravelin: {}: {}; {}", shown_link(link_),
+                                  printable(describe_reason(notice.error)), notice.text));
+  view_.show_state(row_, "waiting to retry");
+  print_event({Status::error{notice.error}}, false);
 }
 
 void Download::cancel() {
   cancelled_ = true;
-  if (std::exchange(waiting_, false))
-    stop();
-  else
+  if (operation_)
     operation_->cancel();
 }
 
-std::string Download::finished_words() const {
-  if (!connected_)
-    return "already complete";
-  std::error_code unknown;
-  const auto size = fs::file_size(file_, unknown);
-  return unknown ? "done" : "done, " + human_size(static_cast<std::int64_t>(size));
-}
-
-std::string Download::flaw() const {
-  if (!connected_)
-    return {};
-  std::error_code missing;
-  const auto size = fs::file_size(file_, missing);
-  if (missing)
-    return "the file went away while it was being downloaded; run the same command again";
-  if (options_.defaults.require_exact_ranges && length_ &&
-      size != static_cast<std::uintmax_t>(*length_))
-    return "it has " + std::to_string(size) + " bytes and not " + std::to_string(*length_) +
-           "; run the same command with --on-conflict replace";
-  return {};
-}
-
 void Download::on_success() {
-  if (const auto what = flaw(); !what.empty()) {
-    fail(what);
-    return;
-  }
-  lock_->finish();
-  if (!options_.sha256) {
-    succeed(finished_words());
-    return;
-  }
-  view_.show_state(row_, "comparing the checksum");
-  bramblekit::bg_async(0, [self = shared_from_this()] {
-    std::string found;
+  if (options_.sha256)
+    verify_checksum();
+  else
+    succeed(describe_success());
+}
+
+void Download::verify_checksum() {
+  view_.show_state(row_, "checking the checksum");
+  std::thread([self = shared_from_this()]() mutable {
+    std::string sha256;
+    std::string error;
     try {
-      found = sha256_of(self->file_);
-    } catch (const std::exception& error) {
-      found = error.what();
+      sha256 = sha256_of(self->file_);
+    } catch (const std::exception& e) {
+      error = e.what();
     }
-    MainQueue::async([self, found] {
-      if (found == *self->options_.sha256) {
-        self->succeed(self->finished_words() + ", checksum right");
-        return;
-      }
-      auto wrong = self->file_;
-      std::error_code failed;
-      if (self->connected_) {
-        wrong += ".sha256-mismatch";
-        fs::rename(self->file_, wrong, failed);
-      }
-      self->fail("its SHA-256 is " + found + ", not the one asked for; it is kept as '" +
-                 (failed ? self->file_ : wrong).native() + "'");
+    MainQueue::async([self = std::move(self), sha256, error] {
+      if (!error.empty())
+        self->fail(error);
+      else if (sha256 == *self->options_.sha256)
+        self->succeed(self->describe_success() + ", checksum OK");
+      else
+        self->fail_checksum(sha256);
     });
-  });
+  }).detach();
+}
+
+void Download::fail_checksum(const std::string& sha256) {
+  auto kept_as = file_;
+  if (is_downloaded_) { // a file that existed before is not ours to rename
+    std::error_code error;
+    kept_as += ".sha256-mismatch";
+    fs::rename(file_, kept_as, error);
+    if (error)
+      kept_as = file_;
+  }
+  fail("SHA-256 mismatch: got " + sha256 + "; the file was kept as '" + kept_as.native() + "'");
+}
+
+std::string Download::describe_success() const {
+  if (!is_downloaded_)
+    return "already complete";
+  std::error_code error;
+  const auto size = fs::file_size(file_, error);
+  return error ? "done" : "done, " + human_size(static_cast<std::int64_t>(size));
+}
+
+std::string Download::describe_interruption() const {
+  if (!started_)
+    return "interrupted before it started";
+  const auto state = RavelinOperation::get_file_state(URL::file(file_));
+  if (state.is_unfinished && !state.can_continue)
+    return "interrupted; the same command restarts it";
+  if (options_.on_conflict == OnConflict::resume)
+    return "interrupted; run the same command to resume";
+  return renamed_ ? "interrupted; to resume, use this name and --on-conflict resume"
+                  : "interrupted; to resume, use --on-conflict resume";
 }
 
 void Download::print_event(const Status& status, bool is_final) {
   if (options_.events)
-    print_line(event_line(status, link_, file_.native(), is_final));
+    print_line(event_line(status, {link_, file_.native(), is_final, speed()}));
 }
 
-void Download::succeed(const std::string& words) {
+void Download::succeed(const std::string& summary) {
   print_event({Status::success{}});
-  end(End::success, words);
+  end(End::success, summary);
 }
 
 void Download::stop() {
   print_event({Status::cancelled{false, RavelinOperation::get_progress(URL::file(file_))}});
-  end(End::cancelled, interrupted_words());
+  end(End::cancelled, describe_interruption());
 }
 
-std::string Download::interrupted_words() const {
-  if (first_attempt_)
-    return "interrupted before it began";
-  std::error_code ignored;
-  if (fs::exists(record_of(file_), ignored) && !can_continue(file_))
-    return "interrupted; the same command starts anew";
-  if (options_.on_conflict == OnConflict::resume)
-    return "interrupted; the same command continues";
-  return renamed_ ? "interrupted; continues with this name and --on-conflict resume"
-                  : "interrupted; continues with --on-conflict resume";
+void Download::fail(const CustomError& error) {
+  if (cancelled_)
+    return stop();
+  print_event({Status::error{error}});
+  show_failure(describe_reason(error));
 }
 
-void Download::fail(const std::string& why) {
-  print_event({Status::error{{CustomError::other{bramblekit::to_error(TextError(why))}}}});
-  show_failure(why);
+void Download::fail(const std::string& reason) {
+  print_event(
+      {Status::error{{CustomError::other{Error(std::make_exception_ptr(TextError(reason)))}}}});
+  show_failure(reason);
 }
 
-void Download::show_failure(const std::string& why) {
-  view_.say(fmt::format("ravelin: {} -> {}: {}", printable(link_), printable(file_.native()),
-                        printable(why)));
+void Download::show_failure(const std::string& reason) {
+  view_.print_message(fmt::format("ravelin: {} -> {}: {}", shown_link(link_),
+                                  printable(file_.native()), printable(reason)));
   end(End::failure, "failed");
 }
 
-void Download::end(End how, const std::string& word) {
-  lock_.reset();
-  view_.finish(row_, word);
+void Download::end(End how, const std::string& summary) {
+  view_.finish(row_, summary);
   MainQueue::async([call = std::exchange(on_end_, nullptr), how] { call(how); });
 }
 

@@ -1,34 +1,37 @@
 #include "app/event_lines.h"
 
 #include "app/naming.h"
-#include "bramblekit/convertible.h"
 
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 namespace ravelin::app {
 namespace {
 
-using bramblekit::KeyedEncoder;
+using Json = nlohmann::ordered_json;
 
-std::string file_text(const URL& url) {
+// Raised if a key is removed or changes its meaning. New keys may be added at any time.
+constexpr int format_version = 1;
+
+std::string printable_path(const URL& url) {
   return printable(url.path().native());
 }
 
-void put_length(KeyedEncoder& to, const std::optional<std::int64_t>& length) {
+void put_length(Json& to, const std::optional<std::int64_t>& length) {
   if (length)
-    to.put("content_length", *length);
+    to["content_length"] = *length;
   else
-    to.put_null("content_length");
+    to["content_length"] = nullptr;
 }
 
-void put_progress(KeyedEncoder& to, const Progress& progress) {
+void put_progress(Json& to, const Progress& progress) {
   if (progress.prog_value && std::isfinite(*progress.prog_value))
-    to.put("prog_value", static_cast<double>(*progress.prog_value));
+    to["prog_value"] = static_cast<double>(*progress.prog_value);
   else
-    to.put_null("prog_value");
-  to.put("received_bytes", progress.received_bytes);
+    to["prog_value"] = nullptr;
+  to["received_bytes"] = progress.received_bytes;
   put_length(to, progress.content_length);
-  to.put("is_at_snap_point", progress.is_at_snap_point);
+  to["is_at_snap_point"] = progress.is_at_snap_point;
 }
 
 const char* name_of(const Status& status) {
@@ -57,35 +60,41 @@ const char* name_of(const CustomError& error) {
 
 } // namespace
 
-std::string event_line(const Status& status, const std::string& link, const std::string& dest_file,
-                       bool is_final) {
-  KeyedEncoder line;
-  line.put("event", std::string(name_of(status)));
-  line.put("url", printable(link));
-  line.put("dest_file", printable(dest_file));
+std::string event_line(const Status& status, const EventContext& context) {
+  Json line;
+  line["event"] = name_of(status);
+  line["version"] = format_version;
+  line["url"] = shown_link(context.link);
+  line["dest_file"] = printable(context.dest_file);
   status.visit(match{
-      [&](const Status::renamed& e) { line.put("new_file_url", file_text(e.new_file_url)); },
+      [&](const Status::renamed& e) { line["new_file_url"] = printable_path(e.new_file_url); },
       [&](const Status::files_are_created& e) {
-        line.put("main_file_url", file_text(e.main_file_url));
-        line.put("resume_file_url", file_text(e.resume_file_url));
+        line["main_file_url"] = printable_path(e.main_file_url);
+        line["resume_file_url"] = printable_path(e.resume_file_url);
       },
       [&](const Status::started& e) { put_length(line, e.content_length); },
-      [&](const Status::downloading& e) { put_progress(line, e.progress); },
+      [&](const Status::downloading& e) {
+        put_progress(line, e.progress);
+        line["bytes_per_second"] = std::round(context.speed.bytes_per_second);
+        line["seconds_left"] = nullptr;
+        if (context.speed.left)
+          line["seconds_left"] = context.speed.left->count();
+      },
       [&](const Status::cancelled& e) {
-        line.put("also_cleared_files", e.also_cleared_files);
+        line["also_cleared_files"] = e.also_cleared_files;
         put_progress(line, e.progress);
       },
       [&](const Status::error& e) {
-        line.put("custom_error", std::string(name_of(e.custom_error)));
-        line.put("text", printable(e.custom_error.text()));
-        line.put("final", is_final);
+        line["custom_error"] = name_of(e.custom_error);
+        line["text"] = printable(e.custom_error.text());
+        line["final"] = context.is_final;
       },
       [](const Status::pending&) {},
       [](const Status::connecting&) {},
       [](const Status::success&) {},
       [](const Status::cancelling&) {},
   });
-  return line.text();
+  return line.dump();
 }
 
 } // namespace ravelin::app

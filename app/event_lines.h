@@ -1,15 +1,21 @@
 #pragma once
 
-#include "ravelin/status.h"
+#include <ravelin/ravelin.hpp>
 
 #include <string>
 
 namespace ravelin::app {
 
-/// One event as one line of JSON, without the line end: its name, the link, the destination, and
-/// the fields of its payload under their own names. An error tells whether it is the last word on
-/// the link, or another attempt follows.
-std::string event_line(const Status& status, const std::string& link, const std::string& dest_file,
-                       bool is_final = true);
+/// What an event line contains besides the status.
+struct EventContext {
+  std::string link;
+  std::string dest_file;
+  bool is_final = true; // false for an error that is retried
+  RavelinOperation::Speed speed = {};
+};
+
+/// An event as a line of JSON without the newline: its name, the link, the destination, and the
+/// fields of its payload.
+std::string event_line(const Status& status, const EventContext& context);
 
 } // namespace ravelin::app

@@ -2,12 +2,11 @@
 
 #include "app/download.h"
 #include "app/event_lines.h"
-#include "app/leftovers.h"
-#include "app/link_mark.h"
-#include "app/name_question.h"
+#include "app/name_request.h"
 #include "app/naming.h"
 #include "app/output.h"
-#include "ravelin/main_queue.h"
+
+#include <ravelin/ravelin.hpp>
 
 #include <csignal>
 #include <deque>
@@ -22,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The downloads of one command and how they ended.
+/// The downloads of one command.
 ///
 /// Threads: main thread.
 class Batch {
@@ -33,51 +32,59 @@ public:
   void start() {
     for (std::size_t i = 0; i < files_.size(); ++i) {
       const auto& link = options_.links[i];
-      const auto name = options_.output.value_or(name_from_link(link));
+      const fs::path name = options_.output.value_or(suggested_name(URL(link)).value_or(no_name));
       if (!options_.output && (options_.remote_names || name == no_name))
-        questions_.emplace_back(i, std::make_shared<NameQuestion>(link, options_, view_));
+        name_requests_.emplace_back(i, std::make_unique<NameRequest>(link, options_, view_));
       else
         files_[i] = name;
     }
-    ask_more();
+    request_names();
   }
 
   void interrupt(int signal) {
     signal_ = signal;
-    for (std::size_t i = 0; i < asked_; ++i)
-      questions_[i].second->cancel();
+    for (std::size_t i = 0; i < next_request_; ++i)
+      name_requests_[i].second->cancel();
     for (const auto& download : downloads_)
       download->cancel();
   }
+
+  void refresh() { view_.refresh(); }
 
   int exit_status() {
     view_.close();
     if (signal_)
       return signal_ == SIGTERM ? terminated : interrupted;
-    return any_failed_ ? failed : all_well;
+    return any_failed_ ? failed : success;
   }
 
 private:
-  void ask_more() {
-    for (; !signal_ && asking_ < options_.max_downloads && asked_ < questions_.size(); ++asked_) {
-      ++asking_;
-      const auto& [number, question] = questions_[asked_];
-      question->start([this, file = &files_[number]](const std::optional<std::string>& name) {
+  void request_names() {
+    for (; !signal_ && active_requests_ < options_.max_downloads &&
+           next_request_ < name_requests_.size();
+         ++next_request_) {
+      ++active_requests_;
+      const auto& [number, request] = name_requests_[next_request_];
+      request->start([this, file = &files_[number]](const std::optional<std::string>& name) {
         *file = name;
-        --asking_;
-        ask_more();
+        --active_requests_;
+        request_names();
       });
     }
-    if (asking_ == 0)
-      begin();
+    if (active_requests_ == 0)
+      start_downloads();
   }
 
-  /// With all names known, so that links of one name get the same ones in every run.
-  void begin() {
+  /// Called once all names are known, so that links with the same name are numbered in the same way
+  /// in every run.
+  void start_downloads() {
     if (signal_)
-      tell_of_interruption();
+      report_interruption();
+    std::error_code ignored; // the downloads fail if there is no directory
+    if (!options_.directory.empty())
+      fs::create_directories(options_.directory, ignored);
     for (const auto& link : options_.links)
-      marks_.insert(link_mark(link));
+      ++same_paths_[path_of(link)];
     const bool in_list = files_.size() > 1;
     for (std::size_t i = 0; i < files_.size() && !signal_; ++i) {
       any_failed_ = any_failed_ || !files_[i];
@@ -88,104 +95,117 @@ private:
         file = options_.directory / file;
       const auto& link = options_.links[i];
       downloads_.push_back(std::make_shared<Download>(
-          link, in_list ? own_or_unused(file, link) : file, options_, view_));
+          link, in_list ? choose_file(file, link) : file, options_, view_));
     }
-    running_ = downloads_.size();
+    unfinished_ = downloads_.size();
     for (const auto& download : downloads_) {
-      auto& line = lines_[record_of(download->file())];
-      if (line.empty())
-        waiting_.push_back(&line);
-      line.push_back(download);
+      auto& queue = queues_[RavelinOperation::get_resume_file(URL::file(download->file())).path()];
+      if (queue.empty())
+        waiting_.push_back(&queue);
+      queue.push_back(download);
     }
-    begin_more();
-    if (running_ == 0)
+    start_queues();
+    if (unfinished_ == 0)
       MainQueue::stop();
   }
 
-  /// Of links that have no download yet.
-  void tell_of_interruption() {
-    const Progress nothing(0.0F, 0, false);
-    std::set<std::size_t> told;
-    for (const auto& [number, question] : questions_)
-      if (question->has_failed())
-        told.insert(number);
+  /// Prints the final events of links without a download.
+  void report_interruption() {
+    std::set<std::size_t> reported;
+    for (const auto& [number, request] : name_requests_)
+      if (request->has_failed())
+        reported.insert(number);
     for (std::size_t i = 0; i < files_.size() && options_.events; ++i)
-      if (!told.contains(i))
-        print_line(event_line({Status::cancelled{false, nothing}}, options_.links[i], "", true));
+      if (!reported.contains(i))
+        print_line(event_line({Status::cancelled{false, Progress()}},
+                              {.link = options_.links[i], .dest_file = ""}));
   }
 
-  /// Two links that suggest one name must not share a file. The numbers are those of an earlier
-  /// run even if that one did not learn the names of all.
-  fs::path own_or_unused(const fs::path& file, const std::string& link) {
+  /// Adds a number if another link has the same name. A link gets the number of an earlier run,
+  /// even if that run could not get all names.
+  fs::path choose_file(const fs::path& file, const std::string& link) {
     const auto numbered = [&](int number) {
       return number == 0
                  ? file
                  : file.parent_path() / (file.stem().native() + " (" + std::to_string(number) +
                                          ")" + file.extension().native());
     };
-    const auto own = link_mark(link);
+    const auto origin_of = [&](int number) {
+      return RavelinOperation::get_file_state(URL::file(numbered(number)), URL(link)).origin;
+    };
     std::error_code ignored;
     for (int number = 0; fs::exists(numbered(number), ignored); ++number)
-      if (!taken_.contains(numbered(number)) && mark_of(numbered(number)) == own)
+      if (!taken_.contains(numbered(number)) &&
+          origin_of(number) == RavelinOperation::Origin::same_link)
         return *taken_.insert(numbered(number)).first;
-    for (int number = 0;; ++number) {
-      if (taken_.contains(numbered(number)))
+    for (int number = first_free_[file];; ++number) {
+      if (taken_.contains(numbered(number)) || is_from_another_link(numbered(number), link))
         continue;
-      const auto mark = mark_of(numbered(number));
-      const bool is_of_another = mark && mark != own && marks_.contains(*mark);
-      if (!is_of_another)
-        return *taken_.insert(numbered(number)).first;
+      first_free_[file] = number + 1;
+      return *taken_.insert(numbered(number)).first;
     }
   }
 
-  using Line = std::deque<std::shared_ptr<Download>>;
+  /// Whether the file exists and came from another link. If the links differ only in the query,
+  /// that may be a new token for the same content, unless the list has several such links.
+  bool is_from_another_link(const fs::path& file, const std::string& link) const {
+    const auto origin = RavelinOperation::get_file_state(URL::file(file), URL(link)).origin;
+    return origin == RavelinOperation::Origin::other_link ||
+           (origin == RavelinOperation::Origin::same_path && same_paths_.at(path_of(link)) > 1);
+  }
 
-  /// Not all at once: each that has begun holds a descriptor, even if it waits for its turn.
-  void begin_more() {
-    constexpr std::int64_t most_ready = 50;
-    for (; begun_ - most_ready < options_.max_downloads && !waiting_.empty(); ++begun_) {
-      auto& line = *waiting_.front();
+  static std::string path_of(const std::string& link) { return link.substr(0, link.find('?')); }
+
+  /// Downloads that share a resume record, which must run one after the other.
+  using Queue = std::deque<std::shared_ptr<Download>>;
+
+  /// Does not start all at once, since each uses a descriptor, even while it waits for a slot.
+  void start_queues() {
+    constexpr std::int64_t max_pending = 50;
+    for (; started_ - max_pending < options_.max_downloads && !waiting_.empty(); ++started_) {
+      auto& queue = *waiting_.front();
       waiting_.pop_front();
-      begin_first(line);
+      start_first(queue);
     }
   }
 
-  void begin_first(Line& line) {
-    line.front()->start([this, &line](Download::End how) { on_end(how, line); });
+  void start_first(Queue& queue) {
+    queue.front()->start([this, &queue](Download::End how) { on_end(how, queue); });
   }
 
-  void on_end(Download::End how, Line& line) {
+  void on_end(Download::End how, Queue& queue) {
     any_failed_ = any_failed_ || how == Download::End::failure;
-    line.pop_front();
-    if (!line.empty()) {
-      begin_first(line);
+    queue.pop_front();
+    if (!queue.empty()) {
+      start_first(queue);
     } else {
-      --begun_;
-      begin_more();
+      --started_;
+      start_queues();
     }
-    if (--running_ == 0)
+    if (--unfinished_ == 0)
       MainQueue::stop();
   }
 
   const GetOptions& options_;
   ProgressView view_;
-  std::vector<std::optional<fs::path>> files_; // by the numbers of the links
-  std::vector<std::pair<std::size_t, std::shared_ptr<NameQuestion>>> questions_;
-  std::size_t asked_ = 0;
-  std::int64_t asking_ = 0;
+  std::vector<std::optional<fs::path>> files_; // by index of the link
+  std::vector<std::pair<std::size_t, std::unique_ptr<NameRequest>>> name_requests_;
+  std::size_t next_request_ = 0;
+  std::int64_t active_requests_ = 0;
   std::vector<std::shared_ptr<Download>> downloads_;
-  std::set<std::string> marks_; // of all links
+  std::map<std::string, int> same_paths_; // number of links by path
   std::set<fs::path> taken_;
-  std::map<fs::path, Line> lines_; // those that share a resume record go one after the other
-  std::deque<Line*> waiting_;      // in the order of the links
-  std::int64_t begun_ = 0;         // lines
-  std::size_t running_ = 0;        // downloads that have not ended
+  std::map<fs::path, int> first_free_; // lower numbers are taken
+  std::map<fs::path, Queue> queues_;   // by resume file
+  std::deque<Queue*> waiting_;         // in the order of the links
+  std::int64_t started_ = 0;           // queues that were started and are not empty
+  std::size_t unfinished_ = 0;         // downloads
   bool any_failed_ = false;
   int signal_ = 0;
 };
 
-/// Those that were ignored from the start stay so: "nohup" and shells mean it.
-sigset_t signals_to_stop_at() {
+/// Signals that are ignored at start, for example by nohup, stay ignored.
+sigset_t signals_to_handle() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -197,8 +217,8 @@ sigset_t signals_to_stop_at() {
   return signals;
 }
 
-/// The first signal stops the downloads in good order, the second leaves at once: the files can
-/// be continued either way.
+/// The first signal stops the downloads cleanly, the second one exits at once. The files can be
+/// resumed in either case.
 void watch_signals(Batch& batch, const sigset_t& signals) {
   std::thread([&batch, signals] {
     int signal = 0;
@@ -209,16 +229,29 @@ void watch_signals(Batch& batch, const sigset_t& signals) {
   }).detach();
 }
 
+void refresh_every_second(Batch& batch) {
+  std::thread([&batch] {
+    for (;;) {
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+      MainQueue::async([&batch] { batch.refresh(); });
+    }
+  }).detach();
+}
+
 } // namespace
 
 int run_get(const GetOptions& options) {
-  const auto signals = signals_to_stop_at();
+  const auto signals = signals_to_handle();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr); // before the first thread, which inherits it
-  set_defaults(options.defaults);
+  auto process_options = default_options();
+  process_options.rate_limit = options.rate_limit;
+  set_default_options(process_options);
   RavelinOperation::set_max_simultaneous_download_count(options.max_downloads);
-  static Batch* batch = nullptr; // a signal may come while the process leaves
+  static Batch* batch = nullptr; // never deleted: a signal may arrive during exit
   batch = new Batch(options);
   watch_signals(*batch, signals);
+  if (isatty(STDERR_FILENO))
+    refresh_every_second(*batch);
   batch->start();
   MainQueue::run();
   return batch->exit_status();

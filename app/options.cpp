@@ -22,63 +22,117 @@ const std::map<std::string, OnConflict> policies = {{"resume", OnConflict::resum
                                                     {"keep_both", OnConflict::keep_both},
                                                     {"stop", OnConflict::stop}};
 
-/// Option values that need more than a conversion before they are options.
-struct Raw {
+/// Option values as given, before they are checked and converted.
+struct RawOptions {
   std::string policy = "resume";
   std::vector<std::string> headers;
   std::string rate;
   std::string sha256;
   std::string proxy, ca_file, user_agent, output, directory, input;
   double timeout = 0;
+  double events_interval = 0;
+  double patience = 600;
+  int retries = 5;
   bool no_split = false;
   bool no_safeguards = false;
 };
 
-/// An empty variable in a script is a slip, and must not quietly leave the option out.
+/// Rejects an empty value, which may be an unset variable in a script.
 std::string not_empty(const std::string& text) {
   return text.empty() ? "is empty" : std::string();
 }
 
-void add_get_options(CLI::App& get, GetOptions& options, Raw& raw) {
-  get.add_option("URL", options.links, "Links to download (http or https)");
-  get.add_option("-o,--output", raw.output, "Write to this file instead of one named by the link")
+/// A range without a description, which would be added to the type in the help.
+template <class T> CLI::Validator range(T min, T max) {
+  return CLI::Range(min, max).description("");
+}
+
+/// Fits the help into 80 columns.
+class HelpFormatter : public CLI::Formatter {
+public:
+  HelpFormatter() { column_width(28); }
+
+  std::string make_option_desc(const CLI::Option* option) const override {
+    const auto width = 80 - get_column_width();
+    std::string text;
+    std::size_t column = 0;
+    std::istringstream words(option->get_description());
+    for (std::string word; words >> word; column += word.size() + 1) {
+      if (column + word.size() > width)
+        column = 0;
+      if (!text.empty())
+        text += column == 0 ? '\n' : ' ';
+      text += word;
+    }
+    return text;
+  }
+};
+
+void add_get_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
+  get.add_option("URL", options.links, "Links to download (http or https)")->type_name("");
+  get.add_option("-o,--output", raw.output, "Write to this file (default: the name in the link)")
+      ->type_name("FILE")
       ->check(not_empty);
-  get.add_option("-d,--dir", raw.directory, "Put files into this directory")->check(not_empty);
+  get.add_option("-d,--dir", raw.directory, "Save files in this directory, created if missing")
+      ->type_name("DIR")
+      ->check(not_empty);
   get.add_flag("-J,--remote-header-name", options.remote_names,
-               "Ask the server for the file's name; done anyway where the link has none");
-  get.add_option("-i,--input-file", raw.input, "Read links from a file, one a line; - is stdin")
+               "Ask the server for the file name; always done if the link has none");
+  get.add_option("-i,--input-file", raw.input,
+                 "Read links from this file, one per line (- for standard input)")
+      ->type_name("FILE")
       ->check(not_empty);
   get.add_option("-c,--on-conflict", raw.policy,
-                 "When the file is there already: resume (default), replace, keep_both or stop")
-      ->check(CLI::IsMember(policies));
+                 "What to do if the file exists: resume (default), replace, keep_both or stop")
+      ->type_name("POLICY")
+      ->check(CLI::IsMember(policies).description(""));
   get.add_flag("--no-split", raw.no_split, "Use one connection instead of five");
   get.add_option("-j,--max-downloads", options.max_downloads,
-                 "How many files to download at once (default 5)")
-      ->check(CLI::Range(std::int64_t{1}, std::int64_t{1000}));
-  get.add_option("--sha256", raw.sha256, "Compare the finished file with this checksum")
+                 "Maximum number of files to download at once (default 5)")
+      ->type_name("N")
+      ->check(range(std::int64_t{1}, std::int64_t{1000}));
+  get.add_option("--sha256", raw.sha256, "Check the finished file against this checksum")
+      ->type_name("HEX")
       ->check(not_empty);
-  get.add_option("--retry", options.retries,
-                 "Try this often again after a lost connection, a time-out or a busy server, "
-                 "counted anew when bytes arrive (default 5, 0 never)")
-      ->check(CLI::Range(0, 1'000'000));
+  get.add_option("--retry", raw.retries,
+                 "Retry up to N times after a lost connection, a timeout or a busy server; resets "
+                 "on progress (default 5, 0 turns retries off)")
+      ->type_name("N")
+      ->check(range(0, 1'000'000));
+  get.add_option("--patience", raw.patience,
+                 "Once bytes have arrived, keep retrying for up to this many seconds without "
+                 "progress (default 600)")
+      ->type_name("SECONDS")
+      ->check(range(0.0, 1e9));
   get.add_option("-H,--header", raw.headers, "Send this header field: 'Name: value'")
+      ->type_name("FIELD")
       ->take_all()
       ->expected(1)
       ->allow_extra_args(false);
-  get.add_option("--limit-rate", raw.rate, "Most bytes a second for all files, such as 500k or 2M")
+  get.add_option("--limit-rate", raw.rate,
+                 "Maximum bytes per second for all files together, such as 500k or 2M")
+      ->type_name("RATE")
       ->check(not_empty);
-  get.add_option("-x,--proxy", raw.proxy, "Use this proxy, [scheme://]host:port");
-  get.add_option("--cacert", raw.ca_file, "Trust the certificates in this PEM file");
+  get.add_option("-x,--proxy", raw.proxy, "Use this proxy, [scheme://]host:port")->type_name("URL");
+  get.add_option("--cacert", raw.ca_file, "Trust the certificates in this PEM file")
+      ->type_name("FILE");
   get.add_option("-A,--user-agent", raw.user_agent, "Send this as the user agent");
-  get.add_option("--timeout", raw.timeout, "Give up on a silent server after these seconds (60)")
-      ->check(CLI::Range(0.001, 86400.0))
+  get.add_option("--timeout", raw.timeout,
+                 "Give up on a server that sends nothing for this many seconds (default 60)")
+      ->type_name("SECONDS")
+      ->check(range(0.001, 86400.0))
       ->check([](const std::string& text) {
-        return std::isnan(std::strtod(text.c_str(), nullptr)) ? "is no number" : std::string();
+        return std::isnan(std::strtod(text.c_str(), nullptr)) ? "is not a number" : std::string();
       });
   get.add_flag("--no-safeguards", raw.no_safeguards,
-               "Take every answer as it comes: error pages, wrong ranges, changed content");
+               "Accept whatever the server sends: error pages, wrong ranges, changed content, and "
+               "redirects from https to http");
   get.add_flag("-q,--quiet", options.quiet, "Print errors only");
   get.add_flag("--events", options.events, "Print every event as a line of JSON");
+  get.add_option("--events-interval", raw.events_interval,
+                 "Minimum seconds between two progress events of a file (default 0: print all)")
+      ->type_name("SECONDS")
+      ->check(range(0.0, 86400.0));
 }
 
 std::string environment(const char* name) {
@@ -86,18 +140,12 @@ std::string environment(const char* name) {
   return value ? value : "";
 }
 
-void set_safeguards(Defaults& values, bool on) {
-  values.reject_http_errors = on;
-  values.require_exact_ranges = on;
-  values.reject_changed_content = on;
-}
-
-void add_headers(Defaults& values, const std::vector<std::string>& headers) {
+void add_headers(ravelin::Options& values, const std::vector<std::string>& headers) {
   for (const auto& header : headers) {
     const auto colon = header.find(':');
-    const bool broken = colon == 0 || colon == std::string::npos ||
-                        header.find_first_of("\r\n") != std::string::npos;
-    if (broken)
+    const bool invalid = colon == 0 || colon == std::string::npos ||
+                         header.find_first_of("\r\n") != std::string::npos;
+    if (invalid)
       throw CLI::ValidationError("--header", "'" + header + "' is not of the form 'Name: value'");
     const auto begin = std::min(header.find_first_not_of(" \t", colon + 1), header.size());
     values.headers.emplace_back(header.substr(0, colon), header.substr(begin));
@@ -122,7 +170,7 @@ void read_links(const std::string& from, std::vector<std::string>& links) {
   }
 }
 
-std::string checked_sha256(std::string text) {
+std::string parse_sha256(std::string text) {
   std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
   const bool well_formed =
       text.size() == 64 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -133,32 +181,44 @@ std::string checked_sha256(std::string text) {
 
 void check_combination(const GetOptions& options, const std::string& input) {
   if (options.links.empty() && !input.empty())
-    throw CLI::ValidationError("--input-file", "there is no link in '" + input + "'");
+    throw CLI::ValidationError("--input-file", "'" + input + "' contains no links");
   if (options.links.empty())
     throw CLI::RequiredError("URL");
   if (options.links.size() > 1 && options.output)
-    throw CLI::ValidationError("--output", "several links cannot go to one file; use --dir");
+    throw CLI::ValidationError("--output", "cannot write several links to one file; use --dir");
   if (options.links.size() > 1 && options.sha256)
-    throw CLI::ValidationError("--sha256", "one checksum cannot be that of several links");
+    throw CLI::ValidationError("--sha256", "cannot check several links against one checksum");
 }
 
-void take_raw(GetOptions& options, const Raw& raw) {
-  auto& values = options.defaults;
+void apply(const RawOptions& raw, GetOptions& options) {
+  auto& values = options.download;
+  values = Options::careful();
+  if (raw.no_safeguards) {
+    values.reject_http_errors = false;
+    values.require_exact_ranges = false;
+    values.reject_changed_content = false;
+    values.refuse_tls_downgrade = false;
+  }
   options.on_conflict = policies.at(raw.policy);
   options.split = !raw.no_split;
+  options.events_interval =
+      std::chrono::milliseconds(static_cast<std::int64_t>(raw.events_interval * 1000));
   options.directory = raw.directory;
   if (!raw.output.empty())
     options.output = raw.output;
   if (!raw.sha256.empty())
-    options.sha256 = checked_sha256(raw.sha256);
+    options.sha256 = parse_sha256(raw.sha256);
   if (!raw.input.empty())
     read_links(raw.input, options.links);
-  std::ranges::transform(options.links, options.links.begin(), with_scheme);
-  set_safeguards(values, !raw.no_safeguards);
+  std::ranges::transform(options.links, options.links.begin(), complete_link);
+  values.retry =
+      Retry{.max_attempts = raw.retries,
+            .patience = std::chrono::milliseconds(static_cast<std::int64_t>(raw.patience * 1000)),
+            .max_range_restarts = raw.retries > 0 ? 2 : 0};
   add_headers(values, raw.headers);
   if (!raw.rate.empty()) {
-    values.rate_limit = parse_size(raw.rate);
-    if (!values.rate_limit || *values.rate_limit <= 0)
+    options.rate_limit = parse_size(raw.rate);
+    if (!options.rate_limit || *options.rate_limit <= 0)
       throw CLI::ValidationError("--limit-rate", "'" + raw.rate + "' is not a rate such as 500k");
   }
   if (!raw.proxy.empty())
@@ -180,10 +240,10 @@ int print_parse_error(const CLI::App& parser, const CLI::ParseError& error) {
     auto line = text.str();
     line.erase(line.find_last_not_of('\n') + 1);
     print_line(line);
-    return all_was_printed() ? all_well : failed;
+    return output_succeeded() ? success : failed;
   }
-  tell(fmt::format("ravelin: {}\nTry 'ravelin --help'.\n", error.what()));
-  return wrong_usage;
+  print_to_stderr(fmt::format("ravelin: {}\nTry 'ravelin --help'.\n", error.what()));
+  return usage_error;
 }
 
 } // namespace
@@ -213,27 +273,31 @@ std::optional<std::int64_t> parse_size(const std::string& text) {
 }
 
 Parsed parse_arguments(int argc, const char* const* argv) {
-  CLI::App parser("Downloads files over HTTP and HTTPS and continues where it left off.",
-                  "ravelin");
+  CLI::App parser("Downloads files over HTTP and HTTPS, and resumes them.", "ravelin");
+  parser.formatter(std::make_shared<HelpFormatter>());
   parser.set_version_flag("-V,--version", "ravelin " RAVELIN_VERSION);
   parser.require_subcommand(1);
-  Options options;
-  Raw raw;
-  auto* const get = parser.add_subcommand("get", "Download links, or go on with them");
-  auto* const status = parser.add_subcommand("status", "Say how far downloads have come");
-  auto* const clear = parser.add_subcommand("clear", "Delete files and their resume records");
+  Arguments options;
+  RawOptions raw;
+  auto* const get = parser.add_subcommand("get", "Download links, or resume downloads");
+  auto* const status =
+      parser.add_subcommand("status", "Show how much of each file has been downloaded");
+  auto* const clear =
+      parser.add_subcommand("clear", "Delete unfinished files and their resume records");
   add_get_options(*get, options.get_options, raw);
   std::vector<std::string> files;
+  clear->add_flag("--complete", options.clear_complete,
+                  "Also delete complete files and files of other programs");
   for (auto* const command : {status, clear})
-    command->add_option("FILE", files, "The destination file")->required();
+    command->add_option("FILE", files, "Destination files")->type_name("")->required();
   try {
     parser.parse(argc, argv);
     if (get->parsed()) {
-      options.command = Options::get;
-      take_raw(options.get_options, raw);
+      options.command = Arguments::get;
+      apply(raw, options.get_options);
       check_combination(options.get_options, raw.input);
     } else {
-      options.command = status->parsed() ? Options::status : Options::clear;
+      options.command = status->parsed() ? Arguments::status : Arguments::clear;
       options.files.assign(files.begin(), files.end());
     }
   } catch (const CLI::ParseError& error) {

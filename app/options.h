@@ -1,7 +1,6 @@
 #pragma once
 
-#include "ravelin/defaults.h"
-#include "ravelin/status.h"
+#include <ravelin/ravelin.hpp>
 
 #include <chrono>
 #include <cstdint>
@@ -12,7 +11,7 @@
 
 namespace ravelin::app {
 
-enum ExitStatus { all_well = 0, failed = 1, wrong_usage = 2, interrupted = 130, terminated = 143 };
+enum ExitStatus { success = 0, failed = 1, usage_error = 2, interrupted = 130, terminated = 143 };
 
 struct GetOptions {
   std::vector<std::string> links;
@@ -22,27 +21,30 @@ struct GetOptions {
   OnConflict on_conflict = OnConflict::resume;
   bool split = true;
   std::int64_t max_downloads = 5;
-  std::optional<std::string> sha256; // lower case
-  int retries = 5;
+  std::optional<std::string> sha256;      // lower case
+  std::optional<std::int64_t> rate_limit; // bytes per second, for all downloads together
   bool quiet = false;
   bool events = false;
-  Defaults defaults;
+  std::chrono::milliseconds events_interval{0}; // between progress events of one download
+  Options download;
 };
 
-struct Options {
+struct Arguments {
   enum Command { nothing, get, status, clear } command = nothing;
   GetOptions get_options;
   std::vector<std::filesystem::path> files; // of `status` and `clear`
+  bool clear_complete = false;
 };
 
-/// What to do, or the exit status after a message has been printed.
+/// The arguments, or the exit status if a message was printed.
 struct Parsed {
-  Options options;
+  Arguments options;
   std::optional<int> exit_status;
 };
 Parsed parse_arguments(int argc, const char* const* argv);
 
-/// "10k", "1.5M" and the like as bytes; K, M and G are powers of 1024. Nothing for other texts.
+/// Converts texts such as "10k" and "1.5M" to bytes; K, M and G are powers of 1024. None if
+/// invalid.
 std::optional<std::int64_t> parse_size(const std::string& text);
 
 } // namespace ravelin::app

@@ -11,38 +11,38 @@
 namespace ravelin::app {
 namespace {
 
-int lost_by = 0; // the errno of the first line that was not taken; main thread
+int output_errno = 0; // of the first line that could not be written; main thread only
 
 } // namespace
 
-void fill_standard_descriptors() {
-  int made = ::open("/dev/null", O_RDWR); // the lowest number that is free
-  while (made >= 0 && made <= STDERR_FILENO)
-    made = ::open("/dev/null", O_RDWR);
-  if (made >= 0)
-    ::close(made);
+void open_standard_descriptors() {
+  int opened = ::open("/dev/null", O_RDWR); // gets the lowest free number
+  while (opened >= 0 && opened <= STDERR_FILENO)
+    opened = ::open("/dev/null", O_RDWR);
+  if (opened >= 0)
+    ::close(opened);
 }
 
-void tell(std::string_view text) noexcept {
+void print_to_stderr(std::string_view text) noexcept {
   std::fwrite(text.data(), 1, text.size(), stderr);
   std::fflush(stderr);
 }
 
 void print_line(std::string_view line) noexcept {
   errno = 0;
-  const bool taken = std::fwrite(line.data(), 1, line.size(), stdout) == line.size() &&
-                     std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
-  if (!taken && lost_by == 0)
-    lost_by = errno != 0 ? errno : EIO;
+  const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size() &&
+                       std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
+  if (!written && output_errno == 0)
+    output_errno = errno != 0 ? errno : EIO;
 }
 
-bool all_was_printed() noexcept {
-  static bool said = false;
-  if (lost_by == 0)
+bool output_succeeded() noexcept {
+  static bool is_reported = false;
+  if (output_errno == 0)
     return true;
-  if (!std::exchange(said, true) && lost_by != EPIPE)
-    tell(std::string("ravelin: could not write to standard output: ") + std::strerror(lost_by) +
-         "\n");
+  if (!std::exchange(is_reported, true) && output_errno != EPIPE)
+    print_to_stderr(std::string("ravelin: could not write to standard output: ") +
+                    std::strerror(output_errno) + "\n");
   return false;
 }
 

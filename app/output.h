@@ -4,18 +4,18 @@
 
 namespace ravelin::app {
 
-/// Puts /dev/null where the process was started without standard input, output or error, so that no
-/// file or socket of ours gets such a number. First thing in `main`.
-void fill_standard_descriptors();
+/// Opens /dev/null for standard input, output or error if the process was started without them, so
+/// that no other file or socket gets their numbers. Call it first in `main`.
+void open_standard_descriptors();
 
-/// Writes `text` to standard error. If nobody can read it, the work goes on all the same.
-void tell(std::string_view text) noexcept;
+/// Writes `text` to standard error. Failures are ignored.
+void print_to_stderr(std::string_view text) noexcept;
 
-/// Writes `line` and a line end to standard output, at once.
+/// Writes `line` and a newline to standard output, and flushes it.
 void print_line(std::string_view line) noexcept;
 
-/// Whether all lines so far were taken. Where they were not, the first call says why, unless the
-/// reader just went away.
-bool all_was_printed() noexcept;
+/// Whether all lines were written. If not, the first call prints the reason, unless the reader just
+/// closed the pipe.
+bool output_succeeded() noexcept;
 
 } // namespace ravelin::app

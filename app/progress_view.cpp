@@ -29,15 +29,15 @@ std::size_t terminal_height() {
   return known ? size.ws_row : 24;
 }
 
-bool colours_wanted() {
+bool use_colours() {
   const auto* const no_colour = std::getenv("NO_COLOR");
   return (!no_colour || !*no_colour) && isatty(STDERR_FILENO);
 }
 
-std::string human_time(double seconds) {
-  if (!std::isfinite(seconds) || seconds > 359'999)
+std::string human_time(const std::optional<std::chrono::seconds>& time) {
+  if (!time || time->count() > 359'999)
     return "--:--";
-  const auto whole = static_cast<long>(std::ceil(seconds));
+  const auto whole = static_cast<long>(time->count());
   if (whole >= 3600)
     return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
   return fmt::format("{:02}:{:02}", whole / 60, whole % 60);
@@ -79,8 +79,10 @@ ProgressView::ProgressView(bool quiet) : quiet_(quiet) {
   live_ = !quiet && isatty(STDERR_FILENO) && terminal && std::string(terminal) != "dumb";
 }
 
-std::size_t ProgressView::add(std::string name) {
-  rows_.emplace_back().name = printable(name);
+std::size_t ProgressView::add(std::string name, std::function<RavelinOperation::Speed()> speed) {
+  auto& row = rows_.emplace_back();
+  row.name = printable(name);
+  row.speed = std::move(speed);
   return rows_.size() - 1;
 }
 
@@ -94,24 +96,10 @@ void ProgressView::show_state(std::size_t row, std::string state) {
   draw(false);
 }
 
-void ProgressView::update_rate(Row& row, std::int64_t bytes) {
-  const auto now = Clock::now();
-  const std::chrono::duration<double> passed = now - row.rated_at;
-  if (row.rated_at != Clock::time_point{} && passed.count() < 0.25)
-    return;
-  if (row.rated_at != Clock::time_point{} && bytes >= row.rated_bytes) {
-    const double latest = static_cast<double>(bytes - row.rated_bytes) / passed.count();
-    row.rate = row.rate > 0 ? 0.7 * row.rate + 0.3 * latest : latest;
-  }
-  row.rated_at = now;
-  row.rated_bytes = bytes;
-}
-
 void ProgressView::show_progress(std::size_t row, const Progress& progress) {
   auto& shown = rows_[row];
   shown.progress = progress;
   shown.state.clear();
-  update_rate(shown, progress.received_bytes);
   if (live_)
     draw(false);
   else if (!quiet_ && progress.is_at_snap_point)
@@ -121,22 +109,23 @@ void ProgressView::show_progress(std::size_t row, const Progress& progress) {
 void ProgressView::print_plain(const Row& row) const {
   const auto& progress = *row.progress;
   if (progress.prog_value && progress.content_length)
-    tell(fmt::format("{}: {:.0f}% ({} of {})\n", row.name, *progress.prog_value * 100,
-                     human_size(progress.received_bytes), human_size(*progress.content_length)));
+    print_to_stderr(fmt::format("{}: {:.0f}% ({} of {})\n", row.name, *progress.prog_value * 100,
+                                human_size(progress.received_bytes),
+                                human_size(*progress.content_length)));
 }
 
-void ProgressView::finish(std::size_t row, const std::string& word) {
+void ProgressView::finish(std::size_t row, const std::string& summary) {
   rows_[row].finished = true;
-  rows_[row].state = word;
+  rows_[row].state = summary;
   if (live_)
     draw(true);
   else if (!quiet_)
-    tell(fmt::format("{}: {}\n", rows_[row].name, word));
+    print_to_stderr(fmt::format("{}: {}\n", rows_[row].name, summary));
 }
 
-void ProgressView::say(const std::string& line) {
-  wipe();
-  tell(fmt::format("{}\n", line));
+void ProgressView::print_message(const std::string& line) {
+  erase();
+  print_to_stderr(fmt::format("{}\n", line));
   draw(true);
 }
 
@@ -145,43 +134,44 @@ void ProgressView::close() {
   drawn_lines_ = 0;
 }
 
-void ProgressView::wipe() {
+void ProgressView::erase() {
   if (drawn_lines_ > 0)
-    tell(fmt::format("\x1b[{}A\r\x1b[J", drawn_lines_));
+    print_to_stderr(fmt::format("\x1b[{}A\r\x1b[J", drawn_lines_));
   drawn_lines_ = 0;
 }
 
-std::string ProgressView::text_of(const Row& row, std::size_t width) const {
+std::string ProgressView::describe_row(const Row& row, std::size_t width) const {
   const auto name_width = std::clamp<std::size_t>(width / 4, 8, 40);
   const auto name = fitted(row.name, name_width);
   if (!row.progress || !row.state.empty())
     return name + " " + row.state;
   const auto& progress = *row.progress;
   const auto size = human_size(progress.received_bytes);
-  const auto rate = fmt::format("{}/s", human_size(static_cast<std::int64_t>(row.rate)));
+  const auto speed = row.speed();
+  const auto rate =
+      fmt::format("{}/s", human_size(static_cast<std::int64_t>(speed.bytes_per_second)));
   if (!progress.prog_value || !progress.content_length)
     return fmt::format("{} {:>10} {:>12}", name, size, rate);
   const double share = static_cast<double>(*progress.prog_value);
-  const auto left = static_cast<double>(*progress.content_length - progress.received_bytes);
   const auto numbers =
       fmt::format(" {:3.0f}% {:>20} {:>12} {}", std::floor(share * 100),
                   size + "/" + human_size(*progress.content_length), rate,
-                  human_time(left / row.rate)); // of one width, so that bars stand in columns
+                  human_time(speed.left)); // fixed width, so that the bars are aligned
   const auto room =
       width > name_width + numbers.size() + 4 ? width - name_width - numbers.size() - 4 : 0;
   if (room < 5)
     return name + fmt::format(" {:3.0f}% {}", std::floor(share * 100), size);
   const auto drawn = bar(share, std::min<std::size_t>(room, 60));
-  return name + " " + (colours_wanted() ? "\x1b[32m" + drawn + "\x1b[0m" : drawn) + numbers;
+  return name + " " + (use_colours() ? "\x1b[32m" + drawn + "\x1b[0m" : drawn) + numbers;
 }
 
-std::string ProgressView::total_text() const {
+std::string ProgressView::describe_total() const {
   std::int64_t bytes = 0;
   double rate = 0;
   std::size_t done = 0;
   for (const auto& row : rows_) {
     bytes += row.progress ? row.progress->received_bytes : 0;
-    rate += row.finished ? 0 : row.rate;
+    rate += row.finished ? 0 : row.speed().bytes_per_second;
     done += row.finished ? 1 : 0;
   }
   return fmt::format("{} of {} files, {}, {}/s", done, rows_.size(), human_size(bytes),
@@ -192,27 +182,27 @@ void ProgressView::draw(bool now) {
   if (!live_ || (!now && Clock::now() - drawn_at_ < redraw_interval))
     return;
   drawn_at_ = Clock::now();
-  const auto width = terminal_width() - 1; // a full last column would wrap
-  const auto most_rows = std::max<std::size_t>(terminal_height(), 4) - 3;
-  wipe();
-  std::string picture;
-  // What runs comes before what has ended where not all fit.
+  const auto width = terminal_width() - 1; // a full line would wrap
+  const auto max_rows = std::max<std::size_t>(terminal_height(), 4) - 3;
+  erase();
+  std::string output;
+  // If not all rows fit, show the running ones.
   std::vector<const Row*> shown;
   for (const bool finished : {false, true})
     for (const auto& row : rows_)
-      if (row.finished == finished && shown.size() < most_rows)
+      if (row.finished == finished && shown.size() < max_rows)
         shown.push_back(&row);
   std::ranges::sort(shown);
   for (const auto* const row : shown) {
-    const auto text = text_of(*row, width);
-    picture += (text.find('\x1b') == std::string::npos ? fitted(text, width) : text) + "\n";
+    const auto text = describe_row(*row, width);
+    output += (text.find('\x1b') == std::string::npos ? fitted(text, width) : text) + "\n";
   }
   drawn_lines_ = shown.size();
   if (rows_.size() > 1) {
-    picture += fitted(total_text(), width) + "\n";
+    output += fitted(describe_total(), width) + "\n";
     ++drawn_lines_;
   }
-  tell(picture);
+  print_to_stderr(output);
 }
 
 } // namespace ravelin::app

@@ -1,33 +1,37 @@
 #pragma once
 
-#include "ravelin/status.h"
+#include <ravelin/ravelin.hpp>
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace ravelin::app {
 
-/// What a person sees of the downloads while they run: live lines on a terminal, a plain line now
-/// and then elsewhere.
+/// Shows the progress of the downloads on standard error: live on a terminal, otherwise in a few
+/// plain lines.
 ///
 /// Threads: main thread.
 class ProgressView {
 public:
-  /// `quiet` shows nothing at all.
+  /// `quiet`: show no progress, only messages.
   explicit ProgressView(bool quiet);
 
-  std::size_t add(std::string name);
+  /// `speed` is called while the row is shown as running.
+  std::size_t add(std::string name, std::function<RavelinOperation::Speed()> speed);
   void rename(std::size_t row, std::string name);
   void show_state(std::size_t row, std::string state);
   void show_progress(std::size_t row, const Progress& progress);
-  /// The row's last word, in place of its bar.
-  void finish(std::size_t row, const std::string& word);
-  /// A line for people on standard error, above the live lines.
-  void say(const std::string& line);
-  /// Leaves the live lines as they stand.
+  /// Redraws, so that the rates drop if nothing arrives.
+  void refresh() { draw(false); }
+  /// Replaces the bar of the row by `summary`.
+  void finish(std::size_t row, const std::string& summary);
+  /// Prints a line above the live lines.
+  void print_message(const std::string& line);
+  /// Draws a last time.
   void close();
 
 private:
@@ -36,18 +40,15 @@ private:
     std::string name;
     std::string state = "waiting";
     std::optional<Progress> progress;
-    double rate = 0; // bytes per second, smoothed
-    std::int64_t rated_bytes = 0;
-    Clock::time_point rated_at{};
+    std::function<RavelinOperation::Speed()> speed;
     bool finished = false;
   };
 
-  void update_rate(Row& row, std::int64_t bytes);
   void print_plain(const Row& row) const;
   void draw(bool now);
-  void wipe();
-  std::string text_of(const Row& row, std::size_t width) const;
-  std::string total_text() const;
+  void erase();
+  std::string describe_row(const Row& row, std::size_t width) const;
+  std::string describe_total() const;
 
   bool quiet_;
   bool live_;
@@ -56,7 +57,7 @@ private:
   Clock::time_point drawn_at_{};
 };
 
-/// `text` cut or filled with blanks to `columns` terminal columns.
+/// `text` cut or padded to `columns` terminal columns.
 std::string fitted(const std::string& text, std::size_t columns);
 
 } // namespace ravelin::app

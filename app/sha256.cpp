@@ -48,11 +48,4 @@ std::string sha256_of(const std::filesystem::path& file) {
   return hexadecimal(digest, size);
 }
 
-std::string sha256_of_text(std::string_view text) {
-  Digest digest{};
-  unsigned size = 0;
-  EVP_Digest(text.data(), text.size(), digest.data(), &size, EVP_sha256(), nullptr);
-  return hexadecimal(digest, size);
-}
-
 } // namespace ravelin::app

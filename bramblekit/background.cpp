@@ -19,21 +19,4 @@ void bg_async(double delay, std::function<void()> task) {
   });
 }
 
-OwnWork::~OwnWork() {
-  if (task_) // nobody came to wait
-    bg_async(0.0, std::move(task_));
-}
-
-void OwnWork::take(std::function<void()> task) {
-  if (task_)
-    bg_async(0.0, std::move(task));
-  else
-    task_ = std::move(task);
-}
-
-void OwnWork::work() noexcept {
-  if (const auto task = std::exchange(task_, nullptr))
-    task();
-}
-
 } // namespace ravelin::bramblekit

@@ -10,7 +10,7 @@
 
 namespace ravelin::bramblekit {
 
-/// The value whose key equals `key` when letter case is ignored.
+/// The value of the field `key`, in any letter case.
 inline std::optional<std::string> case_insensitive(const platform::HeaderFields& fields,
                                                    std::string_view key) {
   const auto* const found = platform::find_field(fields, key);

@@ -8,7 +8,7 @@ namespace ravelin::bramblekit {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int deepest = 32; // what is copied below is copied by recursion
+constexpr int max_depth = 32; // copying a value is recursive
 
 struct KeyedEncoder::Object {
   Json json = Json::object();
@@ -16,36 +16,36 @@ struct KeyedEncoder::Object {
 };
 
 struct KeyedDecoder::Object {
-  nlohmann::json json; // sorted: a text of many keys is searched in no time
+  nlohmann::json json; // not ordered_json, whose lookup is linear
 
   static nlohmann::json parsed(std::string_view text) {
     if (text.find('\0') != std::string_view::npos)
-      throw std::runtime_error("the JSON text has a null byte"); // the parser would stop there
+      throw std::runtime_error("the JSON text has a null byte"); // the parser would ignore the rest
     using Event = nlohmann::json::parse_event_t;
     return nlohmann::json::parse(text, [](int depth, Event, nlohmann::json&) {
-      if (depth > deepest)
+      if (depth > max_depth)
         throw std::runtime_error("the JSON text is nested too deeply");
       return true;
     });
   }
 
-  [[noreturn]] static void wrong(std::string_view key, const char* what) {
+  [[noreturn]] static void fail(std::string_view key, const char* what) {
     throw std::runtime_error("the value of \"" + std::string(key) + "\" is " + what);
   }
   const nlohmann::json& at(std::string_view key) const {
     const auto found = json.find(std::string(key));
     if (found == json.end())
-      wrong(key, "missing");
+      fail(key, "missing");
     return *found;
   }
   static std::int64_t integer(std::string_view key, const nlohmann::json& value) {
     if (!value.is_number_integer())
-      wrong(key, "not an integer of 64 bits");
+      fail(key, "not a 64-bit integer");
     const bool too_large = value.is_number_unsigned() &&
                            value.get<std::uint64_t>() >
                                static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     if (too_large)
-      wrong(key, "not an integer of 64 bits");
+      fail(key, "not a 64-bit integer");
     return value.get<std::int64_t>();
   }
 };
@@ -103,7 +103,7 @@ KeyedDecoder::~KeyedDecoder() = default;
 void KeyedDecoder::get(std::string_view key, std::string& value) const {
   const auto& found = object_->at(key);
   if (!found.is_string())
-    Object::wrong(key, "not a string");
+    Object::fail(key, "not a string");
   value = found.get<std::string>();
 }
 
@@ -120,7 +120,7 @@ void KeyedDecoder::get(std::string_view key, std::optional<std::int64_t>& value)
 void KeyedDecoder::get(std::string_view key, bool& value) const {
   const auto& found = object_->at(key);
   if (!found.is_boolean())
-    Object::wrong(key, "not true or false");
+    Object::fail(key, "not true or false");
   value = found.get<bool>();
 }
 
@@ -128,7 +128,7 @@ void KeyedDecoder::get_list(std::string_view key,
                             const std::function<void(const KeyedDecoder&)>& decode_next) const {
   const auto& found = object_->at(key);
   if (!found.is_array())
-    Object::wrong(key, "not a list");
+    Object::fail(key, "not a list");
   for (const auto& element : found)
     decode_next(KeyedDecoder(std::make_unique<Object>(Object{element})));
 }

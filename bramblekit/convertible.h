@@ -10,7 +10,7 @@
 
 namespace ravelin::bramblekit {
 
-/// Writes the fields of one JSON object in the order of the calls. An empty optional is left out.
+/// Writes the fields of one JSON object in call order. Empty optionals are omitted.
 class KeyedEncoder {
 public:
   KeyedEncoder();
@@ -21,10 +21,10 @@ public:
   void put(std::string_view key, bool value);
   void put(std::string_view key, double value);
   void put_null(std::string_view key);
-  /// A list of `count` objects, each written by `encode_at(index, its encoder)`.
+  /// A list of `count` objects; `encode_at(index, encoder)` writes each.
   void put_list(std::string_view key, std::size_t count,
                 const std::function<void(std::size_t, KeyedEncoder&)>& encode_at);
-  /// Throws where a text is not UTF-8.
+  /// Throws if a string is not UTF-8.
   std::string text() const;
 
 private:
@@ -32,16 +32,16 @@ private:
   std::unique_ptr<Object> object_;
 };
 
-/// Reads the fields of one JSON object. A key that is missing or of the wrong type throws
-/// `std::runtime_error`; other keys are ignored.
+/// Reads the fields of one JSON object. Throws `std::runtime_error` for a key that is missing or
+/// has a value of the wrong type. Unknown keys are ignored.
 class KeyedDecoder {
 public:
-  /// Throws where `text` is not a JSON object.
+  /// Throws if `text` is not a JSON object.
   explicit KeyedDecoder(std::string_view text);
   ~KeyedDecoder();
   void get(std::string_view key, std::string& value) const;
   void get(std::string_view key, std::int64_t& value) const;
-  /// A missing key and null give none.
+  /// No value if the key is missing or null.
   void get(std::string_view key, std::optional<std::int64_t>& value) const;
   void get(std::string_view key, bool& value) const;
   /// Calls `decode_next` with a decoder for each object of the list.
@@ -61,7 +61,8 @@ concept KeyedCodable = requires(const T& value, T& target, KeyedEncoder& to,
   target.decode(from);
 };
 
-/// Gives a type with `encode(KeyedEncoder&) const` and `decode(const KeyedDecoder&)` its JSON.
+/// Adds JSON conversion to a type with `encode(KeyedEncoder&) const` and
+/// `decode(const KeyedDecoder&)`.
 template <class T> class Convertible {
 public:
   std::string to_json() const {

@@ -15,7 +15,7 @@ inline std::optional<platform::Data> to_data(std::string_view text) {
   return platform::Data::copy_of(text);
 }
 
-/// The extended attributes of one file: `ext_attr(url)["name"] = bytes`, or no value to remove.
+/// Sets extended attributes of a file: `ext_attr(url)["name"] = bytes`; no value removes one.
 /// Failures are not reported.
 class ExtAttr {
 public:
@@ -42,7 +42,7 @@ inline ExtAttr ext_attr(const URL& url) {
   return ExtAttr(url);
 }
 
-/// Sets or clears the hidden mark of the file. Failures are not reported.
+/// Hides the file in file managers, or shows it again. Failures are not reported.
 inline void set_is_hidden(const URL& url, bool is_hidden) {
   platform::set_hidden(url, is_hidden);
 }

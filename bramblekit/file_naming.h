@@ -7,8 +7,8 @@
 
 namespace ravelin::bramblekit {
 
-/// Another name for the same file, "movie (1).mkv" for "movie.mkv", whose file does not exist and
-/// which is not in the list. None when ten thousand names are taken.
+/// A free name such as "movie (1).mkv" for "movie.mkv": no such file exists and it is not in the
+/// list. Nothing after ten thousand attempts.
 std::optional<URL> generate_non_conflicting_file_url(const URL& from,
                                                      const std::vector<URL>& not_allowed_urls);
 

@@ -4,7 +4,7 @@
 
 namespace ravelin::bramblekit {
 
-/// Measures the time since it was made or reset, by a clock that nobody sets.
+/// Measures the time since its construction or the last reset.
 class StopWatch {
 public:
   void reset() { start_ = Clock::now(); }

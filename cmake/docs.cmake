@@ -1,8 +1,8 @@
-# `docs`: the reference of the installed headers, in docs/html of the build directory. A public name
-# without its comment is an error.
+# Target `docs`: reference of the installed headers, in docs/html of the build directory. Public
+# names without a comment are errors.
 find_package(Doxygen QUIET)
 if(NOT DOXYGEN_FOUND)
-  message(STATUS "Doxygen was not found: there is no target docs (apt: doxygen)")
+  message(STATUS "Doxygen was not found; there is no docs target (apt: doxygen)")
   return()
 endif()
 
@@ -18,11 +18,11 @@ set(DOXYGEN_WARN_IF_UNDOCUMENTED YES)
 set(DOXYGEN_WARN_AS_ERROR FAIL_ON_WARNINGS)
 set(DOXYGEN_EXCLUDE_SYMBOLS operator* RavelinOperation::MainFileState)
 set(DOXYGEN_BUILTIN_STL_SUPPORT YES)
-set(DOXYGEN_MACRO_EXPANSION YES) # the marks would be taken for types
+set(DOXYGEN_MACRO_EXPANSION YES) # Doxygen takes thread annotations for types
 set(DOXYGEN_EXPAND_ONLY_PREDEF YES)
 set(DOXYGEN_PREDEFINED MAIN_ONLY= BG_ONLY= MAIN_STATE=)
 doxygen_add_docs(docs include/ravelin integrations docs/reference.md
-  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMENT "Writing the reference of the headers")
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMENT "Generating the header reference")
 
 if(RAVELIN_BUILD_TESTS)
   add_test(NAME docs COMMAND Doxygen::doxygen ${CMAKE_CURRENT_BINARY_DIR}/Doxyfile.docs

@@ -1,4 +1,4 @@
-# `cmake --install`: the library for find_package(Ravelin CONFIG) and pkg-config, and the program.
+# Installs the library for find_package(Ravelin CONFIG) and pkg-config, and the program.
 include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Ravelin)
@@ -12,7 +12,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ravelin
 install(EXPORT RavelinTargets NAMESPACE ravelin::
   DESTINATION ${config_dir} COMPONENT development)
 if(NOT BUILD_SHARED_LIBS)
-  set(BUILD_SHARED_LIBS OFF) # unset reads as nothing in the configured file
+  set(BUILD_SHARED_LIBS OFF) # would be empty in the configured file
 endif()
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/RavelinConfig.cmake.in
   ${PROJECT_BINARY_DIR}/RavelinConfig.cmake INSTALL_DESTINATION ${config_dir})
@@ -22,14 +22,14 @@ install(FILES ${PROJECT_BINARY_DIR}/RavelinConfig.cmake
   ${PROJECT_BINARY_DIR}/RavelinConfigVersion.cmake
   DESTINATION ${config_dir} COMPONENT development)
 
-# The prefix is found from where the file lies, so that an installed tree can be moved.
+# The prefix is relative to the .pc file, so that the installed tree is relocatable.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE RAVELIN_PC_PREFIX)
 set(RAVELIN_PC_REQUIRES Requires)
 set(RAVELIN_PC_RUNTIME "")
 if(BUILD_SHARED_LIBS)
   set(RAVELIN_PC_REQUIRES Requires.private)
-else() # a C compiler links C++'s own library only when told
+else() # a C linker does not add the C++ runtime
   set(cxx_runtime ${CMAKE_CXX_IMPLICIT_LINK_LIBRARIES})
   list(FILTER cxx_runtime INCLUDE REGEX "^(stdc\\+\\+|c\\+\\+.*|m)$")
   list(REMOVE_DUPLICATES cxx_runtime)
@@ -46,8 +46,7 @@ if(TARGET ravelin_cli)
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
   install(FILES ${PROJECT_SOURCE_DIR}/man/ravelin.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT program)
-  # Debian's zsh looks in another place for what packages bring, and only the installation knows
-  # its prefix.
+  # Debian's zsh has a separate directory for packages. The prefix is known at install time only.
   install(CODE "
     set(zsh_dir \"\${CMAKE_INSTALL_PREFIX}\")
     cmake_path(APPEND zsh_dir \"${CMAKE_INSTALL_DATADIR}\" zsh)

@@ -1,4 +1,4 @@
-# One layer: an object library, so that libravelin is one file whatever it is built as.
+# A layer is an object library, so that libravelin is a single file, static or shared.
 function(ravelin_add_layer name)
   add_library(${name} OBJECT ${ARGN})
   target_compile_features(${name} PUBLIC cxx_std_20)

@@ -1,4 +1,4 @@
-# `cpack`: Debian packages. The library has one of its own in a shared build only.
+# Debian packages, by cpack. A shared build has a separate package for the library.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The ravelin developers <ravelin@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "download files over HTTP in parts and continue them")
@@ -11,10 +11,11 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_COMPONENTS_ALL development)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # the dependencies are read from the binaries...
-set(libcurl "libcurl4 (>= 7.87)")      # ...which show no options of libcurl, only its functions
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Explicit: shlibdeps looks at functions, and the minimum version is due to options.
+set(libcurl "libcurl4 (>= 7.87)")
 
-set(libcurl_dev "libcurl4-openssl-dev | libcurl4-gnutls-dev") # pkg-config follows it there
+set(libcurl_dev "libcurl4-openssl-dev | libcurl4-gnutls-dev") # required by the .pc file
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libravelin-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
@@ -24,7 +25,7 @@ if(BUILD_SHARED_LIBS)
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libravelin${PROJECT_VERSION_MAJOR})
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${libcurl})
-  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # it has no form for one package
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # there is no per-package variable
   set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The ravelin download library.")
   set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_LIBRARY_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${libcurl_dev}")

@@ -1,10 +1,10 @@
-# Completion of ravelin for bash.
+# bash completion for ravelin.
 _ravelin() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local commands="get status clear"
   local options="--output --dir --remote-header-name --input-file --on-conflict --no-split
-    --max-downloads --sha256 --retry --header --limit-rate --proxy --cacert --user-agent --timeout
-    --no-safeguards --quiet --events --help"
+    --max-downloads --sha256 --retry --patience --header --limit-rate --proxy --cacert --user-agent
+    --timeout --no-safeguards --quiet --events --events-interval --help"
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$word")
@@ -23,13 +23,15 @@ _ravelin() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
     ;;
-  -j | --max-downloads | --sha256 | --retry | -H | --header | --limit-rate | -x | --proxy | \
-    -A | --user-agent | --timeout)
-    return # a value that nobody can guess
+  -j | --max-downloads | --sha256 | --retry | --patience | -H | --header | --limit-rate | -x | \
+    --proxy | -A | --user-agent | --timeout | --events-interval)
+    return # free text: nothing to suggest
     ;;
   esac
   if [[ ${COMP_WORDS[1]} == get ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
+  elif [[ ${COMP_WORDS[1]} == clear && $word == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "--complete --help" -- "$word")
   else
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
   fi

@@ -1,11 +1,11 @@
 // A server that downloads on request: asio_server DIRECTORY [PORT]
 //
 // It listens on the loopback interface and prints its port. A client sends one line, "LINK NAME",
-// and gets a line for each tenth of the download and "done" or the reason of the failure. A client
-// that leaves stops its download, and the same request continues it.
+// and receives a line for each tenth of the download and then "done" or the error. If the client
+// disconnects, its download is stopped; the same request resumes it.
 
-#include <ravelin/defaults.h>
 #include <ravelin/integrations/asio.h>
+#include <ravelin/options.h>
 #include <ravelin/ravelin_operation.h>
 
 #include <asio.hpp>
@@ -20,7 +20,7 @@ using namespace ravelin;
 
 namespace {
 
-/// One client and its download. Lives while something is under way for it.
+/// One client and its download. Kept alive by its callbacks.
 class Session : public std::enable_shared_from_this<Session> {
 public:
   Session(tcp::socket socket, std::filesystem::path directory)
@@ -39,49 +39,49 @@ private:
     std::string link;
     std::string name;
     std::istream(&input_) >> link >> name;
-    // Only the last piece: no client names a place outside the directory.
+    // The last component only: a client must not write outside the directory.
     const auto file = directory_ / std::filesystem::path(name).filename();
     operation_->resume(URL(link), URL::file(file), true, OnConflict::resume,
                        [self = shared_from_this()](const Status& s) { self->on_status(s); });
-    watch_for_leaving();
+    watch_for_disconnect();
   }
 
   void on_status(const Status& status) {
     if (const auto* now = status.get_if<Status::downloading>()) {
       if (now->progress.is_at_snap_point)
-        say(std::to_string(static_cast<int>(100 * now->progress.prog_value.value_or(0))) + " %");
+        send(std::to_string(static_cast<int>(100 * now->progress.prog_value.value_or(0))) + " %");
     } else if (status.holds<Status::success>()) {
-      say_last("done");
+      send_last("done");
     } else if (const auto* failed = status.get_if<Status::error>()) {
-      say_last(failed->custom_error.text());
+      send_last(failed->custom_error.text());
     }
   }
 
-  void watch_for_leaving() {
+  void watch_for_disconnect() {
     asio::async_read(socket_, input_, [self = shared_from_this()](std::error_code, std::size_t) {
-      self->operation_->cancel(); // it does nothing to a download that has ended
+      self->operation_->cancel(); // harmless if the download has ended
     });
   }
 
-  void say_last(const std::string& line) {
-    last_ = true;
-    say(line);
+  void send_last(const std::string& line) {
+    is_last_queued_ = true;
+    send(line);
   }
 
-  void say(const std::string& line) {
-    waiting_ += line + '\n';
-    if (writing_.empty())
-      write();
+  void send(const std::string& line) {
+    queued_ += line + '\n';
+    if (sending_.empty())
+      send_queued();
   }
 
-  void write() {
-    writing_.swap(waiting_);
-    asio::async_write(socket_, asio::buffer(writing_),
+  void send_queued() {
+    sending_.swap(queued_);
+    asio::async_write(socket_, asio::buffer(sending_),
                       [self = shared_from_this()](std::error_code error, std::size_t) {
-                        self->writing_.clear();
-                        if (!error && !self->waiting_.empty())
-                          self->write();
-                        else if (self->last_)
+                        self->sending_.clear();
+                        if (!error && !self->queued_.empty())
+                          self->send_queued();
+                        else if (self->is_last_queued_)
                           self->socket_.close(error);
                       });
   }
@@ -89,9 +89,9 @@ private:
   tcp::socket socket_;
   std::filesystem::path directory_;
   asio::streambuf input_{4096};
-  std::string writing_;
-  std::string waiting_;
-  bool last_ = false;
+  std::string sending_;
+  std::string queued_;
+  bool is_last_queued_ = false;
   std::shared_ptr<RavelinOperation> operation_ = std::make_shared<RavelinOperation>();
 };
 
@@ -110,9 +110,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: asio_server DIRECTORY [PORT]\n");
     return 2;
   }
-  Defaults values;
-  values.reject_http_errors = true; // or the page of a 404 is kept as the file
-  set_defaults(values);
+  Options options;
+  options.reject_http_errors = true; // otherwise the page of a 404 would be saved as the file
+  set_default_options(options);
   asio::io_context loop(1);
   const AsioAdapter<asio::posix::stream_descriptor> adapter(loop);
   const auto port = static_cast<unsigned short>(argc > 2 ? std::atoi(argv[2]) : 0);

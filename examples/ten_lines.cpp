@@ -1,8 +1,6 @@
 // Downloads one link to one file: ten_lines LINK FILE
 
-#include <ravelin/defaults.h>
-#include <ravelin/main_queue.h>
-#include <ravelin/ravelin_operation.h>
+#include <ravelin/ravelin.hpp>
 
 #include <cstdio>
 
@@ -11,11 +9,8 @@ using namespace ravelin;
 int main(int argc, char** argv) {
   if (argc != 3)
     return std::puts("usage: ten_lines LINK FILE"), 2;
-  Defaults values;
-  values.reject_http_errors = true; // or the page of a 404 is kept as the file
-  set_defaults(values);
   bool good = false;
-  const auto download = std::make_shared<RavelinOperation>();
+  const auto download = std::make_shared<RavelinOperation>(Options::careful());
   download->resume(URL(argv[1]), URL::file(argv[2]), true, OnConflict::resume,
                    [&good](const Status& s) {
                      if (const auto* now = s.get_if<Status::downloading>())

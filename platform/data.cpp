@@ -7,10 +7,10 @@
 namespace ravelin::platform {
 namespace {
 
-constexpr std::size_t large = 64 * 1024; // bytes
+constexpr std::size_t mmap_threshold = 64 * 1024; // bytes
 
-std::unique_ptr<std::byte[], Block::GivesBack> obtain(std::size_t size) {
-  if (size < large)
+std::unique_ptr<std::byte[], Block::Deleter> allocate(std::size_t size) {
+  if (size < mmap_threshold)
     return {new std::byte[size], {}};
   void* const mapped =
       mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -22,17 +22,17 @@ std::unique_ptr<std::byte[], Block::GivesBack> obtain(std::size_t size) {
 } // namespace
 
 Block::Block(std::size_t capacity_in_bytes)
-    : bytes(obtain(capacity_in_bytes)), capacity(capacity_in_bytes) {}
+    : bytes(allocate(capacity_in_bytes)), capacity(capacity_in_bytes) {}
 
-void Block::GivesBack::operator()(std::byte* given) const {
+void Block::Deleter::operator()(std::byte* memory) const {
   if (mapped > 0)
-    munmap(given, mapped);
+    munmap(memory, mapped);
   else
-    delete[] given;
+    delete[] memory;
 }
 
 Data::Data(std::unique_ptr<Block> block) : block_(block.release()) {
-  block_->holders.store(1, std::memory_order_relaxed);
+  block_->references.store(1, std::memory_order_relaxed);
 }
 
 Data Data::copy_of(std::string_view text) {
@@ -44,15 +44,15 @@ Data Data::copy_of(std::string_view text) {
 
 Data::Data(const Data& other) : block_(other.block_) {
   if (block_)
-    block_->holders.fetch_add(1, std::memory_order_relaxed);
+    block_->references.fetch_add(1, std::memory_order_relaxed);
 }
 
 Data::~Data() {
-  if (!block_ || block_->holders.fetch_sub(1, std::memory_order_acq_rel) != 1)
+  if (!block_ || block_->references.fetch_sub(1, std::memory_order_acq_rel) != 1)
     return;
   std::unique_ptr<Block> block(block_);
-  if (const auto home = std::move(block->home))
-    home->take_back(std::move(block));
+  if (const auto recycler = std::move(block->recycler))
+    recycler->recycle(std::move(block));
 }
 
 } // namespace ravelin::platform

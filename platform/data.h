@@ -9,40 +9,40 @@
 
 namespace ravelin::platform {
 
-/// Takes blocks back whose bytes nobody needs any more.
-class BlockHome;
+class BlockRecycler;
 
-/// A run of bytes of fixed capacity, never zeroed by us.
+/// A byte buffer of fixed capacity, not zeroed.
 struct Block {
   explicit Block(std::size_t capacity_in_bytes);
-  /// Large ones come straight from the system and are given back to it: kept by the allocator, they
-  /// would lie between what lives long and stay resident.
-  struct GivesBack {
+  /// Large blocks are mapped and unmapped directly. From the allocator they would end up between
+  /// long-lived objects and stay resident after they are freed.
+  struct Deleter {
     std::size_t mapped = 0; // bytes
     void operator()(std::byte* bytes) const;
   };
-  std::unique_ptr<std::byte[], GivesBack> bytes;
+  std::unique_ptr<std::byte[], Deleter> bytes;
   std::size_t capacity;
   std::size_t size = 0;
-  std::shared_ptr<BlockHome> home; // set while the block is lent out
-  // The last holder may be the write queue while the first is a delegate's thread.
-  std::atomic<int> holders = 0;
+  std::shared_ptr<BlockRecycler> recycler; // set while the block is in use
+  // Atomic: a block is filled on one thread and often released on the write queue.
+  std::atomic<int> references = 0;
 };
 
-class BlockHome {
+/// Takes back blocks that are no longer used.
+class BlockRecycler {
 public:
-  virtual ~BlockHome() = default;
+  virtual ~BlockRecycler() = default;
   /// Any thread.
-  virtual void take_back(std::unique_ptr<Block> block) = 0;
+  virtual void recycle(std::unique_ptr<Block> block) = 0;
 };
 
-/// Bytes that are shared, not copied, and never change.
+/// Immutable bytes, shared by reference count.
 ///
-/// Threads: an ordinary value; copies may be used on different threads.
+/// Threads: copies may be used on different threads.
 class Data {
 public:
   Data() = default;
-  /// Lends `block` out; it goes home when the last copy is gone, or is freed if it has no home.
+  /// When the last copy is gone, `block` goes to its recycler, or is freed if it has none.
   explicit Data(std::unique_ptr<Block> block);
   static Data copy_of(std::string_view text);
   Data(const Data& other);

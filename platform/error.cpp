@@ -3,7 +3,7 @@
 namespace ravelin {
 namespace {
 
-const char* words_for(URLError code) {
+const char* describe(URLError code) {
   switch (code) {
   case URLError::unknown:
     return "Unknown error";
@@ -28,15 +28,15 @@ const char* words_for(URLError code) {
   case URLError::not_connected_to_internet:
     return "This machine is not connected to a network";
   case URLError::bad_server_response:
-    return "The server's answer is not usable";
+    return "The server's response is not usable";
   case URLError::user_authentication_required:
-    return "The server asks for a login";
+    return "The server requires authentication";
   case URLError::cannot_decode_content:
     return "The content could not be decoded";
   case URLError::file_does_not_exist:
     return "The file does not exist";
   case URLError::secure_connection_failed:
-    return "No secure connection could be made";
+    return "A secure connection could not be made";
   case URLError::server_certificate_untrusted:
     return "The server's certificate is not trusted";
   case URLError::client_certificate_rejected:
@@ -48,13 +48,13 @@ const char* words_for(URLError code) {
 class URLErrorCategory final : public std::error_category {
 public:
   const char* name() const noexcept override { return NSURLErrorDomain; }
-  std::string message(int code) const override { return words_for(static_cast<URLError>(code)); }
+  std::string message(int code) const override { return describe(static_cast<URLError>(code)); }
 };
 
 } // namespace
 
 const std::error_category& url_error_category() noexcept {
-  // Never destroyed: errors are still alive on other threads while the process leaves `main`.
+  // Never destroyed: other threads may still use errors after `main` returns.
   static const auto& category = *new URLErrorCategory;
   return category;
 }
@@ -83,7 +83,7 @@ Error::Error(std::exception_ptr exception) {
   } catch (const std::exception& e) {
     held->text = e.what();
   } catch (...) {
-    held->text = "an exception that is no std::exception";
+    held->text = "an exception that is not a std::exception";
   }
   held_ = std::move(held);
 }

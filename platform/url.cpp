@@ -66,7 +66,7 @@ std::filesystem::path URL::path() const {
 std::string URL::text() const {
   if (!is_file_)
     return text_;
-  std::error_code ignored; // a working directory that is gone leaves the path relative
+  std::error_code ignored; // if the working directory is gone, the path stays relative
   const auto absolute = std::filesystem::absolute(text_, ignored);
   return std::string(file_scheme) + percent_encoded(ignored ? text_ : absolute.native());
 }

@@ -1,18 +1,24 @@
 #include "ravelin/ravelin.h"
 
-#include "ravelin/defaults.h"
 #include "ravelin/main_queue.h"
+#include "ravelin/options.h"
 #include "ravelin/ravelin_operation.h"
+#include "ravelin/text.h"
 
 #include <chrono>
+#include <cmath>
 #include <memory>
 #include <optional>
 #include <string>
 
-// The wall towards C: what throws is called through `walled`, and ends the process there.
+// Exceptions must not reach C: `no_throw` terminates the process instead.
 
 struct ravelin_operation {
   std::shared_ptr<ravelin::RavelinOperation> operation;
+};
+
+struct ravelin_options {
+  ravelin::Options options;
 };
 
 namespace ravelin {
@@ -26,7 +32,7 @@ URL destination(const char* path) {
   return URL::file(text_or_empty(path));
 }
 
-template <class Body> auto walled(const Body& body) noexcept {
+template <class Body> auto no_throw(const Body& body) noexcept {
   return body();
 }
 
@@ -34,7 +40,9 @@ constexpr ravelin_progress no_progress{0, -1, -1.0, false};
 
 ravelin_progress to_c(const Progress& progress) {
   return {progress.received_bytes, progress.content_length.value_or(-1),
-          progress.prog_value ? static_cast<double>(*progress.prog_value) : -1.0,
+          progress.prog_value && std::isfinite(*progress.prog_value)
+              ? static_cast<double>(*progress.prog_value)
+              : -1.0,
           progress.is_at_snap_point};
 }
 
@@ -49,7 +57,7 @@ OnConflict policy(ravelin_on_conflict value) {
   case ravelin_on_conflict_stop:
     break;
   }
-  return OnConflict::stop; // for numbers that are none of these, too: it harms no file
+  return OnConflict::stop; // also for invalid values: it changes no file
 }
 
 ravelin_error_kind to_c(const CustomError& error) {
@@ -78,63 +86,84 @@ std::error_code code_of(const CustomError& error) {
   });
 }
 
-/// Calls an application's callback with one event, whose texts live as long as the call.
-struct Teller {
+/// Passes a status to the application's callback as a C event, which is valid during the call.
+struct EventSender {
   ravelin_callback callback;
   void* user;
+  std::weak_ptr<RavelinOperation> operation;
 
   void operator()(const Status& status) const {
     status.visit(match{
         [&](const Status::renamed& e) {
-          tell_files(ravelin_status_renamed, e.new_file_url, std::nullopt);
+          send_files(ravelin_status_renamed, e.new_file_url, std::nullopt);
         },
         [&](const Status::files_are_created& e) {
-          tell_files(ravelin_status_files_are_created, e.main_file_url, e.resume_file_url);
+          send_files(ravelin_status_files_are_created, e.main_file_url, e.resume_file_url);
         },
         [&](const Status::started& e) {
-          auto event = event_of(ravelin_status_started);
+          auto event = make_event(ravelin_status_started);
+          event.http_status = last_status();
           event.progress.content_length = e.content_length.value_or(-1);
           callback(user, &event);
         },
-        [&](const Status::downloading& e) { tell(ravelin_status_downloading, e.progress); },
+        [&](const Status::downloading& e) { send_progress(e.progress); },
         [&](const Status::cancelled& e) {
-          tell(ravelin_status_cancelled, e.progress, e.also_cleared_files);
+          send(ravelin_status_cancelled, e.progress, e.also_cleared_files);
         },
-        [&](const Status::error& e) { tell_error(e.custom_error); },
-        [&](const Status::pending&) { tell(ravelin_status_pending); },
-        [&](const Status::connecting&) { tell(ravelin_status_connecting); },
-        [&](const Status::success&) { tell(ravelin_status_success); },
-        [&](const Status::cancelling&) { tell(ravelin_status_cancelling); },
+        [&](const Status::error& e) { send_error(e.custom_error); },
+        [&](const Status::pending&) { send(ravelin_status_pending); },
+        [&](const Status::connecting&) { send(ravelin_status_connecting); },
+        [&](const Status::success&) { send(ravelin_status_success); },
+        [&](const Status::cancelling&) { send(ravelin_status_cancelling); },
     });
   }
 
 private:
-  static ravelin_event event_of(ravelin_status status) {
+  static ravelin_event make_event(ravelin_status status) {
     ravelin_event event{};
     event.status = status;
     event.progress = no_progress;
+    event.seconds_left = -1;
     return event;
   }
-  void tell(ravelin_status status, const std::optional<Progress>& progress = std::nullopt,
+  void send(ravelin_status status, const std::optional<Progress>& progress = std::nullopt,
             bool also_cleared_files = false) const {
-    auto event = event_of(status);
+    auto event = make_event(status);
     if (progress)
       event.progress = to_c(*progress);
     event.also_cleared_files = also_cleared_files;
     callback(user, &event);
   }
-  void tell_files(ravelin_status status, const URL& main, const std::optional<URL>& resume) const {
-    auto event = event_of(status);
+  void send_files(ravelin_status status, const URL& main, const std::optional<URL>& resume) const {
+    auto event = make_event(status);
     const auto main_path = main.path();
     const auto resume_path = resume ? resume->path() : std::filesystem::path();
     event.main_file = main_path.c_str();
     event.resume_file = resume ? resume_path.c_str() : nullptr;
     callback(user, &event);
   }
-  void tell_error(const CustomError& error) const {
-    auto event = event_of(ravelin_status_error);
+  void send_progress(const Progress& progress) const {
+    auto event = make_event(ravelin_status_downloading);
+    event.progress = to_c(progress);
+    if (const auto running = operation.lock()) {
+      const auto speed = running->speed();
+      event.bytes_per_second = speed.bytes_per_second;
+      event.seconds_left = speed.left ? speed.left->count() : -1;
+    }
+    callback(user, &event);
+  }
+  int last_status() const {
+    const auto running = operation.lock();
+    const auto response = running ? running->response() : std::nullopt;
+    return response ? response->status : 0;
+  }
+  void send_error(const CustomError& error) const {
+    auto event = make_event(ravelin_status_error);
     const auto code = code_of(error);
-    const auto text = error.text();
+    const auto text = valid_utf8(error.text());
+    const auto* const other = error.get_if<CustomError::other>();
+    const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
+    event.http_status = loading && loading->http_status ? *loading->http_status : last_status();
     event.error_kind = to_c(error);
     event.error_code = code.value();
     event.error_domain = code ? code.category().name() : "";
@@ -143,22 +172,16 @@ private:
   }
 };
 
-/// The events of a run for `teller`, all of them on the main thread: a binding then needs no lock.
-RavelinOperation::StatusClosure on_main_thread(const Teller& teller) {
-  if (!teller.callback)
+/// Sends all events on the main thread, so that bindings need no lock.
+RavelinOperation::StatusClosure on_main_thread(const EventSender& sender) {
+  if (!sender.callback)
     return {};
-  return [teller](const Status& status) {
+  return [sender](const Status& status) {
     if (MainQueue::is_main_thread())
-      teller(status);
+      sender(status);
     else
-      MainQueue::async([teller, status] { teller(status); });
+      MainQueue::async([sender, status] { sender(status); });
   };
-}
-
-template <class Change> void change_defaults(const Change& change) noexcept {
-  auto values = defaults();
-  change(values);
-  set_defaults(std::move(values));
 }
 
 std::optional<std::string> optional_text(const char* text) {
@@ -181,10 +204,10 @@ bool ravelin_main_queue_is_main_thread() {
   return MainQueue::is_main_thread();
 }
 void ravelin_main_queue_async(void (*task)(void* user), void* user) {
-  walled([&] { MainQueue::async([task, user] { task(user); }); });
+  no_throw([&] { MainQueue::async([task, user] { task(user); }); });
 }
 void ravelin_main_queue_run() {
-  walled([&] { MainQueue::run(); });
+  no_throw([&] { MainQueue::run(); });
 }
 void ravelin_main_queue_stop() {
   MainQueue::stop();
@@ -193,11 +216,11 @@ int ravelin_main_queue_descriptor() {
   return MainQueue::descriptor();
 }
 size_t ravelin_main_queue_drain() {
-  return walled([&] { return MainQueue::drain(); });
+  return no_throw([&] { return MainQueue::drain(); });
 }
 
 ravelin_operation* ravelin_operation_new() {
-  return walled([&] { return new ravelin_operation{std::make_shared<RavelinOperation>()}; });
+  return no_throw([&] { return new ravelin_operation{std::make_shared<RavelinOperation>()}; });
 }
 void ravelin_operation_free(ravelin_operation* operation) {
   delete operation;
@@ -205,20 +228,21 @@ void ravelin_operation_free(ravelin_operation* operation) {
 void ravelin_operation_resume(ravelin_operation* operation, const char* link, const char* dest_file,
                               bool split_allowed, ravelin_on_conflict on_conflict,
                               ravelin_callback callback, void* user) {
-  walled([&] {
+  no_throw([&] {
     operation->operation->resume(URL(text_or_empty(link)), destination(dest_file), split_allowed,
-                                 policy(on_conflict), on_main_thread({callback, user}));
+                                 policy(on_conflict),
+                                 on_main_thread({callback, user, operation->operation}));
   });
 }
 void ravelin_operation_cancel(ravelin_operation* operation) {
-  walled([&] { operation->operation->cancel(); });
+  no_throw([&] { operation->operation->cancel(); });
 }
 void ravelin_operation_cancel_and_clear_files(ravelin_operation* operation) {
-  walled([&] { operation->operation->cancel_and_clear_files(); });
+  no_throw([&] { operation->operation->cancel_and_clear_files(); });
 }
 ravelin_state ravelin_operation_state(const ravelin_operation* operation,
                                       ravelin_progress* progress) {
-  return walled([&] {
+  return no_throw([&] {
     const auto state = operation->operation->state();
     if (progress) {
       *progress = no_progress;
@@ -240,59 +264,94 @@ ravelin_state ravelin_operation_state(const ravelin_operation* operation,
   });
 }
 void ravelin_operation_set_progress_snap_interval(ravelin_operation* operation, float interval) {
-  walled([&] { operation->operation->set_progress_snap_interval(interval); });
+  no_throw([&] { operation->operation->set_progress_snap_interval(interval); });
 }
 
 void ravelin_cancel_all(bool also_clear_files) {
-  walled([&] { RavelinOperation::cancel_all(also_clear_files); });
+  no_throw([&] { RavelinOperation::cancel_all(also_clear_files); });
 }
 int64_t ravelin_max_simultaneous_download_count() {
-  return walled([&] { return RavelinOperation::max_simultaneous_download_count(); });
+  return no_throw([&] { return RavelinOperation::max_simultaneous_download_count(); });
 }
 void ravelin_set_max_simultaneous_download_count(int64_t count) {
-  walled([&] { RavelinOperation::set_max_simultaneous_download_count(count); });
+  no_throw([&] { RavelinOperation::set_max_simultaneous_download_count(count); });
 }
 ravelin_progress ravelin_get_progress(const char* dest_file) {
-  return walled([&] { return to_c(RavelinOperation::get_progress(destination(dest_file))); });
+  return no_throw([&] { return to_c(RavelinOperation::get_progress(destination(dest_file))); });
 }
 void ravelin_clear_files(const char* dest_file) {
-  walled([&] { RavelinOperation::clear_files(destination(dest_file)); });
+  no_throw([&] { RavelinOperation::clear_files(destination(dest_file)); });
 }
 
-void ravelin_set_proxy(const char* proxy) {
-  change_defaults([&](Defaults& d) { d.proxy = optional_text(proxy); });
+ravelin_options* ravelin_options_new() {
+  return no_throw([] { return new ravelin_options(); });
 }
-void ravelin_set_ca_bundle(const char* path) {
-  change_defaults([&](Defaults& d) { d.ca_bundle = optional_text(path); });
+void ravelin_options_free(ravelin_options* options) {
+  delete options;
 }
-void ravelin_add_header(const char* name, const char* value) {
-  change_defaults(
-      [&](Defaults& d) { d.headers.emplace_back(text_or_empty(name), text_or_empty(value)); });
+void ravelin_options_set_proxy(ravelin_options* options, const char* proxy) {
+  no_throw([&] { options->options.proxy = optional_text(proxy); });
 }
-void ravelin_clear_headers() {
-  change_defaults([](Defaults& d) { d.headers.clear(); });
+void ravelin_options_set_ca_bundle(ravelin_options* options, const char* path) {
+  no_throw([&] { options->options.ca_bundle = optional_text(path); });
 }
-void ravelin_set_user_agent(const char* user_agent) {
-  change_defaults([&](Defaults& d) { d.user_agent = optional_text(user_agent); });
+void ravelin_options_add_header(ravelin_options* options, const char* name, const char* value) {
+  no_throw(
+      [&] { options->options.headers.emplace_back(text_or_empty(name), text_or_empty(value)); });
 }
-void ravelin_set_rate_limit(int64_t bytes_per_second) {
-  change_defaults([&](Defaults& d) {
-    d.rate_limit = bytes_per_second > 0 ? std::optional(bytes_per_second) : std::nullopt;
-  });
+void ravelin_options_set_user_agent(ravelin_options* options, const char* user_agent) {
+  no_throw([&] { options->options.user_agent = optional_text(user_agent); });
 }
-void ravelin_set_idle_timeout(int64_t milliseconds) {
-  change_defaults([&](Defaults& d) {
-    d.idle_timeout.reset();
-    if (milliseconds > 0)
-      d.idle_timeout = std::chrono::milliseconds(milliseconds);
-  });
+void ravelin_options_set_rate_limit(ravelin_options* options, int64_t bytes_per_second) {
+  options->options.rate_limit.reset();
+  if (bytes_per_second > 0)
+    options->options.rate_limit = bytes_per_second;
 }
-void ravelin_set_reject_http_errors(bool reject) {
-  change_defaults([&](Defaults& d) { d.reject_http_errors = reject; });
+void ravelin_options_set_idle_timeout(ravelin_options* options, int64_t milliseconds) {
+  options->options.idle_timeout.reset();
+  if (milliseconds > 0)
+    options->options.idle_timeout = std::chrono::milliseconds(milliseconds);
 }
-void ravelin_set_require_exact_ranges(bool require) {
-  change_defaults([&](Defaults& d) { d.require_exact_ranges = require; });
+void ravelin_options_set_max_connections(ravelin_options* options, int count) {
+  options->options.max_connections = count;
 }
-void ravelin_set_reject_changed_content(bool reject) {
-  change_defaults([&](Defaults& d) { d.reject_changed_content = reject; });
+void ravelin_options_set_retry(ravelin_options* options, int max_attempts, int64_t patience) {
+  options->options.retry =
+      Retry{.max_attempts = max_attempts, .patience = std::chrono::milliseconds(patience)};
+}
+void ravelin_options_set_careful(ravelin_options* options) {
+  auto careful = Options::careful();
+  for (auto field :
+       {&Options::reject_http_errors, &Options::require_exact_ranges,
+        &Options::reject_changed_content, &Options::refuse_tls_downgrade,
+        &Options::accept_empty_content, &Options::report_write_errors, &Options::check_destination})
+    options->options.*field = careful.*field;
+}
+void ravelin_options_set_reject_http_errors(ravelin_options* options, bool on) {
+  options->options.reject_http_errors = on;
+}
+void ravelin_options_set_require_exact_ranges(ravelin_options* options, bool on) {
+  options->options.require_exact_ranges = on;
+}
+void ravelin_options_set_reject_changed_content(ravelin_options* options, bool on) {
+  options->options.reject_changed_content = on;
+}
+void ravelin_options_set_refuse_tls_downgrade(ravelin_options* options, bool on) {
+  options->options.refuse_tls_downgrade = on;
+}
+void ravelin_options_set_accept_empty_content(ravelin_options* options, bool on) {
+  options->options.accept_empty_content = on;
+}
+void ravelin_options_set_report_write_errors(ravelin_options* options, bool on) {
+  options->options.report_write_errors = on;
+}
+void ravelin_options_set_check_destination(ravelin_options* options, bool on) {
+  options->options.check_destination = on;
+}
+
+void ravelin_operation_set_options(ravelin_operation* operation, const ravelin_options* options) {
+  no_throw([&] { operation->operation->set_options(options->options); });
+}
+void ravelin_set_default_options(const ravelin_options* options) {
+  no_throw([&] { set_default_options(options->options); });
 }

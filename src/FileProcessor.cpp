@@ -18,9 +18,9 @@ using platform::FileManager;
 
 namespace {
 
-constexpr std::size_t most_record_bytes = 1024 * 1024; // a real one has less than one thousandth
+constexpr std::size_t max_record_size = 1024 * 1024; // real ones have less than 1 KiB
 
-/// Runs `step`; what it throws becomes a text error that begins with `message`.
+/// Runs `step`; an exception becomes a text error that starts with `message`.
 template <class Step> void with_message(const char* message, Step&& step) {
   try {
     step();
@@ -29,19 +29,19 @@ template <class Step> void with_message(const char* message, Step&& step) {
   }
 }
 
-void remove_if_there(FileManager& fm, const URL& url) {
+void remove_if_exists(FileManager& fm, const URL& url) {
   if (!fm.file_exists(url))
     return;
   try {
     fm.remove_item(url);
   } catch (const std::system_error& error) {
-    if (error.code().value() != ENOENT) // somebody else was faster
+    if (error.code().value() != ENOENT) // somebody else has removed it
       throw;
   }
 }
 
 std::shared_ptr<ResumeData> read_record(const URL& resume_file) {
-  return ResumeData::instance(platform::read_text(resume_file, most_record_bytes));
+  return ResumeData::instance(platform::read_text(resume_file, max_record_size));
 }
 
 } // namespace
@@ -54,17 +54,17 @@ void FileProcessor::setup() {
     platform::fatal("a file processor was set up without a destination");
   resume_file_url = prepare_resume_file_url(*main_file_url);
   exception.set(std::nullopt);
-  const bool continued = can_continue();
-  if (!continued) {
+  const bool resumed = can_continue();
+  if (!resumed) {
     reset_files();
     read_resume_data();
   }
-  open_main_file(continued);
+  open_main_file(resumed);
 }
 
 bool FileProcessor::can_continue() {
-  if (!fm.file_exists(*main_file_url) || !fm.file_exists(*resume_file_url) || !split_count ||
-      !content_len)
+  if (must_restart || !fm.file_exists(*main_file_url) || !fm.file_exists(*resume_file_url) ||
+      !split_count || !content_len)
     return false;
   read_resume_data();
   return main_sync([&]() MAIN_ONLY {
@@ -73,11 +73,11 @@ bool FileProcessor::can_continue() {
   });
 }
 
-void FileProcessor::open_main_file(bool continued) {
+void FileProcessor::open_main_file(bool resumed) {
   auto handle = platform::FileHandle::for_writing_to(*main_file_url);
   if (content_len) {
-    if (continued)
-      handle.cut(*content_len); // a longer file of earlier times may have been killed in its reset
+    if (resumed) // a process killed in `reset_files` may have left an old file that is longer
+      handle.cut(*content_len);
     handle.reserve(*content_len);
   }
   main_file_handle.emplace(std::move(handle));
@@ -85,11 +85,16 @@ void FileProcessor::open_main_file(bool continued) {
 
 void FileProcessor::reset_files() {
   const auto& resume_file = required_resume_file_url();
-  remove_if_there(fm, resume_file);
-  with_message("Couldn't create resume file: \n", [&] {
-    platform::write_text_atomically(resume_file, create_new_resume_data()->to_json());
-  });
-  remove_if_there(fm, *main_file_url);
+  // The record is replaced first, so that a partial file is never without one.
+  try {
+    with_message("Couldn't create resume file: \n", [&] {
+      platform::write_text_atomically(resume_file, create_new_resume_data()->to_json());
+    });
+  } catch (...) {
+    remove_if_exists(fm, resume_file);
+    throw;
+  }
+  remove_if_exists(fm, *main_file_url);
   fm.create_file(*main_file_url);
   bramblekit::ext_attr(*main_file_url)["lg_ignore"] = bramblekit::to_data("true");
   bramblekit::set_is_hidden(*main_file_url, true);
@@ -100,26 +105,30 @@ void FileProcessor::reset_files() {
 void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {
   file_write_grp.enter();
   queued_writes.push_back({pos, queued_count++});
-  file_write_queue.add([self = shared_from_this(), pos, bytes = std::move(bytes)] {
+  file_write_queue.async([self = shared_from_this(), pos, bytes = std::move(bytes)] {
     self->write_queued_bytes(pos, bytes);
     self->file_write_grp.leave();
   });
 }
 
-void FileProcessor::start_writes() {
-  file_write_queue.async([] {});
-}
-
 void FileProcessor::bg_wait_for_writes() {
-  file_write_queue.work_off(); // rather than wake a thread and wait for it
   file_write_grp.wait();
 }
 
 void FileProcessor::write_queued_bytes(std::int64_t pos, const Data& bytes) {
   if (!main_file_handle)
     platform::fatal("bytes were queued for a destination that is not open");
-  main_file_handle->write(pos, bytes);
-  main_file_handle->synchronize();
+  if (keeps_write_errors && exception.get())
+    return; // an earlier write is missing, so later ones must not be counted
+  try {
+    main_file_handle->write(pos, bytes);
+    main_file_handle->synchronize();
+  } catch (...) {
+    if (!keeps_write_errors)
+      throw;
+    exception.set(Error::current());
+    return;
+  }
   ++flushed_count;
 }
 
@@ -129,7 +138,7 @@ ResumeData FileProcessor::flushed_record() {
   while (!queued_writes.empty() && queued_writes.front().number < flushed_count)
     queued_writes.pop_front();
   auto record = resume_data->clone();
-  // The chunks of a part land in order: its first unflushed byte ends what may be counted.
+  // The chunks of a part are written in order, so only bytes before its first unflushed one count.
   for (const auto& write : queued_writes)
     for (const auto& part : record.parts)
       if (write.pos >= part->begin_pos)
@@ -147,7 +156,7 @@ void FileProcessor::update_resume_file() {
 
 void FileProcessor::async_update_resume_file() {
   file_write_grp.enter();
-  file_write_queue.add([self = shared_from_this()] {
+  file_write_queue.async([self = shared_from_this()] {
     try {
       self->update_resume_file();
     } catch (...) {
@@ -158,18 +167,18 @@ void FileProcessor::async_update_resume_file() {
 }
 
 void FileProcessor::delete_resume_file() {
-  remove_if_there(fm, required_resume_file_url());
+  remove_if_exists(fm, required_resume_file_url());
   platform::remove_temporary_of(required_resume_file_url());
 }
 
 void FileProcessor::delete_resume_file(const URL& main_file) {
   const auto resume_file = prepare_resume_file_url(main_file);
-  remove_if_there(FileManager::default_manager(), resume_file);
+  remove_if_exists(FileManager::default_manager(), resume_file);
   platform::remove_temporary_of(resume_file);
 }
 
 void FileProcessor::delete_main_file(const URL& main_file) {
-  remove_if_there(FileManager::default_manager(), main_file);
+  remove_if_exists(FileManager::default_manager(), main_file);
 }
 
 URL FileProcessor::prepare_resume_file_url(const URL& from) {
@@ -197,6 +206,8 @@ std::shared_ptr<ResumeData> FileProcessor::create_new_resume_data() const {
 void FileProcessor::read_resume_data() {
   with_message("Couldn't create resume data from file content: \n", [&] {
     auto record = read_record(required_resume_file_url());
+    if (!record->is_valid() || (bounds_counts && !record->has_counts_within_parts()))
+      throw TextError("its parts do not match its length");
     main_sync([&]() MAIN_ONLY { resume_data = std::move(record); });
   });
 }
@@ -206,7 +217,8 @@ std::shared_ptr<ResumeData> FileProcessor::read_resume_data(const URL& main_file
   if (!FileManager::default_manager().file_exists(resume_file))
     return nullptr;
   try {
-    return read_record(resume_file);
+    auto record = read_record(resume_file);
+    return record->has_countable_bytes() ? record : nullptr;
   } catch (...) {
     return nullptr;
   }
@@ -214,7 +226,7 @@ std::shared_ptr<ResumeData> FileProcessor::read_resume_data(const URL& main_file
 
 const URL& FileProcessor::required_resume_file_url() const {
   if (!resume_file_url)
-    platform::fatal("the place of the resume file is not known yet");
+    platform::fatal("the path of the resume file is not known yet");
   return *resume_file_url;
 }
 

@@ -5,7 +5,7 @@
 #include "platform/threads/guarded.h"
 #include "platform/threads/semaphore.h"
 #include "platform/threads/serial_queue.h"
-#include "platform/threads/thread_marks.h"
+#include "platform/threads/thread_annotations.h"
 #include "ravelin/error.h"
 #include "ravelin/url.h"
 #include "src/ResumeData.h"
@@ -20,33 +20,29 @@ namespace ravelin {
 
 class RavelinOperation;
 
-/// The destination file of one download and the small record beside it.
+/// The destination file of one download and its resume record.
 ///
 /// Threads: fields belong to the main thread unless their comment says otherwise; queued jobs run
-/// on `file_write_queue`, in whose order they come.
-/// Errors: `std::system_error` from the file system, unchanged; text errors of our own. A write
-/// that fails ends the process.
-/// Ownership: made and owned by one operation, which outlives it; queued jobs keep it alive.
+/// in order on `file_write_queue`.
+/// Errors: `std::system_error` from the file system, unchanged; otherwise text errors. A failed
+/// write terminates the process unless `keeps_write_errors` is set.
+/// Ownership: created and owned by one operation, which outlives it; queued jobs keep it alive.
 class FileProcessor : public std::enable_shared_from_this<FileProcessor> {
 public:
   using ResumeData = ravelin::ResumeData;
 
   explicit FileProcessor(RavelinOperation& owner_opr);
 
-  /// Prepares both files: continues with what is there if it fits, else begins anew. Opens the
-  /// destination and reserves room for it.
+  /// Keeps existing files if the download can be resumed, otherwise creates new ones. Opens the
+  /// destination and reserves space for it.
   void setup() BG_ONLY;
-  /// Queues `bytes` for the offset `pos` (bytes from the start of the file), followed by a flush,
-  /// and returns at once. It is `bg_wait_for_writes()` or `start_writes()` that gets the queue
-  /// going; one of them must follow, since others may wait for these bytes by now.
+  /// Queues a write and flush of `bytes` at the offset `pos` and returns at once.
   void async_write_bytes(std::int64_t pos, platform::Data bytes) MAIN_ONLY;
-  /// Has what is queued done in the background, and returns at once.
-  void start_writes();
-  /// Saves the record, whole or not at all. It counts no byte that is not flushed.
+  /// Saves the record atomically. It counts flushed bytes only.
   void update_resume_file();
-  /// Queues a save behind the writes queued so far, likewise; a failure is kept in `exception`.
+  /// Queues `update_resume_file()` after the writes queued so far. Stores a failure in `exception`.
   void async_update_resume_file();
-  /// Returns when what has been queued is done, by this thread or another.
+  /// Waits for the queued jobs.
   void bg_wait_for_writes() BG_ONLY;
   void delete_resume_file();
   static void delete_resume_file(const URL& main_file);
@@ -56,20 +52,23 @@ public:
   static URL prepare_resume_file_url(const URL& from);
   std::shared_ptr<ResumeData> create_new_resume_data() const;
   void read_resume_data();
-  /// None where there is no record or none that can be read.
+  /// Null if there is no readable record.
   static std::shared_ptr<ResumeData> read_resume_data(const URL& main_file);
 
   std::shared_ptr<ResumeData> resume_data MAIN_STATE;
-  // The next five are set before the first job is queued and not changed after.
+  // Set before the first job is queued, and not changed afterwards:
   std::optional<URL> resume_file_url;
   std::optional<std::int64_t> split_count;
   std::optional<std::int64_t> content_len; // bytes
   std::optional<std::string> server_side_date;
   std::optional<URL> main_file_url;
-  // Opened by `setup()`, then used on the write queue; closed by the owner once the group is empty.
+  bool must_restart = false;       // do not resume existing files
+  bool bounds_counts = false;      // reject records that count more bytes than their parts have
+  bool keeps_write_errors = false; // in `exception` instead of terminating the process
+  // Opened by `setup()`, used on the write queue, closed by the owner when the group is empty.
   std::optional<platform::FileHandle> main_file_handle;
   platform::FileManager& fm;
-  platform::DispatchGroup file_write_grp; // waited for by `bg_wait_for_writes()` only
+  platform::DispatchGroup file_write_grp; // see `bg_wait_for_writes()`
   platform::SerialQueue file_write_queue{"file_write_queue"};
   std::optional<platform::SerialQueue> suspended_file_queue; // never set
   RavelinOperation& owner_opr;
@@ -88,10 +87,10 @@ private:
   ResumeData flushed_record() MAIN_ONLY;
   const URL& required_resume_file_url() const;
 
-  std::deque<QueuedWrite> queued_writes MAIN_STATE; // not known to be flushed, oldest first
+  std::deque<QueuedWrite> queued_writes MAIN_STATE; // possibly unflushed, oldest first
   std::int64_t queued_count MAIN_STATE = 0;
-  // Counted by write jobs. Read on the main thread on behalf of a later job of the same queue, or
-  // after a wait for the group.
+  // Written by write jobs. The main thread reads it while a later job of the queue, or a thread
+  // that has waited for the group, waits for the main thread.
   std::int64_t flushed_count = 0;
 };
 

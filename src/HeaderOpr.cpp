@@ -21,25 +21,22 @@ using platform::URLSession;
 
 void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
   activate();
-  auto work = [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
-               closure = std::move(status_closure)] { self->bg_request(url, closure); };
-  if (auto* const waiting = std::exchange(own_work, nullptr))
-    waiting->take(std::move(work));
-  else
-    bg_async(0.0, std::move(work));
+  bg_async(0.0, [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
+                 closure = std::move(status_closure)] { self->bg_request(url, closure); });
 }
 
 void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
-  ephemeral_config = platform::URLSessionConfiguration::ephemeral();
+  const auto current = settings ? settings : platform::RequestSettings::snapshot();
+  safeguards = Safeguards(current->options);
+  ephemeral_config = platform::URLSessionConfiguration::ephemeral(current);
   ephemeral_session =
       URLSession::make(*ephemeral_config, std::static_pointer_cast<HeaderOpr>(shared_from_this()));
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;
   std::optional<Result> result;
   try {
-    platform::LentThread lent(ephemeral_session->delegate_queue(), *sema);
     main_sync([&]() MAIN_ONLY { start_task(url); });
-    lent.wait();
+    sema->wait();
     error = task_err;
     if (!error && recieved_response)
       result = required_result();
@@ -63,7 +60,7 @@ void HeaderOpr::start_task(const URL& url) {
 
 HeaderOpr::Result HeaderOpr::required_result() const {
   if (!ranges_accepted || !http_header || !server_side_date)
-    platform::fatal("a response came without its header");
+    platform::fatal("a response without a header");
   return {*ranges_accepted, *http_header, content_len, *server_side_date};
 }
 
@@ -79,7 +76,7 @@ void HeaderOpr::finish(std::optional<Error> error, std::optional<Result> result,
   else if (result)
     status_closure({Status::success{*std::move(result)}});
   else
-    platform::fatal("a header request ended with neither an answer nor an error");
+    platform::fatal("a header request ended with neither a response nor an error");
 }
 
 void HeaderOpr::cancel() {
@@ -103,6 +100,12 @@ void HeaderOpr::urlSession(URLSession&, platform::DataTask&,
     completionHandler(ResponseDisposition::cancel);
     return;
   }
+  if (auto refused = safeguards.refuse_header(didReceive)) {
+    task_err = std::move(refused);
+    completionHandler(ResponseDisposition::cancel);
+    return;
+  }
+  response = didReceive;
   http_header = didReceive.header_fields;
   const auto ranges = case_insensitive(*http_header, "Accept-Ranges");
   ranges_accepted = ranges && ranges->find("bytes") != std::string::npos;

@@ -4,8 +4,10 @@
 #include "platform/network/data_task.h"
 #include "platform/network/url_session.h"
 #include "platform/threads/semaphore.h"
-#include "platform/threads/thread_marks.h"
+#include "platform/threads/thread_annotations.h"
 #include "ravelin/lg_operation.h"
+#include "ravelin/response.h"
+#include "src/Safeguards.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,11 +18,11 @@
 
 namespace ravelin {
 
-/// Asks a link for its header and drops the body.
+/// Requests the header of a link and drops the body.
 ///
-/// Threads: `request` and `cancel` from any; the answer comes on the main thread. The fields that
-/// the delegate's queue fills are read after `sema` has been signalled.
-/// Errors: through the status. Ownership: the driver's; a request under way keeps it alive.
+/// Threads: any; the status is sent on the main thread. The fields that are filled on the delegate
+/// queue are read after `sema` was signalled.
+/// Errors: reported by the status. Ownership: the download's; a running request keeps it alive.
 class HeaderOpr final : public LGOperation, public platform::URLSessionDelegate {
 public:
   struct Result {
@@ -44,8 +46,11 @@ public:
   /// Returns at once. `status_closure` gets exactly one status, on the main thread.
   void request(const URL& url, StatusClosure status_closure);
   void cancel() override;
-  /// Set for the next `request` by a background thread that will wait for its end.
-  bramblekit::OwnWork* own_work = nullptr;
+  /// Set before `request`; null for the default options of the process.
+  std::shared_ptr<const platform::RequestSettings> settings;
+
+  /// The full response, after success.
+  platform::URLResponse response;
 
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
                   const platform::URLResponse& didReceive,
@@ -60,6 +65,7 @@ private:
   void finish(std::optional<Error> error, std::optional<Result> result,
               const StatusClosure& status_closure) MAIN_ONLY;
 
+  Safeguards safeguards;
   std::optional<platform::URLSessionConfiguration> ephemeral_config;
   std::shared_ptr<platform::URLSession> ephemeral_session;
   std::shared_ptr<platform::Semaphore> sema;
@@ -71,5 +77,8 @@ private:
   bool recieved_response = false;
   std::shared_ptr<platform::DataTask> data_task MAIN_STATE;
 };
+
+/// The response as applications see it.
+Response make_response(const platform::URLResponse& from, const HeaderOpr::Result& result);
 
 } // namespace ravelin

@@ -11,8 +11,8 @@ std::optional<std::int64_t> parse_decimal(std::string_view text) {
     text.remove_prefix(1);
   std::int64_t number = 0;
   const auto* const end = text.data() + text.size();
-  const auto [stopped_at, problem] = std::from_chars(text.data(), end, number, 10);
-  if (problem != std::errc() || stopped_at != end)
+  const auto [parsed_to, error] = std::from_chars(text.data(), end, number, 10);
+  if (error != std::errc() || parsed_to != end)
     return std::nullopt;
   return number;
 }

@@ -9,13 +9,13 @@
 
 namespace ravelin {
 
-/// The whole of `text` as a decimal number with an optional sign; nothing else passes.
+/// `text` as a decimal number with an optional sign; none if it is anything else.
 std::optional<std::int64_t> parse_decimal(std::string_view text);
 
-/// The announced length of the body, if there is a readable one.
+/// The value of "Content-Length"; none if missing or invalid.
 std::optional<std::int64_t> announced_length(const platform::HeaderFields& fields);
 
-/// Whether the platform says that the task was cancelled, which is nobody's error.
+/// Whether the error just means that the task was cancelled.
 bool is_platform_cancellation(const Error& error);
 
 } // namespace ravelin

@@ -19,27 +19,25 @@ using platform::URLSession;
 void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
                              StatusClosure status_closure) {
   activate();
-  main_sync([&]() MAIN_ONLY { stat_closure = status_closure; });
-  auto work = [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url, range,
-               closure = std::move(status_closure)] { self->bg_request(url, range, closure); };
-  if (auto* const waiting = std::exchange(own_work, nullptr))
-    waiting->take(std::move(work));
-  else
-    bg_async(0.0, std::move(work));
+  main_sync([&]() MAIN_ONLY {
+    stat_closure = status_closure;
+    asked_range = range;
+  });
+  bg_async(0.0, [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url,
+                 closure = std::move(status_closure)] { self->bg_request(url, closure); });
 }
 
-void PartialDataOpr::bg_request(const URL& url, const std::optional<BytesRange>& range,
-                                const StatusClosure& status_closure) {
-  asks_for_whole = !range;
-  ephemeral_config = platform::URLSessionConfiguration::ephemeral();
+void PartialDataOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
+  const auto current = settings ? settings : platform::RequestSettings::snapshot();
+  safeguards = Safeguards(current->options);
+  ephemeral_config = platform::URLSessionConfiguration::ephemeral(current);
   ephemeral_session = URLSession::make(
       *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;
   try {
-    platform::LentThread lent(ephemeral_session->delegate_queue(), *sema);
-    main_sync([&]() MAIN_ONLY { start_task(url, range, status_closure); });
-    lent.wait();
+    main_sync([&]() MAIN_ONLY { start_task(url, status_closure); });
+    sema->wait();
     error = task_err;
   } catch (...) {
     error = Error::current();
@@ -47,8 +45,7 @@ void PartialDataOpr::bg_request(const URL& url, const std::optional<BytesRange>&
   main_sync([&]() MAIN_ONLY { finish(std::move(error), status_closure); });
 }
 
-void PartialDataOpr::start_task(const URL& url, const std::optional<BytesRange>& range,
-                                const StatusClosure& status_closure) {
+void PartialDataOpr::start_task(const URL& url, const StatusClosure& status_closure) {
   if (is_cancelled())
     throw Exception();
   task_err.reset();
@@ -59,18 +56,16 @@ void PartialDataOpr::start_task(const URL& url, const std::optional<BytesRange>&
   platform::URLRequest request(url);
   request.cache_policy = platform::CachePolicy::use_protocol_cache_policy;
   request.time_out_interval = std::chrono::milliseconds(60'000);
-  if (range)
-    request.set_header_field("Range", "bytes=" + std::to_string(range->start) + "-" +
-                                          std::to_string(range->end));
+  request.range = asked_range;
   auto task = ephemeral_session->data_task(std::move(request));
   task->resume();
   data_task = std::move(task);
-  if (is_cancelled()) // by the callback just now, when there was no task yet
+  if (is_cancelled()) // by the callback, before there was a task
     data_task->cancel();
 }
 
 void PartialDataOpr::finish(std::optional<Error> error, const StatusClosure& status_closure) {
-  const auto taken = std::exchange(stat_closure, nullptr);
+  const auto keep = std::exchange(stat_closure, nullptr); // destroyed after the last call
   if (is_cancelled())
     error = to_error(Exception());
   free();
@@ -97,10 +92,10 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
     return;
   recieved_response = true;
   if (!didReceive.is_http)
-    platform::fatal("the content of a link came without an HTTP response");
+    platform::fatal("the response to a content request is not HTTP");
   http_header = didReceive.header_fields;
   content_len = announced_length(*http_header);
-  if (auto refused = refusal(didReceive)) {
+  if (auto refused = safeguards.refuse_response(didReceive, asked_range, expected_version)) {
     task_err = std::move(refused);
     completionHandler(platform::ResponseDisposition::cancel);
     return;
@@ -112,20 +107,16 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
   completionHandler(platform::ResponseDisposition::allow);
 }
 
-std::optional<Error> PartialDataOpr::refusal(const platform::URLResponse& response) const {
-  const auto& values = ephemeral_config->values;
-  if (!expected_version || (!values.reject_changed_content && !values.require_exact_ranges))
-    return std::nullopt;
-  auto expected = *expected_version;
-  if (!values.reject_changed_content)
-    expected = {.strong_etag = {}, .last_modified = {}, .total = expected.total};
-  const auto changed = difference(expected, ContentVersion::of(response));
-  return changed ? std::optional(changed_content_error(*changed)) : std::nullopt;
-}
-
-void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
+void PartialDataOpr::urlSession(URLSession&, platform::DataTask& dataTask,
                                 const platform::Data& didReceive) {
+  if (task_err)
+    return; // the task is being cancelled
   received_bytes += static_cast<std::int64_t>(didReceive.size());
+  task_err = safeguards.refuse_excess(received_bytes, asked_range, expected_version);
+  if (task_err) {
+    dataTask.cancel();
+    return;
+  }
   const bool cancelled =
       bramblekit::main_sync_in_turn([&]() MAIN_ONLY { count_and_deliver(didReceive); },
                                     [&]() MAIN_ONLY { return is_cancelled(); });
@@ -145,26 +136,12 @@ void PartialDataOpr::count_and_deliver(const platform::Data& chunk) {
 
 void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
                                 const std::optional<Error>& didCompleteWithError) {
-  if (didCompleteWithError && !is_platform_cancellation(*didCompleteWithError))
+  // If a safeguard refused the response, that error is kept.
+  if (!task_err && didCompleteWithError && !is_platform_cancellation(*didCompleteWithError))
     task_err = didCompleteWithError;
   if (!didCompleteWithError && !task_err)
-    task_err = wrong_length();
+    task_err = safeguards.refuse_length(received_bytes, asked_range, expected_version);
   sema->signal();
-}
-
-/// A body without a length of its own, or without a body at all, is no whole of the length that
-/// the header probe was told.
-std::optional<Error> PartialDataOpr::wrong_length() const {
-  if (!asks_for_whole || !expected_version || !expected_version->total ||
-      !ephemeral_config->values.require_exact_ranges)
-    return std::nullopt;
-  const auto total = *expected_version->total;
-  const auto got = received_bytes;
-  if (got == total)
-    return std::nullopt;
-  return to_error(URLLoadingError(
-      got < total ? URLError::network_connection_lost : URLError::bad_server_response,
-      "the server announced " + std::to_string(total) + " bytes and sent " + std::to_string(got)));
 }
 
 } // namespace ravelin

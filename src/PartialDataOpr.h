@@ -4,9 +4,10 @@
 #include "platform/network/data_task.h"
 #include "platform/network/url_session.h"
 #include "platform/threads/semaphore.h"
-#include "platform/threads/thread_marks.h"
+#include "platform/threads/thread_annotations.h"
 #include "ravelin/lg_operation.h"
 #include "src/ContentVersion.h"
+#include "src/Safeguards.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,20 +17,16 @@
 
 namespace ravelin {
 
-/// Fetches the body of a link, or one range of it, and hands it on chunk by chunk.
+/// Requests the content of a link, or one range of it, and passes it on in chunks.
 ///
-/// Threads: `request` and `cancel` from any; every status but `bg_after_receive_data` comes on the
-/// main thread. The fields that the delegate's queue fills are read after `sema` was signalled.
-/// Errors: through the status. Ownership: the driver's; a request under way keeps it alive.
+/// Threads: any; every status but `bg_after_receive_data` is sent on the main thread. The fields
+/// that are filled on the delegate queue are read after `sema` was signalled.
+/// Errors: reported by the status. Ownership: the download's; a running request keeps it alive.
 class PartialDataOpr final : public LGOperation, public platform::URLSessionDelegate {
 public:
-  /// Offsets into the resource, both inclusive.
-  struct BytesRange {
-    std::int64_t start = 0;
-    std::int64_t end = 0;
-  };
+  using BytesRange = platform::BytesRange;
   struct Progress {
-    float prog_value = 0.0F; // of this request's body; 0.0 when its length is unknown
+    float prog_value = 0.0F; // of this request's body; 0.0 if its length is not known
     platform::Data data;     // the chunk
   };
   struct Status {
@@ -52,14 +49,13 @@ public:
   };
   using StatusClosure = std::function<void(const Status&)>;
 
-  /// Returns at once. No `range` means the whole body.
+  /// Returns at once. Without `range`, requests the whole content.
   void request(const URL& url, std::optional<BytesRange> range, StatusClosure status_closure);
   void cancel() override;
-  /// Set for the next `request` by a background thread that will wait for its end.
-  bramblekit::OwnWork* own_work = nullptr;
+  /// Set before `request`; null for the default options of the process.
+  std::shared_ptr<const platform::RequestSettings> settings;
 
-  /// What the answer must be a version of, where changed content is to be rejected. Set before
-  /// `request`.
+  /// The version that the response must have, if changed content is rejected. Set before `request`.
   std::optional<ContentVersion> expected_version;
 
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
@@ -71,12 +67,8 @@ public:
                   const std::optional<Error>& didCompleteWithError) override;
 
 private:
-  void bg_request(const URL& url, const std::optional<BytesRange>& range,
-                  const StatusClosure& status_closure) BG_ONLY;
-  void start_task(const URL& url, const std::optional<BytesRange>& range,
-                  const StatusClosure& status_closure) MAIN_ONLY;
-  std::optional<Error> refusal(const platform::URLResponse& response) const;
-  std::optional<Error> wrong_length() const;
+  void bg_request(const URL& url, const StatusClosure& status_closure) BG_ONLY;
+  void start_task(const URL& url, const StatusClosure& status_closure) MAIN_ONLY;
   void count_and_deliver(const platform::Data& chunk) MAIN_ONLY;
   void finish(std::optional<Error> error, const StatusClosure& status_closure) MAIN_ONLY;
 
@@ -86,12 +78,13 @@ private:
   std::optional<platform::HeaderFields> http_header;
   std::optional<Error> task_err;
   bool recieved_response = false;
-  bool asks_for_whole = false;
-  std::int64_t received_bytes = 0; // of the delegate's queue, as are the four above
+  Safeguards safeguards;
+  std::optional<BytesRange> asked_range;
+  std::int64_t received_bytes = 0; // belongs to the delegate queue
   std::int64_t total_fetched_bytes MAIN_STATE = 0;
   std::optional<std::int64_t> content_len; // bytes of this request's body
-  // Written on the main thread; the delegate's queue reads it between the start and the completion
-  // of the task, when nobody writes.
+  // Written on the main thread before the task starts and after it has completed; read on the
+  // delegate queue in between.
   StatusClosure stat_closure;
   std::shared_ptr<platform::DataTask> data_task MAIN_STATE;
 };

@@ -5,6 +5,7 @@
 #include "bramblekit/main_thread.h"
 #include "bramblekit/stop_watch.h"
 #include "platform/threads/semaphore.h"
+#include "src/LinkIdentity.h"
 #include "src/RavelinOperation_impl.h"
 
 #include <algorithm>
@@ -22,25 +23,31 @@ using bramblekit::to_error;
 namespace {
 
 std::int64_t& download_limit() {
-  static std::int64_t limit = 5; // the main thread's
+  static std::int64_t limit = 5; // belongs to the main thread
   return limit;
 }
 
 } // namespace
 
-RavelinOperation::RavelinOperation() : impl_(std::make_unique<Impl>(*this)) {}
+RavelinOperation::RavelinOperation(Options options)
+    : impl_(std::make_unique<Impl>(*this, std::move(options))) {}
 
 RavelinOperation::~RavelinOperation() = default;
 
 std::shared_ptr<RavelinOperation> RavelinOperation::Impl::self() const {
   if (opr.weak_from_this().expired())
-    throw std::logic_error("make a RavelinOperation with std::make_shared");
+    throw std::logic_error("create a RavelinOperation with std::make_shared");
   return std::static_pointer_cast<RavelinOperation>(opr.shared_from_this());
+}
+
+void RavelinOperation::set_options(Options options) {
+  main_sync([&]() MAIN_ONLY { impl_->own_options = std::move(options); });
 }
 
 void RavelinOperation::resume(const URL& link, const URL& dest_file, bool split_allowed,
                               OnConflict on_conflict, StatusClosure status_closure) {
-  const auto keep = impl_->self(); // a callback may drop the application's last hold
+  platform::refuse_in_forked_child();
+  const auto keep = impl_->self(); // a callback may drop the last reference
   main_sync([&]() MAIN_ONLY {
     impl_->resume(link, dest_file, split_allowed, on_conflict, std::move(status_closure));
   });
@@ -52,9 +59,12 @@ void RavelinOperation::Impl::resume(const URL& link, const URL& dest_file, bool 
     refuse(std::move(status_closure));
     return;
   }
-  stat_closure = status_closure;
+  settings = platform::RequestSettings::snapshot(own_options);
+  stat_closure = std::make_shared<StatusClosure>(std::move(status_closure));
   should_clear_files = false;
   main_file_is_already_complete = false;
+  must_replace = false;
+  response.reset();
   error_during_activation.reset();
   opr_has_never_been_added_to_active_list = true;
   auto destination = dest_file;
@@ -62,21 +72,23 @@ void RavelinOperation::Impl::resume(const URL& link, const URL& dest_file, bool 
   Run run{link,
           destination,
           split_allowed,
-          std::move(status_closure),
+          stat_closure,
           error_during_activation,
-          main_file_is_already_complete};
+          main_file_is_already_complete,
+          must_replace};
   if (!pending_sema)
     start_flow(std::move(run));
-  else // later, as all events but the new name come after this has returned
+  else // later: of all events, only `renamed` may be sent before this returns
     MainQueue::async([this, keep = self(), run = std::make_shared<Run>(std::move(run))]()
                          MAIN_ONLY { handle_pending(std::move(*run)); });
 }
 
-/// Moves the callback on, so that it dies on the main thread with what it holds.
+/// Takes the callback by value, so that it is destroyed on the main thread.
 void RavelinOperation::Impl::refuse(StatusClosure status_closure) {
   const TextError busy("An operation is already in-progress for the destination file.");
   const Status status{Status::error{{CustomError::other{to_error(busy)}}}};
-  MainQueue::async([closure = std::move(status_closure), status] { send(closure, status); });
+  const auto closure = std::make_shared<StatusClosure>(std::move(status_closure));
+  MainQueue::async([closure, status] { send(closure, status); });
 }
 
 void RavelinOperation::Impl::start_flow(Run run) {
@@ -89,32 +101,40 @@ void RavelinOperation::Impl::bg_run(Run run) {
   main_sync([&]() MAIN_ONLY { complete(std::move(outcome), std::move(run)); });
 }
 
-std::optional<Error> RavelinOperation::Impl::bg_outcome(const Run& run) {
-  if (run.claim_error || run.is_complete)
+std::optional<Error> RavelinOperation::Impl::bg_outcome(Run& run) {
+  if (run.claim_error)
     return run.claim_error;
   try {
-    bg_request_http_header(run.link);
-    bg_start_connections(run.link, run.destination, run.split_allowed);
+    bg_lock_destination(run);
+    const bool needs_no_request =
+        run.is_complete &&
+        (!checks_destination() || origin_of(run.destination, run.link) == Origin::same_link);
+    if (!needs_no_request)
+      bg_download(run);
   } catch (...) {
     return Error::current();
   }
   return std::nullopt;
 }
 
-/// Takes the run: what its callback holds is the application's, and dies on the main thread.
+/// Takes the run by value, so that its callback is destroyed on the main thread.
 void RavelinOperation::Impl::complete(std::optional<Error> outcome, Run run) noexcept {
   stat_closure = nullptr;
   if (opr.is_cancelled()) {
     outcome = to_error(Exception());
+    should_clear_files = should_clear_files && may_clear(run);
     if (should_clear_files) {
       try {
         FileProcessor::delete_resume_file(run.destination);
         FileProcessor::delete_main_file(run.destination);
       } catch (...) {
-        // What cannot be deleted stays: the run was cancelled all the same.
+        // The run was cancelled even if its files cannot be deleted.
       }
     }
   }
+  if (destination_lock && destination_lock->is_complete())
+    destination_lock->finish();
+  destination_lock = nullptr; // before the next operation on the destination is woken
   special_free(run.destination);
   if (!outcome) {
     state = {State::successful{}};
@@ -130,7 +150,7 @@ void RavelinOperation::Impl::complete(std::optional<Error> outcome, Run run) noe
   }
 }
 
-CustomError RavelinOperation::Impl::make_custom_error(const Error& from) {
+CustomError make_custom_error(const Error& from) {
   const auto code = from.code();
   if (code == URLError::timed_out)
     return {CustomError::timeout{}};
@@ -159,17 +179,38 @@ std::string CustomError::text() const {
 
 void RavelinOperation::Impl::report(State new_state, const Status& status) {
   state = std::move(new_state);
-  const auto closure = stat_closure; // stays whole if the run should end inside the call
+  const auto closure = stat_closure; // the run may end inside the call and reset the field
   send(closure, status);
 }
 
-void RavelinOperation::Impl::send(const StatusClosure& closure, const Status& status) noexcept {
-  if (closure)
-    closure(status);
+void RavelinOperation::Impl::send(const std::shared_ptr<StatusClosure>& closure,
+                                  const Status& status) noexcept {
+  if (closure && *closure)
+    (*closure)(status);
 }
 
 State RavelinOperation::state() const {
   return main_sync([&]() MAIN_ONLY { return impl_->state; });
+}
+
+std::optional<Response> RavelinOperation::response() const {
+  return main_sync([&]() MAIN_ONLY { return impl_->response; });
+}
+
+RavelinOperation::Speed RavelinOperation::speed() const {
+  return main_sync([&]() MAIN_ONLY {
+    Speed speed;
+    const auto* const now = impl_->state.get_if<State::downloading>();
+    if (!now)
+      return speed;
+    speed.bytes_per_second = impl_->speed_meter.rate();
+    if (now->progress.content_length && speed.bytes_per_second > 0) {
+      const auto rest = *now->progress.content_length - now->progress.received_bytes;
+      speed.left = std::chrono::seconds(
+          static_cast<std::int64_t>(static_cast<double>(rest) / speed.bytes_per_second + 0.5));
+    }
+    return speed;
+  });
 }
 
 float RavelinOperation::progress_snap_interval() const {

@@ -11,15 +11,15 @@
 #include <cerrno>
 #include <utility>
 
-// Claiming the destination, waiting for it, and giving it back.
+// Claiming the destination, waiting for it, and releasing it.
 
 namespace ravelin {
 
 using bramblekit::error_msg;
 using bramblekit::main_sync;
 using bramblekit::to_error;
-using platform::AsyncSemaphore;
 using platform::FileManager;
+using platform::OneShotEvent;
 
 namespace {
 
@@ -28,7 +28,7 @@ constexpr const char* source_file = "src/RavelinOperation";
 } // namespace
 
 std::map<URL, std::shared_ptr<RavelinOperation>>& RavelinOperation::Impl::active_oprs_dict() {
-  // Never destroyed: downloads may be under way while the process leaves `main`.
+  // Never destroyed: downloads may still be running when `main` returns.
   static auto& dict = *new std::map<URL, std::shared_ptr<RavelinOperation>>;
   return dict;
 }
@@ -111,12 +111,17 @@ void RavelinOperation::Impl::claim_for(URL& url, OnConflict on_conflict) {
           EISDIR, std::system_category(), "could not write to '" + url.path().native() + "'"));
     } else {
       main_file_is_already_complete = true;
+      if (checks_destination())
+        claim(url); // the file may be incomplete after all
     }
     return;
   case OnConflict::replace:
     if (busy) {
       busy->opr->cancel_and_clear_files();
       wait_for_identical_or_claim_again(*busy->opr, url, on_conflict);
+    } else if (checks_destination() && !FileManager::default_manager().is_directory(url)) {
+      must_replace = true; // nothing is deleted before the server has answered
+      claim(url);
     } else if (delete_files(url)) {
       claim(url);
     }
@@ -125,7 +130,7 @@ void RavelinOperation::Impl::claim_for(URL& url, OnConflict on_conflict) {
     if (!rename_dest_file(url))
       return;
     if (get_active_opr(url))
-      claim_for(url, on_conflict); // the callback let another one have the new name
+      claim_for(url, on_conflict); // an operation started in the callback has the new name
     else
       claim(url);
     return;
@@ -144,7 +149,7 @@ void RavelinOperation::Impl::wait_for_identical_or_claim_again(RavelinOperation&
                                                                OnConflict on_conflict) {
   if (get_active_opr(url).get() == &other)
     wait_for_identical(*other.impl_, url);
-  else // its callback let it end, or let another one have the destination
+  else // in its callback it ended, or another operation claimed the destination
     claim_for(url, on_conflict);
 }
 
@@ -155,7 +160,7 @@ void RavelinOperation::Impl::refuse_claim(const char* message, std::int64_t line
 
 void RavelinOperation::Impl::claim(const URL& url) {
   if (!pending_sema && is_download_limit_reached()) {
-    pending_sema = std::make_shared<AsyncSemaphore>();
+    pending_sema = std::make_shared<OneShotEvent>();
     is_pending_for_identical_opr = false;
   }
   add_active_opr(self(), url);
@@ -163,7 +168,7 @@ void RavelinOperation::Impl::claim(const URL& url) {
 }
 
 void RavelinOperation::Impl::wait_for_identical(Impl& other, const URL& url) {
-  pending_sema = std::make_shared<AsyncSemaphore>();
+  pending_sema = std::make_shared<OneShotEvent>();
   is_pending_for_identical_opr = true;
   other.pending_identical_opr = self();
   add_active_opr(self(), url);
@@ -197,22 +202,22 @@ bool RavelinOperation::Impl::delete_files(const URL& url) {
   }
 }
 
-/// No thread waits for the turn: thousands of operations may.
+/// Does not block a thread, since thousands of operations may be waiting.
 void RavelinOperation::Impl::handle_pending(Run run) noexcept {
-  const auto sema = pending_sema; // the callback, or who wakes this one, may clear the field
+  const auto sema = pending_sema; // the field may be cleared, also by the callback
   if (sema && !state.holds<State::cancelling>())
     report({State::pending{}}, {Status::pending{}});
   if (sema)
     sema->wait([this, keep = self(), run = std::make_shared<Run>(std::move(run))]()
-                   MAIN_ONLY { take_turn(std::move(*run)); });
+                   MAIN_ONLY { start_after_wait(std::move(*run)); });
   else
-    take_turn(std::move(run));
+    start_after_wait(std::move(run));
 }
 
-void RavelinOperation::Impl::take_turn(Run run) noexcept {
+void RavelinOperation::Impl::start_after_wait(Run run) noexcept {
   if (!opr.is_cancelled())
     start_flow(std::move(run));
-  else // there is nothing to do in the background; later, since somebody's cancel is under way
+  else // nothing to do in the background; later, since this may be called by `cancel()`
     MainQueue::async(
         [this, keep = self(), run = std::make_shared<Run>(std::move(run))]()
             MAIN_ONLY { complete(to_error(bramblekit::Exception()), std::move(*run)); });
@@ -238,8 +243,8 @@ void RavelinOperation::Impl::finalize_active_opr(const URL& url) {
     if (const auto next = std::exchange(pending_identical_opr, nullptr)) {
       auto& successor = *next->impl_;
       successor.is_pending_for_identical_opr = false;
-      // One that was cancelled meanwhile downloads nothing and needs no slot; a third operation on
-      // the same file may have taken its place in the list, where nobody would find it again.
+      // A cancelled one needs no slot. It must be woken now: a third operation on the same file may
+      // have replaced it in the list, so it would not be found later.
       if (!limit_reached || next->is_cancelled())
         successor.stop_waiting();
       return;

@@ -10,20 +10,22 @@ namespace ravelin {
 using bramblekit::main_sync;
 
 void RavelinOperation::cancel() {
-  const auto keep = weak_from_this().lock(); // the callback may drop the last hold
+  const auto keep = weak_from_this().lock(); // a callback may drop the last reference
   main_sync([&]() MAIN_ONLY { impl_->cancel(); });
 }
 
 void RavelinOperation::Impl::cancel() {
-  const bool said = state.holds<State::cancelling>(); // and its callback cancels once more
-  if (opr.is_busy() && !opr.is_cancelled() && !said)
+  const bool is_reported = state.holds<State::cancelling>(); // if its callback cancels again
+  if (opr.is_busy() && !opr.is_cancelled() && !is_reported)
     report({State::cancelling{}}, {Status::cancelling{}});
   opr.LGOperation::cancel();
   if (header_opr)
     header_opr->cancel();
-  const auto requests = partial_data_oprs; // one that ends meanwhile leaves the set
+  const auto requests = partial_data_oprs; // requests that end are removed from the set
   for (const auto& request : requests)
     request->cancel();
+  if (retry_wait)
+    retry_wait->interrupt();
   if (pending_sema && !is_pending_for_identical_opr)
     stop_waiting();
 }
@@ -50,8 +52,9 @@ void RavelinOperation::clear_files(const URL& dest_file) {
   try {
     FileProcessor::delete_main_file(dest_file);
     FileProcessor::delete_resume_file(dest_file);
+    DestinationLock::clear(dest_file);
   } catch (...) {
-    // A main file that cannot be removed keeps its record.
+    // A file that cannot be deleted keeps its record.
   }
 }
 

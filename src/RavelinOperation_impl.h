@@ -3,13 +3,18 @@
 #include "bramblekit/background.h"
 #include "bramblekit/stop_watch.h"
 #include "platform/data.h"
+#include "platform/network/retry_wait.h"
 #include "platform/threads/semaphore.h"
-#include "platform/threads/thread_marks.h"
+#include "platform/threads/thread_annotations.h"
 #include "ravelin/ravelin_operation.h"
 #include "src/ContentVersion.h"
+#include "src/DestinationLock.h"
 #include "src/FileProcessor.h"
 #include "src/HeaderOpr.h"
+#include "src/PartSchedule.h"
 #include "src/PartialDataOpr.h"
+#include "src/RetryPolicy.h"
+#include "src/SpeedMeter.h"
 
 #include <cstdint>
 #include <map>
@@ -22,24 +27,28 @@
 
 namespace ravelin {
 
-/// The private half of an operation.
+/// The implementation of an operation.
 ///
 /// Threads: fields and functions belong to the main thread unless they are marked otherwise.
-/// Errors: a run's error travels as an exception to `complete`, which turns it into an event.
+/// Errors: thrown, and passed to `complete`, which turns them into the final event.
 /// Ownership: the operation's; background work keeps the operation alive.
 class RavelinOperation::Impl {
 public:
-  explicit Impl(RavelinOperation& operation) : opr(operation) {}
+  static constexpr double save_interval = 0.1; // seconds between saves of the record
+
+  Impl(RavelinOperation& operation, Options its_options)
+      : opr(operation), own_options(std::move(its_options)) {}
   static Impl& of(RavelinOperation& operation) { return *operation.impl_; }
 
-  /// One call of `resume`, and what came of claiming the destination.
+  /// One call of `resume`, and the result of claiming the destination.
   struct Run {
     URL link;
     URL destination;
     bool split_allowed;
-    StatusClosure status_closure;
+    std::shared_ptr<StatusClosure> status_closure;
     std::optional<Error> claim_error;
     bool is_complete;
+    bool must_restart; // replace existing files once the server has answered
   };
 
   // The public flow.
@@ -47,14 +56,13 @@ public:
               StatusClosure status_closure) MAIN_ONLY;
   void start_flow(Run run);
   void bg_run(Run run) BG_ONLY;
-  std::optional<Error> bg_outcome(const Run& run) BG_ONLY;
+  std::optional<Error> bg_outcome(Run& run) BG_ONLY;
   void complete(std::optional<Error> outcome, Run run) noexcept MAIN_ONLY;
   static void refuse(StatusClosure status_closure);
-  static CustomError make_custom_error(const Error& from);
   void report(State new_state, const Status& status) MAIN_ONLY;
-  /// The one event that is sent where it happens, on a background thread.
+  /// For the one event that is sent on a background thread.
   void report_off_main(const Status& status) const { send(stat_closure, status); }
-  static void send(const StatusClosure& closure, const Status& status) noexcept;
+  static void send(const std::shared_ptr<StatusClosure>& closure, const Status& status) noexcept;
   std::shared_ptr<RavelinOperation> self() const;
 
   // Claiming the destination.
@@ -83,42 +91,72 @@ public:
   static void remove_active_opr(const URL& url) MAIN_ONLY;
   static bool is_download_limit_reached() MAIN_ONLY;
   void handle_pending(Run run) noexcept MAIN_ONLY;
-  void take_turn(Run run) noexcept MAIN_ONLY;
+  void start_after_wait(Run run) noexcept MAIN_ONLY;
   void special_free(const URL& dest_file);
   void finalize_active_opr(const URL& url);
   void stop_waiting() MAIN_ONLY;
   static std::map<URL, std::shared_ptr<RavelinOperation>>& active_oprs_dict() MAIN_ONLY;
   static std::vector<std::shared_ptr<RavelinOperation>>& active_oprs_ary() MAIN_ONLY;
 
+  // Attempts.
+  void bg_download(Run& run) BG_ONLY;
+  Remedy judge(RetryPolicy& policy, const Error& error, const Run& run, bool split) MAIN_ONLY;
+  void bg_wait_to_retry(std::chrono::milliseconds time) BG_ONLY;
+  void log(const std::string& line) const noexcept MAIN_ONLY;
+
+  // Checking the files at the destination.
+  static void remove_marks(const URL& file);
+  bool checks_destination() const;
+  void bg_lock_destination(Run& run) BG_ONLY;
+  bool bg_is_complete(const Run& run) BG_ONLY;
+  void bg_check_unfinished(const Run& run) BG_ONLY;
+  bool must_restart(const Run& run) const;
+  bool may_clear(const Run& run) const MAIN_ONLY;
+  void check_finished_file() const MAIN_ONLY;
+
   // The transfer.
   void bg_request_http_header(const URL& link) BG_ONLY;
-  void bg_start_connections(const URL& link, const URL& dest_file, bool split_allowed) BG_ONLY;
-  bool bg_prepare_files(const URL& dest_file, bool split_allowed) BG_ONLY;
-  void reject_changed_content() MAIN_ONLY;
-  void start_parts(const URL& link, bool should_split, bramblekit::OwnWork& own_part) MAIN_ONLY;
-  void start_download(const URL& link, std::int64_t part_index, bool use_range,
-                      bramblekit::OwnWork& own_part) MAIN_ONLY;
+  void bg_start_connections(Run& run, bool split_allowed) BG_ONLY;
+  bool bg_prepare_files(Run& run, bool split_allowed) BG_ONLY;
+  void check_content(const URL& link) MAIN_ONLY;
+  void save_if_behind() MAIN_ONLY;
+  void finish_files() MAIN_ONLY;
+  void save_received() noexcept MAIN_ONLY;
+
+  // The parts of the transfer.
+  void start_parts(const URL& link, bool should_split) MAIN_ONLY;
+  void start_waiting_parts(const URL& link) MAIN_ONLY;
+  void start_download(const URL& link, std::int64_t part_index, bool use_range) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;
   Progress advance_progress() MAIN_ONLY;
   void bg_after_receive_data(PartialDataOpr& request) BG_ONLY;
-  void end_part(const std::shared_ptr<PartialDataOpr>& request) MAIN_ONLY;
-  void finish_files() MAIN_ONLY;
-  void save_what_came() noexcept MAIN_ONLY;
+  bool requeue_part(const URL& link, std::int64_t part_index, const Error& error) MAIN_ONLY;
+  void replace_slow_part() MAIN_ONLY;
+  void end_part(const URL& link, std::int64_t part_index,
+                const std::shared_ptr<PartialDataOpr>& request) MAIN_ONLY;
 
   // Cancellation.
   void cancel() MAIN_ONLY;
 
-  RavelinOperation& opr; // the operation that this is the private half of
+  RavelinOperation& opr;
+  Options own_options MAIN_STATE;
+  // Fixed when a run starts; read by its background flow.
+  std::shared_ptr<const platform::RequestSettings> settings;
   State state MAIN_STATE{State::none{}};
   bool is_header_received MAIN_STATE = false;
   bool ranges_accepted MAIN_STATE = false;
   std::optional<std::int64_t> content_len MAIN_STATE; // bytes
   std::string server_side_date MAIN_STATE;
   ContentVersion probed_version MAIN_STATE;
-  // Made by the background flow before any request starts; every reader is reached from there
-  // through a hop to the main thread.
+  std::optional<Response> response MAIN_STATE;
+  // Set by the background flow before it starts a request, which it does through the main thread.
   std::shared_ptr<FileProcessor> file_proc;
   bramblekit::StopWatch watch MAIN_STATE;
+  bool is_record_behind MAIN_STATE = false; // chunks arrived since the last save was queued
+  SpeedMeter speed_meter MAIN_STATE;
+  PartSchedule parts MAIN_STATE;
+  std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry
+  std::unique_ptr<DestinationLock> destination_lock; // belongs to the background flow while it runs
   const std::int64_t split_count = parts_when_split;
   std::shared_ptr<platform::Semaphore> data_opr_sema MAIN_STATE;
   std::optional<Error> download_exception MAIN_STATE;
@@ -128,13 +166,14 @@ public:
   std::shared_ptr<HeaderOpr> header_opr MAIN_STATE;
   std::set<std::shared_ptr<PartialDataOpr>> partial_data_oprs MAIN_STATE;
   std::shared_ptr<RavelinOperation> pending_identical_opr MAIN_STATE;
-  // Set on the main thread before a run's background flow begins and cleared after it has ended.
-  StatusClosure stat_closure;
+  // Set on the main thread before the background flow of a run starts, cleared after it has ended.
+  std::shared_ptr<StatusClosure> stat_closure; // not copied, since it may have state
   bool should_clear_files MAIN_STATE = false;
   bool main_file_is_already_complete MAIN_STATE = false;
+  bool must_replace MAIN_STATE = false; // the run must delete the old files
   std::optional<Error> error_during_activation MAIN_STATE;
   bool opr_has_never_been_added_to_active_list MAIN_STATE = false;
-  std::shared_ptr<platform::AsyncSemaphore> pending_sema MAIN_STATE;
+  std::shared_ptr<platform::OneShotEvent> pending_sema MAIN_STATE;
   bool is_pending_for_identical_opr MAIN_STATE = false;
 };
 

@@ -2,6 +2,8 @@
 
 #include "platform/fatal.h"
 
+#include <algorithm>
+
 namespace ravelin {
 
 using bramblekit::KeyedDecoder;
@@ -41,6 +43,35 @@ void ResumeData::decode(const KeyedDecoder& from) {
   });
 }
 
+bool ResumeData::is_valid() const {
+  if (content_length.value_or(0) < 0)
+    return false;
+  auto expected = is_splitted && content_length
+                      ? split_into_parts(*content_length, parts_when_split)
+                      : split_into_parts(content_length.value_or(-1), 1);
+  return std::ranges::equal(parts, expected,
+                            [](const auto& found, const auto& made) {
+                              const auto length = made->total_bytes_expected;
+                              return found->begin_pos == made->begin_pos &&
+                                     found->total_bytes_expected == length &&
+                                     found->curr_bytes >= 0;
+                            }) &&
+         has_countable_bytes();
+}
+
+bool ResumeData::has_counts_within_parts() const {
+  return std::ranges::all_of(parts, [](const auto& part) {
+    return part->total_bytes_expected < 0 || part->curr_bytes <= part->total_bytes_expected;
+  });
+}
+
+bool ResumeData::has_countable_bytes() const {
+  std::int64_t sum = 0;
+  return std::ranges::none_of(parts, [&sum](const auto& part) {
+    return __builtin_add_overflow(sum, part->curr_bytes, &sum);
+  });
+}
+
 std::int64_t ResumeData::received_bytes() const {
   std::int64_t sum = 0;
   for (const auto& part : parts)
@@ -63,12 +94,12 @@ std::vector<std::shared_ptr<ResumeData::Part>> split_into_parts(std::int64_t len
   if (split_count == 0)
     return parts;
   const auto size = length / split_count;
-  const auto left_over = checked_subtract(length, checked_multiply(size, split_count));
+  const auto remainder = checked_subtract(length, checked_multiply(size, split_count));
   for (std::int64_t i = 0; i < split_count; ++i) {
     const auto begin = checked_multiply(i, size);
     auto end = checked_subtract(checked_add(begin, size), 1);
     if (i == split_count - 1)
-      end = checked_add(end, left_over);
+      end = checked_add(end, remainder);
     auto part = std::make_shared<ResumeData::Part>();
     part->begin_pos = begin;
     part->total_bytes_expected = checked_add(checked_subtract(end, begin), 1);

@@ -11,17 +11,17 @@
 
 namespace ravelin {
 
-/// How many ranges a download is divided into when it is split.
+/// Number of parts of a split download.
 inline constexpr std::int64_t parts_when_split = 5;
 
-/// How a download is divided and how much of each part has come: the content of the resume file.
+/// The content of the resume file: the parts of a download and how much of each was received.
 ///
-/// Threads: a live record belongs to the main thread.
+/// Threads: the record of a running download belongs to the main thread.
 struct ResumeData : bramblekit::Convertible<ResumeData> {
   /// A range of the file. The next bytes go to `begin_pos + curr_bytes`.
   struct Part : bramblekit::Convertible<Part> {
     std::int64_t begin_pos = 0;
-    std::int64_t total_bytes_expected = 0; // -1 when the whole length is unknown
+    std::int64_t total_bytes_expected = 0; // -1 if the content length is not known
     std::int64_t curr_bytes = 0;
 
     void encode(bramblekit::KeyedEncoder& to) const;
@@ -31,19 +31,27 @@ struct ResumeData : bramblekit::Convertible<ResumeData> {
   std::string server_side_date;
   std::optional<std::int64_t> content_length; // bytes
   bool is_splitted = false;
-  std::vector<std::shared_ptr<Part>> parts; // by ascending begin_pos
+  std::vector<std::shared_ptr<Part>> parts; // sorted by begin_pos
 
-  /// The sum over all parts. Ends the process on overflow.
+  /// Whether this library can have written it: the parts are those for its length, and the sum of
+  /// their bytes does not overflow.
+  bool is_valid() const;
+  /// Whether no part counts more bytes than it has, which is possible only if servers may send more
+  /// than requested.
+  bool has_counts_within_parts() const;
+  /// Whether the sum over all parts does not overflow.
+  bool has_countable_bytes() const;
+  /// The sum over all parts. Aborts on overflow.
   std::int64_t received_bytes() const;
-  /// A record of its own with its own parts.
+  /// A deep copy.
   ResumeData clone() const;
 
   void encode(bramblekit::KeyedEncoder& to) const;
   void decode(const bramblekit::KeyedDecoder& from);
 };
 
-/// `split_count` ranges that cover `length` bytes; the last one takes what is left over. Ends the
-/// process on a negative count and on overflow.
+/// `split_count` ranges that cover `length` bytes; the last one gets the remainder. Aborts on a
+/// negative count and on overflow.
 std::vector<std::shared_ptr<ResumeData::Part>> split_into_parts(std::int64_t length,
                                                                 std::int64_t split_count);
 

@@ -1,4 +1,4 @@
-"""Measures the program against others, in turns. `script/bench` builds it first and calls this.
+"""Compares the program with others. `script/bench` builds it and then runs this.
 
   python3 -m bench.compare [--quick] BUILD-FOLDER [CASE...]
 """
@@ -21,7 +21,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
 class Bench:
-    """The folders, the server and the served files of one call."""
+    """The folders, the server and the served files of one run."""
 
     def __init__(self, build, quick):
         self.quick = quick
@@ -32,34 +32,34 @@ class Bench:
         self.clients = clients.programs(self.ravelin)
         self.ram = pathlib.Path("/dev/shm")
         self.disk = pathlib.Path(tempfile.gettempdir())
-        self._check_room()
-        self._own = [pathlib.Path(tempfile.mkdtemp(prefix="ravelin-bench-", dir=where))
-                     for where in (self.ram, self.disk)]
-        self._root = self._own[0]
-        (self._own[1] / "server").mkdir()
+        self._check_space()
+        self._folders = [pathlib.Path(tempfile.mkdtemp(prefix="ravelin-bench-", dir=where))
+                         for where in (self.ram, self.disk)]
+        self._root = self._folders[0]
+        (self._folders[1] / "server").mkdir()
         self.server = None
 
     def __enter__(self):
-        self.server = Server(self._own[1] / "server", self._root)
+        self.server = Server(self._folders[1] / "server", self._root)
         return self
 
     def __exit__(self, *_):
         if self.server:
             self.server.stop()
-        for folder in self._own:
+        for folder in self._folders:
             shutil.rmtree(folder, ignore_errors=True)
 
-    def _check_room(self):
+    def _check_space(self):
         needed = self.size(2 * GIB) * 4
         free = min(shutil.disk_usage(self.ram).free, machine.memory_bytes("MemAvailable"))
         if free < needed:
-            raise SystemExit(f"bench: {needed // MIB} MiB of memory are needed for files in "
-                             f"{self.ram}, and {free // MIB} are free")
+            raise SystemExit(f"bench: files in {self.ram} need {needed // MIB} MiB of memory; "
+                             f"{free // MIB} MiB are free")
         if shutil.disk_usage(self.disk).free < needed:
             raise SystemExit(f"bench: {needed // MIB} MiB are needed in {self.disk}; "
-                             "TMPDIR names another folder")
+                             "set TMPDIR to another folder")
         if machine.file_system(self.disk).startswith("tmpfs"):
-            raise SystemExit(f"bench: {self.disk} is in memory; TMPDIR names a folder on a disk")
+            raise SystemExit(f"bench: {self.disk} is in memory; set TMPDIR to a folder on disk")
 
     def say(self, text):
         print(text, flush=True)
@@ -68,7 +68,7 @@ class Bench:
         return full // 8 if self.quick else full
 
     def served(self, size):
-        """A random file of that size, in memory.."""
+        """A random file of that size, in memory."""
         file = self._root / f"{size}.bin"
         if not file.exists():
             with open(file, "wb") as out:
@@ -90,51 +90,51 @@ class Bench:
         os.truncate(file, size)
         return file
 
-    def forget_served(self):
-        """Memory that one case has used is there for the next."""
+    def delete_served(self):
+        """Frees the memory for the next case."""
         for one in self._root.iterdir():
             shutil.rmtree(one) if one.is_dir() else one.unlink()
 
 
-def arguments():
+def parse_arguments():
     parser = argparse.ArgumentParser(prog="script/bench")
     parser.add_argument("--quick", action="store_true",
-                        help="an eighth of the sizes, two rounds, and no documents written")
+                        help="an eighth of the sizes, two rounds, no files written")
     parser.add_argument("build", type=pathlib.Path, help=argparse.SUPPRESS)
     parser.add_argument("cases", nargs="*", metavar="CASE", help=", ".join(CASES))
-    given = parser.parse_args()
-    for case in given.cases:
+    options = parser.parse_args()
+    for case in options.cases:
         if case not in CASES:
-            parser.error(f"there is no case '{case}'; there are {', '.join(CASES)}")
-    return given
+            parser.error(f"unknown case '{case}'; the cases are {', '.join(CASES)}")
+    return options
 
 
 def main():
-    given = arguments()
+    options = parse_arguments()
     results = report.Results(ROOT / "docs/benchmarks", machine.describe("/dev/shm",
                                                                         tempfile.gettempdir()))
-    with Bench(given.build.resolve(), given.quick) as bench:
-        for name in given.cases or CASES:
+    with Bench(options.build.resolve(), options.quick) as bench:
+        for name in options.cases or CASES:
             bench.say(f"\n== {name}")
             result = CASES[name](bench)
             result = {"rounds": bench.rounds, **result, "commit": machine.commit(ROOT),
                       "date": datetime.date.today().isoformat()}
             results.add(name, result, machine.versions())
             bench.say(report.tables({name: result}))
-            bench.forget_served()
-            if not given.quick:
+            bench.delete_served()
+            if not options.quick:
                 results.save()
-    if given.quick:
-        bench.say("Sizes are an eighth; targets hold for whole ones.\n")
-    bench.say(report.target_table(results.measured_now if given.quick else results.cases))
-    if not given.quick:
+    if options.quick:
+        bench.say("These are an eighth of the sizes that the targets are meant for.\n")
+    bench.say(report.target_table(results.new_cases if options.quick else results.cases))
+    if not options.quick:
         report.write(ROOT / "docs", results)
         bench.say("written: docs/benchmarks.md")
 
 
 if __name__ == "__main__":
     for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda got, _: sys.exit(128 + got))
+        signal.signal(number, lambda received, _: sys.exit(128 + received))
     try:
         main()
     except KeyboardInterrupt:

@@ -1,4 +1,4 @@
-"""What is measured. Each case returns its samples by client, and what its tables need besides."""
+"""The measured cases. Each returns its samples by client and other data for its tables."""
 
 import json
 import os
@@ -12,14 +12,14 @@ from .trial import Entry, Trial, median
 MIB, GIB = 1 << 20, 1 << 30
 
 
-def one_file(bench, size, where, base, names, count_of=()):
-    """One file by each client in turns, and the flushes of those of ours that are named."""
+def one_file(bench, size, where, base, names, count_flushes_of=()):
+    """Measures one file by each client, and counts the flushes of the named ones."""
     served = bench.served(size)
     with Trial(bench, where, bench.rounds) as trial:
         entries = {name: Entry(bench.clients[name], base, {f"/{served.name}": served})
                    for name in names}
         result = {"bytes": size, "clients": trial.measure(list(entries.values()))}
-        for name in count_of:
+        for name in count_flushes_of:
             result["clients"][bench.clients[name].name]["flushes"] = \
                 trial.count_flushes(entries[name])
     return result
@@ -72,7 +72,7 @@ def small_cases(bench):
 
 
 def many(bench):
-    """The same bytes as one file, as ten and as a hundred."""
+    """The same number of bytes as one file, ten files and a hundred files."""
     total = bench.size(2000 * MIB)
     entries = []
     for count in (1, 10, 100):
@@ -85,7 +85,7 @@ def many(bench):
 
 
 def memory(bench):
-    """Peak memory by the size of the file."""
+    """Peak memory by file size."""
     result = {}
     with Trial(bench, bench.ram, min(bench.rounds, 3)) as trial:
         for size in (64 * MIB, 512 * MIB, 2 * GIB):
@@ -97,7 +97,7 @@ def memory(bench):
 
 
 def first_byte(command, environment):
-    """Seconds until the program tells of the first bytes, and until it has ended."""
+    """Seconds until the program reports the first bytes, and until it exits."""
     start = time.monotonic()
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env=environment) as process:
         first = None
@@ -105,12 +105,12 @@ def first_byte(command, environment):
             if first is None and '"downloading"' in line:
                 first = time.monotonic() - start
     if process.returncode != 0:
-        raise SystemExit("bench: the continuation failed")
+        raise SystemExit("bench: the resumed download failed")
     return first, time.monotonic() - start
 
 
 def interrupt_soon(command, file, environment):
-    """Starts a slow download and stops it in good order, once a part of it is on record."""
+    """Starts a slow download and stops it cleanly once part of it is recorded."""
     record = file.parent / f".{file.stem}.lgresume"
     with subprocess.Popen(command, env=environment, stderr=subprocess.DEVNULL) as process:
         while process.poll() is None:
@@ -122,7 +122,7 @@ def interrupt_soon(command, file, environment):
 
 
 def nearly_complete(file, record, missing):
-    """Moves the record of a real start to where only the last bytes of each part are missing."""
+    """Edits a real record so that only the last bytes of each part are missing."""
     data = json.loads(record.read_text())
     for part in data["parts"]:
         part["curr_bytes"] = part["total_bytes_expected"] - missing
@@ -131,16 +131,16 @@ def nearly_complete(file, record, missing):
 
 
 def resume(bench):
-    """10 GiB of which 5 MiB are missing. The served file is a hole, and so is what is there."""
+    """10 GiB of which 5 MiB are missing. The served and the existing file are sparse."""
     size, missing = 10 * GIB, MIB
     if os.statvfs(bench.disk).f_bavail * os.statvfs(bench.disk).f_frsize < size + GIB:
-        raise SystemExit("bench: 'resume' reserves 10 GiB of the disk, which are not free")
+        raise SystemExit("bench: the case 'resume' needs 11 GiB of free disk space")
     served = bench.sparse(size)
     link = f"{bench.server.plain}/{served.name}"
     samples = {name: {"first": [], "wall": []} for name in (
         "ravelin, continued", "ravelin, from the start", "curl -C -", "aria2 -c")}
 
-    def note(name, first, wall):
+    def add_sample(name, first, wall):
         samples[name]["first"].append(first)
         samples[name]["wall"].append(wall)
 
@@ -168,12 +168,12 @@ def resume(bench):
                 walls[name] = time.monotonic() - start
                 complete = complete and file.stat().st_size == size
         if not complete:
-            raise SystemExit("bench: a continuation did not complete its file")
-        if number > 0:  # the first one warms up
-            note("ravelin, continued", *continued)
-            note("ravelin, from the start", fresh, None)
+            raise SystemExit("bench: a resumed download did not complete its file")
+        if number > 0:  # the first round is a warm-up
+            add_sample("ravelin, continued", *continued)
+            add_sample("ravelin, from the start", fresh, None)
             for name, wall in walls.items():
-                note(name, None, wall)
+                add_sample(name, None, wall)
     return {"bytes": size, "missing": 5 * missing, "clients": samples}
 
 
@@ -191,7 +191,7 @@ def first_byte_then_stop(command, environment):
 
 
 def figures(text):
-    """Lines of a name and a number."""
+    """Parses lines of a name and a number."""
     return {name: float(value) for name, value in (line.split() for line in text.splitlines())}
 
 
@@ -205,7 +205,7 @@ def micro_program(bench, name, folder, *options):
 
 
 def main_thread(bench):
-    """The median over the rounds of what each run told."""
+    """The medians of the figures over all rounds."""
     result = {}
     for name, folder in (("RAM", bench.ram), ("disk", bench.disk)):
         runs = []

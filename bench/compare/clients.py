@@ -1,7 +1,7 @@
-"""How each program is asked to do the same thing.
+"""The command lines of each program for the same job.
 
-A job has `links`, `folder` (where files go, empty), `ca` (the certificate to trust), and `list`
-(a file with a link a line). Nobody prints, nobody reads a configuration of the user's.
+A job has `links`, `folder` (the empty target folder), `ca` (the trusted certificate) and `list` (a
+file of links, one per line). All programs are quiet and ignore the user's configuration.
 """
 
 import dataclasses
@@ -32,15 +32,15 @@ class Client:
     ours: bool = False
 
 
-def flushed(client):
-    """The same, and the file is on storage when it ends, as with ours."""
+def then_sync(client):
+    """The same client, plus a flush of the file, as ours does."""
     def command(job):
         return ["sh", "-c", '"$@" && exec sync -d "$0"', job.file, *client.command(job)]
     return Client(client.name + ", then sync", command)
 
 
 def programs(ravelin):
-    """All of them, by the short names that the cases use."""
+    """All clients by the names used in the cases."""
     aria2 = ["aria2c", "--no-conf", "-q", "-k1M"]
 
     def ours(*options):
@@ -66,7 +66,7 @@ def programs(ravelin):
         return lambda job: ["wget2", "-q", "--no-hsts", f"--ca-certificate={job.ca}", *options,
                             "-O", job.file, job.link]
 
-    known = {
+    clients = {
         "ours": Client("ravelin", ours(), True),
         "ours one": Client("ravelin --no-split", ours("--no-split"), True),
         "curl": Client("curl", lambda job: [
@@ -87,11 +87,11 @@ def programs(ravelin):
             "-P", job.folder, "-i", job.list]),
     }
     for count in (1, 10, 100):
-        known[f"ours {count}"] = Client(
+        clients[f"ours {count}"] = Client(
             f"ravelin, {count} at once", ours_list(f"-j{count}"), True)
-        known[f"ours one {count}"] = Client(
+        clients[f"ours one {count}"] = Client(
             f"ravelin --no-split, {count} at once", ours_list(f"-j{count}", "--no-split"), True)
-        known[f"aria2 {count}"] = Client(
+        clients[f"aria2 {count}"] = Client(
             f"aria2 -x5, {count} at once", aria2_list(f"-j{count}", "-x5", "-s5"))
-    known["aria2 sync"] = flushed(known["aria2"])
-    return known
+    clients["aria2 sync"] = then_sync(clients["aria2"])
+    return clients

@@ -1,4 +1,4 @@
-"""What a reader must know of the machine, and of the programs, to make sense of the figures."""
+"""Describes the machine and the programs, for the report."""
 
 import os
 import pathlib
@@ -8,7 +8,7 @@ import subprocess
 
 
 def file_system(folder):
-    """The type of the file system and the device below it."""
+    """The file system type and the device."""
     best = ("", "?", "?")
     for line in pathlib.Path("/proc/mounts").read_text().splitlines():
         device, point, kind = line.split()[:3]
@@ -17,7 +17,7 @@ def file_system(folder):
     return f"{best[1]} on {best[2]}"
 
 
-def model():
+def cpu_model():
     found = re.search(r"^model name\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text(), re.M)
     return found.group(1) if found else platform.machine()
 
@@ -28,31 +28,31 @@ def memory_bytes(field):
 
 
 def describe(ram, disk):
-    return {"processor": model(), "cores": len(os.sched_getaffinity(0)),
+    return {"processor": cpu_model(), "cores": len(os.sched_getaffinity(0)),
             "memory": f"{memory_bytes('MemTotal') / 2**30:.0f} GiB",
             "kernel": f"{platform.system()} {platform.release()}",
             "RAM": file_system(ram), "disk": file_system(disk)}
 
 
 def versions():
-    """The first line in which each program tells its number."""
+    """The version number of each program."""
     found = {}
     for name, command in (("curl", "curl -V"), ("aria2", "aria2c --version"),
                           ("axel", "axel -V"), ("wget2", "wget2 --version"),
                           ("nginx", "nginx -v")):
-        told = subprocess.run(command.split(), text=True, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT).stdout
-        number = re.search(r"\d+\.\d+(\.\d+)*", told)
+        output = subprocess.run(command.split(), text=True, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT).stdout
+        number = re.search(r"\d+\.\d+(\.\d+)*", output)
         found[name] = number.group(0) if number else "?"
-        libcurl = re.search(r"(libcurl/\S+) (\S*SSL/\S+)", told)
+        libcurl = re.search(r"(libcurl/\S+) (\S*SSL/\S+)", output)
         if libcurl:
             found["ours is linked with"] = " ".join(libcurl.groups())
     return found
 
 
 def commit(root):
-    def git(*words):
-        return subprocess.run(["git", *words], cwd=root, text=True, stdout=subprocess.PIPE,
+    def git(*arguments):
+        return subprocess.run(["git", *arguments], cwd=root, text=True, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL).stdout.strip()
-    changed = git("status", "--porcelain", "--", "src", "platform", "support", "app", "include")
+    changed = git("status", "--porcelain", "--", "src", "bramblekit", "platform", "app", "include")
     return git("rev-parse", "--short=10", "HEAD") + (" with changes" if changed else "")

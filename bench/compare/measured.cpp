@@ -10,14 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Runs a program, its output thrown away, and prints what that took:
-//   exit status, wall seconds, CPU seconds, peak memory in KiB, most threads seen
+// Runs a program, discards its output, and prints:
+//   exit status, wall seconds, CPU seconds, peak memory in KiB, maximum number of threads
 //
 //   measured [--threads] PROGRAM [ARGUMENT...]
 //
-// It is small itself on purpose: the peak that the system tells of a process counts from before
-// its exec, when it was a copy of the one that started it. Threads are looked at every 10 ms, and
-// only when asked for; otherwise the last figure is 0.
+// This program is small because the reported peak memory of a child includes the time between fork
+// and exec, when it is a copy of its parent. Threads are sampled every 10 ms with --threads only;
+// otherwise their number is 0.
 
 namespace {
 
@@ -35,7 +35,7 @@ int threads_of(pid_t process) {
   return 0;
 }
 
-[[noreturn]] void become(char** command) {
+[[noreturn]] void execute(char** command) {
   dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
   execvp(command[0], command);
   std::perror(command[0]);
@@ -49,8 +49,8 @@ int exit_status(int status) {
 } // namespace
 
 int main(int argc, char** argv) {
-  const bool watch = argc > 1 && std::string_view(argv[1]) == "--threads";
-  char** const command = argv + (watch ? 2 : 1);
+  const bool count_threads = argc > 1 && std::string_view(argv[1]) == "--threads";
+  char** const command = argv + (count_threads ? 2 : 1);
   if (!*command)
     return 2;
   const auto start = Clock::now();
@@ -60,11 +60,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (child == 0)
-    become(command);
+    execute(command);
   int status = 0;
   int threads = 0;
   rusage usage{};
-  while (wait4(child, &status, watch ? WNOHANG : 0, &usage) != child) {
+  while (wait4(child, &status, count_threads ? WNOHANG : 0, &usage) != child) {
     threads = std::max(threads, threads_of(child));
     usleep(10'000);
   }

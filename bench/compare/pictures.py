@@ -1,4 +1,4 @@
-"""Bars, drawn by gnuplot: a panel for each case, a bar for each client, ours in a strong colour."""
+"""Bar charts by gnuplot: a panel per case, a bar per client, ours in a strong color."""
 
 import subprocess
 
@@ -11,7 +11,7 @@ def quoted(text):
 
 
 def panel(title, unit, bars, top, bottom, height):
-    """`bars`: name, value, whether it is ours; the first one is drawn on top."""
+    """`bars`: name, value, whether it is ours; the first is at the top."""
     longest = max(value for _, value, _ in bars)
     lines = [f"set tmargin at screen {top:.4f}", f"set bmargin at screen {bottom:.4f}",
              f"set xrange [0:{longest * 1.18}]", f"set yrange [-0.6:{len(bars) - 0.4}]",
@@ -32,7 +32,7 @@ def panel(title, unit, bars, top, bottom, height):
 
 
 def bars(file, unit, panels):
-    """`panels`: title and bars. Gnuplot's place on the screen counts from below."""
+    """`panels`: title and bars. Gnuplot's screen coordinates start at the bottom."""
     heights = [HEAD + ROW * len(rows) for _, rows in panels]
     height = sum(heights) + FOOT
     script = [f"set terminal svg size {WIDTH},{height} font 'Helvetica,13' background '#ffffff'",

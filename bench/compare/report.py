@@ -1,4 +1,4 @@
-"""Tables for people, from the samples that are kept in `docs/benchmarks/results.json`."""
+"""Writes docs/benchmarks.md from the samples in docs/benchmarks/results.json."""
 
 import json
 import statistics
@@ -10,40 +10,39 @@ from .trial import median
 MIB, GIB = 1 << 20, 1 << 30
 
 TITLES = {
-    "ram": "One file into RAM", "disk": "One file onto disk", "tls": "Over TLS, into RAM",
-    "limited": "From a server that gives each connection 10 MiB/s",
-    "split": "Five connections or one, into RAM", "small": "Many small files, five at once",
-    "many": "1, 10 and 100 downloads at once", "memory": "Peak memory by the size of the file",
-    "resume": "Going on with 10 GiB that are nearly complete",
-    "main-thread": "How long the main thread is held", "micro": "Single steps",
-    "waiting": "Thousands of operations that wait",
+    "ram": "One file to RAM", "disk": "One file to disk", "tls": "TLS, to RAM",
+    "limited": "Server limited to 10 MiB/s per connection",
+    "split": "Five connections or one, to RAM", "small": "Many small files, five at once",
+    "many": "1, 10 and 100 downloads at once", "memory": "Peak memory by file size",
+    "resume": "Resuming 10 GiB that are nearly complete",
+    "main-thread": "Time that the main thread is blocked", "micro": "Single steps",
+    "waiting": "Thousands of waiting operations",
 }
 
-WORDS = {
-    "ram": "Served from memory and written to memory: what the programs themselves cost.",
-    "disk": "Ours flushes each chunk before it counts it, so that a power cut loses nothing that "
-            "is on record. The others leave the bytes to the system's cache, and end before they "
-            "are on the disk; `then sync` includes the time until they are.",
-    "tls": "One cipher for all (TLS 1.3, AES-256-GCM).",
-    "split": "What the four further connections cost, or bring, where the network is no limit.",
-    "small": "Through one process, each file over one connection.",
-    "many": "The same bytes as one, ten and a hundred files in one process, the limit raised.",
-    "resume": "The record comes from a real interrupted start and was then moved forward, so that "
-              "each part lacks its last MiB. `first byte` is from the start of the process to the "
-              "first report of progress.",
-    "main-thread": "Each call of `MainQueue::drain()` that had work, in a loop of the "
-                   "application's own, during one download at full speed. Wall time counts what "
-                   "other threads and the server took from the thread on this machine; CPU time "
-                   "does not.",
-    "micro": "Medians; CPU time is that of all threads together.",
-    "waiting": "One operation runs, the others wait for its slot; 200 times each. "
-               "`release` is the whole piece of main-thread work in which the destination was "
-               "given back and the final event was told.",
+NOTES = {
+    "ram": "Served from memory and written to memory: the cost of the programs themselves.",
+    "disk": "Ravelin flushes each chunk before it records it, so that a power failure loses "
+            "nothing that is recorded. The others leave the bytes in the page cache and exit "
+            "before they are on disk; `then sync` includes the time until they are.",
+    "tls": "All clients use the same cipher (TLS 1.3, AES-256-GCM).",
+    "split": "The cost or gain of four more connections when the network is not the limit.",
+    "small": "One process, one connection per file.",
+    "many": "The same number of bytes as 1, 10 and 100 files in one process, with a raised limit.",
+    "resume": "The record is from a real interrupted download, edited so that only the last MiB of "
+              "each part is missing. `first byte` is the time from the start of the process to the "
+              "first progress report.",
+    "main-thread": "Each `MainQueue::drain()` call that had work, in an application's own loop, "
+                   "during one download at full speed. Wall time includes time taken by other "
+                   "threads and the server on this machine; CPU time does not.",
+    "micro": "Medians. CPU time is that of all threads.",
+    "waiting": "One operation runs and the others wait for its slot; 200 samples each. `release` "
+               "is the main-thread work that releases the destination and reports the final "
+               "event.",
 }
 
 
 class Results:
-    """What was measured so far; figures of another machine are not mixed in."""
+    """The results so far. Results of another machine are dropped."""
 
     def __init__(self, folder, machine):
         self.file = folder / "results.json"
@@ -52,10 +51,10 @@ class Results:
         self.machine = machine
         self.cases = kept["cases"] if same else {}
         self.versions = kept.get("versions", {}) if same else {}
-        self.measured_now = {}
+        self.new_cases = {}
 
     def add(self, name, result, versions):
-        self.cases[name] = self.measured_now[name] = result
+        self.cases[name] = self.new_cases[name] = result
         self.versions = versions
 
     def save(self):
@@ -65,15 +64,15 @@ class Results:
             indent=1) + "\n")
 
 
-def size_words(count):
+def format_size(count):
     return f"{count / GIB:.3g} GiB" if count >= GIB else f"{count / MIB:.3g} MiB"
 
 
-def counted(rounds):
+def format_rounds(rounds):
     return "1 round" if rounds == 1 else f"{rounds} rounds"
 
 
-def spread(values):
+def format_range(values):
     return f"{min(values):.2f} to {max(values):.2f}"
 
 
@@ -83,17 +82,17 @@ def table(head, rows):
 
 
 def client_table(case):
-    """Wall time, ratio, processor time and memory of each client."""
+    """Wall time, ratio, CPU time and memory of each client."""
     clients = case["clients"]
     ours = median(next(iter(clients.values())), "wall")
     flushes = any("flushes" in one for one in clients.values())
     threads = any(max(one.get("threads", [0])) for one in clients.values())
-    head = ["", "wall s", "least to most", "MiB/s", "ours is", "CPU s", "CPU s per GiB",
+    head = ["", "wall s", "min to max", "MiB/s", "ours is", "CPU s", "CPU s per GiB",
             "peak MiB"] + ["flushes"] * flushes + ["threads"] * threads
     rows = []
     for name, one in clients.items():
         wall, cpu = median(one, "wall"), median(one, "cpu")
-        row = [name, f"{wall:.2f}", spread(one["wall"]), f"{case['bytes'] / MIB / wall:.0f}",
+        row = [name, f"{wall:.2f}", format_range(one["wall"]), f"{case['bytes'] / MIB / wall:.0f}",
                f"{ours / wall:.2f}", f"{cpu:.2f}", f"{cpu / (case['bytes'] / GIB):.2f}",
                f"{median(one, 'peak') / MIB:.1f}"]
         row += [str(one.get("flushes", ""))] * flushes
@@ -102,54 +101,55 @@ def client_table(case):
     return table(head, rows)
 
 
-def of_many(case):
+def many_table(case):
     clients = case["clients"]
-    words = client_table(case).replace("ours is", "first is")
+    text = client_table(case).replace("ours is", "first is")
     for program in ("ravelin", "ravelin --no-split"):
-        one, most = (clients[f"{program}, {count} at once"] for count in (1, 100))
-        each = (median(most, "peak") - median(one, "peak")) / 99 / 1024
-        threads = (median(most, "threads") - median(one, "threads")) / 99
-        words += f"\n`{program}`: {each:.0f} KiB and {threads:.1f} threads for each further one.\n"
-    return words
+        one, hundred = (clients[f"{program}, {count} at once"] for count in (1, 100))
+        each = (median(hundred, "peak") - median(one, "peak")) / 99 / 1024
+        threads = (median(hundred, "threads") - median(one, "threads")) / 99
+        text += (f"\n`{program}`: {each:.0f} KiB and {threads:.1f} threads per additional "
+                 "download.\n")
+    return text
 
 
-def of_small(cases):
+def small_table(cases):
     return "\n".join(f"{case['files']} files of {name}:\n\n{client_table(case)}"
                      for name, case in cases.items() if isinstance(case, dict))
 
 
-def of_memory(case):
+def memory_table(case):
     sizes = sorted(case["sizes"], key=int)
     names = list(case["sizes"][sizes[0]])
-    return table(["peak MiB"] + [size_words(int(size)) for size in sizes],
+    return table(["peak MiB"] + [format_size(int(size)) for size in sizes],
                  [[name] + [f"{median(case['sizes'][size][name], 'peak') / MIB:.1f}"
                             for size in sizes] for name in names])
 
 
-def of_resume(case):
+def resume_table(case):
     def cell(values):
         known = [value for value in values if value is not None]
         return f"{statistics.median(known) * 1e3:.0f}" if known else ""
-    return table(["", "first byte, ms", f"to the end ({size_words(case['missing'])} missing), ms"],
+    return table(["", "first byte, ms", f"complete ({format_size(case['missing'])} missing), ms"],
                  [[name, cell(one["first"]), cell(one["wall"])]
                   for name, one in case["clients"].items()])
 
 
-def of_main_thread(case):
+def main_thread_table(case):
     rows = []
     for name, one in case["figures"].items():
         for kind in ("wall", "cpu"):
             rows.append([f"{name}, {'wall' if kind == 'wall' else 'CPU'} time"]
                         + [f"{one[f'{kind}_{at}_us'] / 1e3:.3f}" for at in ("p50", "p99", "max")])
-    words = table(["ms", "median", "99th percentile", "longest"], rows)
+    text = table(["ms", "median", "99th percentile", "longest"], rows)
     for name, one in case["figures"].items():
-        words += (f"\n{name}: {size_words(case['bytes'])} in {one['seconds']:.2f} s, "
-                  f"{one['jobs']:.0f} pieces of work in {one['drains']:.0f} calls, "
-                  f"{one['busy_share'] * 100:.1f}% of the time on the processor.\n")
-    return words
+        text += (f"\n{name}: {format_size(case['bytes'])} in {one['seconds']:.2f} s, "
+                  f"{one['jobs']:.0f} jobs in {one['drains']:.0f} calls, "
+                  f"{one['busy_share'] * 100:.1f}% of the time on the CPU.\n")
+    return text
 
 
-def of_micro(case):
+def micro_table(case):
     rows = []
     for name in case["figures"]["RAM"]:
         row = [name.replace("_", " ").replace("/bytes:", ", bytes: ").replace("/real time", "")]
@@ -160,7 +160,7 @@ def of_micro(case):
     return table(["µs", "wall, RAM", "CPU, RAM", "wall, disk", "CPU, disk"], rows)
 
 
-def of_waiting(case):
+def waiting_table(case):
     count, figures = case["count"], case["figures"]
     rows = []
     for what in ("claim", "release_waiting", "release_running"):
@@ -169,30 +169,30 @@ def of_waiting(case):
                         + [f"{figures[f'{what}_{at}_us_of_{waiting}'] / 1e3:.3f}"
                            for at in ("p50", "p99", "max")])
     return table(["ms", "median", "99th percentile", "longest"], rows) + (
-        f"\nEach waiting operation takes {figures['memory_per_waiting_kib']:.1f} KiB, of which "
-        f"{figures['heap_per_waiting_kib']:.1f} KiB are heap, and "
+        f"\nEach waiting operation takes {figures['memory_per_waiting_kib']:.1f} KiB, "
+        f"{figures['heap_per_waiting_kib']:.1f} KiB of it heap, and "
         f"{figures['threads_per_waiting']:.2g} threads. `cancel_all` with {count} waiting: "
         f"{figures['cancel_all_call_ms']:.0f} ms in the call, "
-        f"{figures['cancel_all_until_ended_ms']:.0f} ms until all have ended.\n")
+        f"{figures['cancel_all_until_ended_ms']:.0f} ms until all had ended.\n")
 
 
-TABLES = {"small": of_small, "many": of_many, "memory": of_memory, "resume": of_resume,
-          "main-thread": of_main_thread, "micro": of_micro, "waiting": of_waiting}
+TABLES = {"small": small_table, "many": many_table, "memory": memory_table, "resume": resume_table,
+          "main-thread": main_thread_table, "micro": micro_table, "waiting": waiting_table}
 
 
 def tables(cases):
-    words = []
+    sections = []
     for name in TITLES:
         if name not in cases:
             continue
         case = cases[name]
-        size = f", {size_words(case['bytes'])}" if "bytes" in case and name != "resume" else ""
-        explained = WORDS[name] + "\n\n" if name in WORDS else ""
-        words.append(f"## {TITLES[name]}{size}\n\n" + explained
+        size = f", {format_size(case['bytes'])}" if "bytes" in case and name != "resume" else ""
+        note = NOTES[name] + "\n\n" if name in NOTES else ""
+        sections.append(f"## {TITLES[name]}{size}\n\n" + note
                      + TABLES.get(name, client_table)(case)
-                     + f"\n<sub>{counted(case['rounds'])}, {case['date']}, {case['commit']}; "
+                     + f"\n<sub>{format_rounds(case['rounds'])}, {case['date']}, {case['commit']}; "
                      f"`script/bench {name}`</sub>\n")
-    return "\n".join(words)
+    return "\n".join(sections)
 
 
 def target_table(cases):
@@ -200,18 +200,18 @@ def target_table(cases):
     if not rows:
         return ""
     missed = sum(not one.met for one in rows)
-    return ("| target | measured | wanted | |\n|---|---:|---:|---|\n"
+    return ("| target | measured | limit | |\n|---|---:|---:|---|\n"
             + "\n".join(one.row() for one in rows)
             + f"\n\n{len(rows) - missed} met, {missed} missed.\n")
 
 
-def panels_of(cases, names, value):
+def make_panels(cases, names, value):
     found = []
     for name in names:
         if name in cases:
             rows = [(client, value(cases[name], one), client.startswith("ravelin"))
                     for client, one in cases[name]["clients"].items()]
-            found.append((f"{TITLES[name]}, {size_words(cases[name]['bytes'])}", rows))
+            found.append((f"{TITLES[name]}, {format_size(cases[name]['bytes'])}", rows))
     return found
 
 
@@ -220,21 +220,21 @@ def wall(_, one):
 
 
 def draw(folder, cases):
-    """The pictures for which there are figures; returns their names and captions."""
+    """Draws the charts for which there are results; returns their names and captions."""
     small = cases.get("small", {})
     drawings = {
-        "time": ("Wall time: shorter is better", "s",
-                 panels_of(cases, ("ram", "disk", "tls", "limited"), wall)),
-        "cpu": ("Processor time of the client", "s per GiB", panels_of(
+        "time": ("Wall time (less is better)", "s",
+                 make_panels(cases, ("ram", "disk", "tls", "limited"), wall)),
+        "cpu": ("CPU time of the client", "s per GiB", make_panels(
             cases, ("ram", "tls"), lambda case, one: median(one, "cpu") / case["bytes"] * GIB)),
-        "memory": ("Peak memory", "MiB", panels_of(
+        "memory": ("Peak memory", "MiB", make_panels(
             cases, ("ram", "tls"), lambda _, one: median(one, "peak") / MIB)),
         "small-files": ("Wall time of many small files", "s", [
             (f"{case['files']} files of {name}",
              [(client, median(one, "wall"), client.startswith("ravelin"))
               for client, one in case["clients"].items()])
             for name, case in small.items() if isinstance(case, dict)]),
-        "many": ("All bytes together: longer is better", "MiB/s", panels_of(
+        "many": ("Total throughput (more is better)", "MiB/s", make_panels(
             cases, ("many",), lambda case, one: case["bytes"] / MIB / median(one, "wall"))),
     }
     drawn = []
@@ -248,17 +248,17 @@ def draw(folder, cases):
 def write(docs, results):
     machine, versions = results.machine, results.versions
     drawn = draw(docs / "benchmarks", results.cases)
-    text = ["# Measured against others\n",
-            "Written by `script/bench`, which measures again; `script/bench --quick` shows the "
-            "same on small files in less than two minutes, `script/bench CASE...` measures some "
-            "of the cases anew. What decides the speed, and what was tried, stands in "
-            "[speed.md](speed.md). All clients fetch in turns, each round begun by another one, "
-            "after one round to warm up whose files are compared with the served ones. Figures "
-            "are medians of the rounds. *Ours is* 0.50 where ours took half the time.\n",
+    text = ["# Benchmarks\n",
+            "Written by `script/bench`. `script/bench CASE...` measures only some cases again; "
+            "`script/bench --quick` takes less than two minutes with small files. [speed.md]"
+            "(speed.md) explains what decides the speed and what was tried. All clients run in "
+            "every round, each round starting with another one, after a warm-up round that "
+            "compares the files with the served ones. Figures are medians of the rounds. *Ours is* "
+            "0.50 means that ravelin took half the time of that client.\n",
             f"{machine['cores']} cores ({machine['processor']}), {machine['memory']} of memory, "
-            f"{machine['kernel']}; RAM is {machine['RAM']}, the disk {machine['disk']}. The server "
-            "is one nginx process on the loopback interface of the same machine, which serves from "
-            "memory and shares the cores with the client.\n",
+            f"{machine['kernel']}; RAM is {machine['RAM']}, the disk is {machine['disk']}. The "
+            "server is a single nginx process on the loopback interface. It serves from memory and "
+            "shares the cores with the client.\n",
             ", ".join(f"{name} {number}" for name, number in versions.items()) + ".\n",
             "## Targets\n", target_table(results.cases)]
     text += [f"![{caption}](benchmarks/{name}.svg)\n" for name, caption in drawn]

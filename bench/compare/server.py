@@ -1,4 +1,4 @@
-"""A private nginx on loopback ports of the system's choice, with all its files in one folder."""
+"""An nginx on free loopback ports, with all its files in one folder."""
 
 import pathlib
 import shutil
@@ -14,8 +14,8 @@ basicConstraints = critical, CA:TRUE
 subjectAltName = IP:127.0.0.1, DNS:127.0.0.1
 """
 
-# One process without a master: nothing is left if it is killed, and every client meets the same.
-# The cipher is pinned, so that no client's TLS library wins by its choice of another.
+# A single process without a master, so that nothing is left running if it is killed. The cipher is
+# fixed, so that no client benefits from choosing a faster one.
 CONFIGURATION = """
 daemon off;
 master_process off;
@@ -39,7 +39,7 @@ http {{
   server {{ listen 127.0.0.1:{limited}; root {root}; limit_rate {rate}; }}
 }}
 """
-# Many names for one file.
+# Many paths for one file.
 MANY = "location ~ ^/many/(?<size>[^/]+)/ {{ alias {root}/$size; }}"
 
 
@@ -51,7 +51,7 @@ def find_program(name):
 
 
 def free_ports(count):
-    """Ports that were free a moment ago; the server is started again if one is not any more."""
+    """Ports that were free just now. The caller tries again if one is taken."""
     sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
     ports = [one.getsockname()[1] for one in sockets]
     for one in sockets:
@@ -96,7 +96,7 @@ class Server:
             [find_program("nginx"), "-p", self.folder, "-c", configuration,
              "-e", self.folder / "error.log"], stderr=subprocess.DEVNULL)
         while self.process.poll() is None:
-            # It writes this as soon as it listens.
+            # nginx writes this once it listens.
             if (self.folder / "nginx.pid").exists():
                 return True
             time.sleep(0.01)

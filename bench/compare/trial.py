@@ -1,4 +1,4 @@
-"""Runs clients in turns, round after round, and keeps what each run took."""
+"""Runs the clients in rounds and collects the samples."""
 
 import contextlib
 import dataclasses
@@ -16,14 +16,14 @@ from .clients import Client, Job
 
 @dataclasses.dataclass
 class Entry:
-    """A client and what it is to fetch: served files by the path under which they are asked for."""
+    """A client and the files that it fetches."""
     client: Client
     base: str
     files: dict  # path in the link -> served file
 
 
 class Trial:
-    """What the runs of one case have in common."""
+    """The runs of one case."""
 
     def __init__(self, bench, folder, rounds):
         self.bench, self.rounds = bench, rounds
@@ -36,34 +36,34 @@ class Trial:
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def measure(self, entries, threads=False):
-        """The samples of each entry by its client's name: a round to warm up, whose files are
-        compared with the served ones, then those that count, each begun by another client."""
+        """The samples by client name. A warm-up round compares the files with the served ones; in
+        the measured rounds each client takes a turn at being the first."""
         samples = {entry.client.name: [] for entry in entries}
         for entry in entries:
             self.run(entry, threads, compare=True)
         for number in range(self.rounds):
-            turn = number % len(entries)
-            for entry in entries[turn:] + entries[:turn]:
+            first = number % len(entries)
+            for entry in entries[first:] + entries[:first]:
                 samples[entry.client.name].append(self.run(entry, threads))
             self.bench.say(f"  round {number + 1} of {self.rounds}: " + ", ".join(
-                f"{name} {all_[-1]['wall']:.2f} s" for name, all_ in samples.items()))
-        return {name: {key: [one[key] for one in all_] for key in all_[0]}
-                for name, all_ in samples.items()}
+                f"{name} {runs[-1]['wall']:.2f} s" for name, runs in samples.items()))
+        return {name: {key: [one[key] for one in runs] for key in runs[0]}
+                for name, runs in samples.items()}
 
     def run(self, entry, threads=False, compare=False):
         with self._job(entry) as job:
             measured = [self.bench.measured, *(["--threads"] if threads else [])]
-            os.sync()  # what an earlier run left to be written must not be paid for by this one
-            words = self._call([*measured, *entry.client.command(job)]).stdout.split()
-            if int(words[0]) != 0:
-                raise SystemExit(f"bench: {entry.client.name} failed with status {words[0]}:\n"
+            os.sync()  # so that this run does not pay for writes of an earlier one
+            fields = self._call([*measured, *entry.client.command(job)]).stdout.split()
+            if int(fields[0]) != 0:
+                raise SystemExit(f"bench: {entry.client.name} failed with status {fields[0]}:\n"
                                  + (self.folder / "errors").read_text())
             self._check(entry, job, compare)
-        return {"wall": float(words[1]), "cpu": float(words[2]), "peak": int(words[3]) * 1024,
-                "threads": int(words[4])}
+        return {"wall": float(fields[1]), "cpu": float(fields[2]), "peak": int(fields[3]) * 1024,
+                "threads": int(fields[4])}
 
     def count_flushes(self, entry):
-        """In a run of its own, since watching system calls takes time."""
+        """In a separate run, since tracing is slow."""
         with self._job(entry) as job:
             log = self.folder / "flushes"
             self._call(["strace", "-f", "--seccomp-bpf", "-c", "-o", log,
@@ -93,12 +93,12 @@ class Trial:
     def _check(self, entry, job, compare):
         for path, served in entry.files.items():
             got = job.file if len(entry.files) == 1 else job.folder / pathlib.PurePath(path).name
-            if not got.exists():  # one link in a list keeps the name that it suggests
+            if not got.exists():  # a list of one link keeps the link's name
                 got = job.folder / pathlib.PurePath(path).name
             same = got.exists() and got.stat().st_size == served.stat().st_size and (
                 not compare or filecmp.cmp(got, served, shallow=False))
             if not same:
-                raise SystemExit(f"bench: what {entry.client.name} made of {path} is wrong")
+                raise SystemExit(f"bench: {entry.client.name} did not download {path} correctly")
 
 
 def median(samples, key):

@@ -1,274 +1,156 @@
-// Linked into a second build of the program. RAVELIN_FAULT="MODE NTH SEED DIRECTORY LOG" decides
-// what happens at the nth file call: `fail` makes it fail, `kill` ends the process there, and `cut`
-// cuts the power: DIRECTORY.cut then holds what a journaling file system would have kept of
-// DIRECTORY. LOG tells which call it was.
+// Linked into a second build of the program. RAVELIN_FAULT="MODE NTH SEED DIRECTORY" decides what
+// happens at the nth file call: `fail` makes it fail, `kill` ends the process there, and `cut` cuts
+// the power: DIRECTORY.cut then holds what a journaling file system would have kept of DIRECTORY.
+// Standard error tells which call it was.
 #include "platform/files/file_calls.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <iterator>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <random>
-#include <set>
 #include <sstream>
-#include <string>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 namespace fs = std::filesystem;
+using Real = ravelin::platform::FileCalls;
 
-struct File {
-  std::string safe; // the flushed content
-  std::map<std::string, std::string> attributes;
-  std::vector<std::pair<off_t, std::string>> pending; // writes; an empty one cuts the file there
-};
-using FilePtr = std::shared_ptr<File>;
+constexpr const char* mark = "user.lg_ignore"; // of a file that is not complete
 
-void apply(File& file, off_t offset, const std::string& bytes) {
-  const auto at = static_cast<std::size_t>(offset);
-  if (bytes.empty() || file.safe.size() < at + bytes.size())
-    file.safe.resize(at + bytes.size());
-  file.safe.replace(at, bytes.size(), bytes);
+fs::path link_of(int file) {
+  return "/proc/self/fd/" + std::to_string(file);
+}
+std::string content_of(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+ino_t number_of(const fs::path& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status), status.st_ino;
 }
 
-// What storage holds of one directory. Contents reach it by a flush of the file, names and
-// attributes in the order of their changes by a flush of the directory.
-class Storage {
-public:
-  explicit Storage(fs::path directory) : directory_(std::move(directory)) {
-    for (const auto& entry : fs::directory_iterator(directory_)) {
-      const auto file = std::make_shared<File>();
-      std::ifstream in(entry.path(), std::ios::binary);
-      file->safe.assign(std::istreambuf_iterator<char>(in), {});
-      char value[64];
-      const auto size = ::getxattr(entry.path().c_str(), mark, value, sizeof value);
-      if (size >= 0)
-        file->attributes[mark] = std::string(value, static_cast<std::size_t>(size));
-      names_[entry.path()] = safe_names_[entry.path()] = file;
-    }
-  }
-
-  void opened(int descriptor, const fs::path& path, int flags) {
-    if (path == directory_)
-      directories_.insert(descriptor);
-    if (path.parent_path() != directory_)
-      return;
-    auto& file = names_[path];
-    if (!file) {
-      file = std::make_shared<File>();
-      log_.push_back([this, path, file = file] { safe_names_[path] = file; });
-    } else if (flags & O_TRUNC) {
-      file->pending.emplace_back(0, "");
-    }
-    files_[descriptor] = file;
-  }
-  void closed(int descriptor) {
-    directories_.erase(descriptor);
-    files_.erase(descriptor);
-  }
-  void written(int descriptor, off_t offset, std::string bytes) {
-    if (const auto found = files_.find(descriptor); found != files_.end())
-      found->second->pending.emplace_back(offset, std::move(bytes));
-  }
-  void flushed(int descriptor) {
-    if (const auto found = files_.find(descriptor); found != files_.end()) {
-      for (const auto& [offset, bytes] : found->second->pending)
-        apply(*found->second, offset, bytes);
-      found->second->pending.clear();
-    }
-    if (directories_.contains(descriptor))
-      run_log(log_.size());
-  }
-  void renamed(const fs::path& from, const fs::path& to) {
-    names_[to] = names_[from];
-    names_.erase(from);
-    log_.push_back([this, from, to] {
-      safe_names_[to] = safe_names_[from];
-      safe_names_.erase(from);
-    });
-  }
-  void unlinked(const fs::path& path) {
-    names_.erase(path);
-    log_.push_back([this, path] { safe_names_.erase(path); });
-  }
-  void attributed(const fs::path& path, const std::string& name, const char* value) {
-    if (const auto found = names_.find(path); found != names_.end())
-      log_.push_back([file = found->second, name, text = std::string(value ? value : "")] {
-        if (text.empty())
-          file->attributes.erase(name);
-        else
-          file->attributes[name] = text;
-      });
-  }
-
-  // Half of the time nothing survives that was not flushed, else a part of it by chance.
-  void cut(std::mt19937& random) {
-    const auto chance = [&](std::size_t n) { return static_cast<std::size_t>(random() % n); };
-    const bool nothing_more = chance(2) == 0;
-    run_log(nothing_more ? 0 : chance(log_.size() + 1));
-    const auto target = directory_.native() + ".cut";
-    fs::create_directory(target);
-    for (const auto& [path, file] : safe_names_) {
-      for (const auto& [offset, bytes] : file->pending)
-        if (!nothing_more && chance(2) == 0)
-          apply(*file, offset, bytes.substr(0, bytes.size() - chance(bytes.size() / 2 + 1)));
-      const auto copy = target / path.filename();
-      std::ofstream(copy, std::ios::binary) << file->safe;
-      for (const auto& [name, value] : file->attributes)
-        ::setxattr(copy.c_str(), name.c_str(), value.data(), value.size(), 0);
-    }
-  }
-
-private:
-  static constexpr const char* mark = "user.lg_ignore";
-
-  void run_log(std::size_t count) {
-    const auto end = log_.begin() + static_cast<std::ptrdiff_t>(count);
-    for (auto step = log_.begin(); step != end; ++step)
-      (*step)();
-    log_.erase(log_.begin(), end);
-  }
-
-  fs::path directory_;
-  std::map<fs::path, FilePtr> names_, safe_names_; // as processes see them, and as storage does
-  std::vector<std::function<void()>> log_;         // changes of names that are not flushed
-  std::map<int, FilePtr> files_;
-  std::set<int> directories_;
-};
-
-class FaultyCalls final : public ravelin::platform::FileCalls {
+// Keeps account of what storage holds of the directory: contents as of the last flush of the file,
+// names and marks as of the last one of the directory, or after some of the changes since.
+class FaultyCalls final : public Real {
 public:
   explicit FaultyCalls(const char* fault) {
-    std::istringstream(fault) >> mode_ >> left_ >> seed_ >> directory_ >> log_;
-    storage_ = std::make_unique<Storage>(directory_);
+    std::istringstream(fault) >> mode_ >> left_ >> seed_ >> directory_;
+    note_names();
+    for (auto& [number, kept] : kept_)
+      kept.content = content_of(link_of(kept.held));
     ravelin::platform::set_file_calls(this);
   }
-
   int open(const char* path, int flags, mode_t mode) override {
-    const std::lock_guard lock(mutex_);
-    const int result = fails("open", path) ? -1 : FileCalls::open(path, flags, mode);
-    if (result >= 0) {
-      open_.insert(result);
-      storage_->opened(result, path, flags);
-    }
-    return result;
+    return fails("open", path) ? -1 : Real::open(path, flags, mode);
   }
-  int close(int descriptor) override {
-    const std::lock_guard lock(mutex_);
-    open_.erase(descriptor);
-    storage_->closed(descriptor);
-    return FileCalls::close(descriptor);
+  ssize_t pwrite(int file, const void* bytes, std::size_t size, off_t offset) override {
+    return fails("pwrite", file) ? -1 : Real::pwrite(file, bytes, size, offset);
   }
-  ssize_t pwrite(int descriptor, const void* bytes, std::size_t size, off_t offset) override {
-    const std::lock_guard lock(mutex_);
-    if (fails("pwrite", descriptor))
-      return -1;
-    storage_->written(descriptor, offset, std::string(static_cast<const char*>(bytes), size));
-    return FileCalls::pwrite(descriptor, bytes, size, offset);
+  int fdatasync(int file) override { return fails("fdatasync", file) ? -1 : Real::fdatasync(file); }
+  int fsync(int file) override { return fails("fsync", file) ? -1 : Real::fsync(file); }
+  int ftruncate(int file, off_t size) override {
+    return fails("ftruncate", file) ? -1 : Real::ftruncate(file, size);
   }
-  int fdatasync(int descriptor) override { return flush("fdatasync", descriptor); }
-  int fsync(int descriptor) override { return flush("fsync", descriptor); }
-  int ftruncate(int descriptor, off_t size) override {
-    const std::lock_guard lock(mutex_);
-    if (fails("ftruncate", descriptor))
-      return -1;
-    storage_->written(descriptor, size, "");
-    return FileCalls::ftruncate(descriptor, size);
-  }
-  int reserve(int descriptor, off_t size) override {
-    const std::lock_guard lock(mutex_);
-    return fails("reserve", descriptor) ? -1 : FileCalls::reserve(descriptor, size);
+  int reserve(int file, off_t size) override {
+    return fails("reserve", file) ? -1 : Real::reserve(file, size);
   }
   int rename(const char* from, const char* to) override {
-    const std::lock_guard lock(mutex_);
-    const int result = fails("rename", to) ? -1 : FileCalls::rename(from, to);
-    if (result == 0)
-      storage_->renamed(from, to);
-    return result;
+    return fails("rename", to) ? -1 : Real::rename(from, to);
   }
-  int unlink(const char* path) override {
-    const std::lock_guard lock(mutex_);
-    const int result = fails("unlink", path) ? -1 : FileCalls::unlink(path);
-    if (result == 0)
-      storage_->unlinked(path);
-    return result;
-  }
+  int unlink(const char* path) override { return fails("unlink", path) ? -1 : Real::unlink(path); }
   int setxattr(const char* path, const char* name, const void* value, std::size_t size) override {
-    const std::lock_guard lock(mutex_);
-    if (fails("setxattr", path))
-      return -1;
-    storage_->attributed(path, name, std::string(static_cast<const char*>(value), size).c_str());
-    return FileCalls::setxattr(path, name, value, size);
+    return fails("setxattr", path) ? -1 : Real::setxattr(path, name, value, size);
   }
   int removexattr(const char* path, const char* name) override {
-    const std::lock_guard lock(mutex_);
-    if (fails("removexattr", path))
-      return -1;
-    storage_->attributed(path, name, nullptr);
-    return FileCalls::removexattr(path, name);
+    return fails("removexattr", path) ? -1 : Real::removexattr(path, name);
   }
 
   void say_what_is_left_open() {
     const std::lock_guard lock(mutex_);
-    if (!open_.empty())
-      std::ofstream(log_, std::ios::app) << "left open: " << open_.size() << '\n';
+    auto left = -std::ssize(kept_);
+    std::error_code gone;
+    for (const auto& file : fs::directory_iterator("/proc/self/fd"))
+      left += fs::read_symlink(file, gone).native().starts_with(directory_.native());
+    if (left > 0)
+      std::fprintf(stderr, "left open: %td\n", left);
   }
 
 private:
-  int flush(const char* call, int descriptor) {
-    const std::lock_guard lock(mutex_);
-    if (fails(call, descriptor))
-      return -1;
-    storage_->flushed(descriptor);
-    return call == std::string("fsync") ? FileCalls::fsync(descriptor)
-                                        : FileCalls::fdatasync(descriptor);
-  }
+  struct Kept {
+    int held = -1;       // so that no other file gets its number
+    std::string content; // as of the last flush of the file
+  };
 
-  bool fails(const char* call, int descriptor) {
-    return fails(call, fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor)));
-  }
-  bool fails(const char* call, const fs::path& path) {
-    if (--left_ != 0)
+  bool fails(const char* call, int file) { return fails(call, fs::read_symlink(link_of(file))); }
+  bool fails(const std::string& call, const fs::path& path) {
+    const std::lock_guard lock(mutex_);
+    note_names(); // as the calls before this one have left them
+    if (--left_ != 0) {
+      if (path == directory_)
+        states_.erase(states_.begin(), states_.end() - 1);
+      else if (call == "fdatasync" || call == "fsync")
+        kept_[number_of(path)].content = content_of(path);
       return false;
-    std::ofstream(log_) << call << ' ' << path.filename().native() << std::endl;
-    if (mode_ == "fail") {
-      errno = seed_ % 2 ? ENOSPC : EIO;
-      return true;
     }
-    if (mode_ == "cut") {
-      std::mt19937 random(seed_);
-      storage_->cut(random);
+    std::fprintf(stderr, "fault at %s %s\n", call.c_str(), path.filename().c_str());
+    if (mode_ == "cut")
+      cut_power();
+    if (mode_ != "fail")
+      ::kill(::getpid(), SIGKILL);
+    errno = seed_ % 2 ? ENOSPC : EIO;
+    return true;
+  }
+  void note_names() {
+    auto& names = states_.emplace_back();
+    for (const auto& entry : fs::directory_iterator(directory_)) {
+      char text[64];
+      const auto size = ::getxattr(entry.path().c_str(), mark, text, sizeof text);
+      const auto number = number_of(entry);
+      names[entry.path().filename()] = {
+          number, size < 0 ? "" : std::string(text, static_cast<std::size_t>(size))};
+      if (kept_[number].held < 0)
+        kept_[number].held = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
     }
-    ::kill(::getpid(), SIGKILL);
-    for (;;)
-      ::pause();
+  }
+  // Half of the time nothing survives that was not flushed, else a part of it by chance.
+  void cut_power() {
+    std::mt19937 random(seed_);
+    const bool more = random() % 2;
+    const fs::path target = directory_.native() + ".cut";
+    fs::create_directory(target);
+    for (const auto& [name, file] : states_[more ? random() % states_.size() : 0]) {
+      auto& [held, content] = kept_[file.first];
+      const auto now = content_of(link_of(held));
+      for (std::size_t at = 0; at < now.size() && more; at += 4096)
+        if (random() % 2) {
+          content.resize(std::max(content.size(), std::min(at + 4096, now.size())));
+          content.replace(at, 4096, now, at, 4096);
+        }
+      std::ofstream(target / name, std::ios::binary) << content;
+      if (!file.second.empty())
+        ::setxattr((target / name).c_str(), mark, file.second.data(), file.second.size(), 0);
+    }
   }
 
   std::mutex mutex_;
   std::string mode_;
   long left_ = 0; // calls until the fault
   unsigned seed_ = 0;
-  fs::path directory_, log_;
-  std::unique_ptr<Storage> storage_;
-  std::set<int> open_;
+  fs::path directory_;
+  std::vector<std::map<std::string, std::pair<ino_t, std::string>>> states_; // with marks
+  std::map<ino_t, Kept> kept_;
 };
 
-FaultyCalls* const calls = [] {
-  const auto* const fault = std::getenv("RAVELIN_FAULT");
-  auto* const made = fault ? new FaultyCalls(fault) : nullptr;
-  if (made)
-    std::atexit([] { calls->say_what_is_left_open(); });
-  return made;
-}();
+const auto* const fault = std::getenv("RAVELIN_FAULT");
+auto* const calls = fault ? new FaultyCalls(fault) : nullptr; // for threads that outlive `main`
+const bool ends = calls && std::atexit([] { calls->say_what_is_left_open(); }) == 0;
 
 } // namespace

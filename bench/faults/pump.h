@@ -5,9 +5,8 @@
 
 #include <chrono>
 #include <functional>
-#include <stdexcept>
-
 #include <poll.h>
+#include <stdexcept>
 
 namespace test {
 
@@ -27,5 +26,29 @@ inline bool is_final(const ravelin::Status& status) {
   return status.holds<ravelin::Status::success>() || status.holds<ravelin::Status::cancelled>() ||
          status.holds<ravelin::Status::error>();
 }
+
+// One run of an operation; lives until its final event.
+struct Run {
+  void start(
+      const std::string& link, const std::filesystem::path& file, bool split,
+      ravelin::OnConflict on_conflict, std::function<void()> then = [] {}) {
+    opr->resume(ravelin::URL(link), ravelin::URL::file(file), split, on_conflict,
+                [this, then = std::move(then)](const ravelin::Status& status) {
+                  if (status.holds<ravelin::Status::files_are_created>())
+                    return; // comes on another thread
+                  if (const auto* const some = status.get_if<ravelin::Status::downloading>())
+                    received = some->progress.received_bytes;
+                  last = status;
+                  finals += ended();
+                  then();
+                });
+  }
+  bool ended() const { return is_final(last); }
+
+  std::shared_ptr<ravelin::RavelinOperation> opr = std::make_shared<ravelin::RavelinOperation>();
+  ravelin::Status last{ravelin::Status::connecting{}};
+  std::int64_t received = 0;
+  int finals = 0;
+};
 
 } // namespace test

@@ -1,14 +1,13 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdlib>
 #include <string_view>
 #include <vector>
 
-// What the fault benches share: numbers from their command lines, and numbers of their lines.
 namespace test {
 
+// A number from the command line.
 inline long number_option(int argc, char** argv, std::string_view name, long otherwise) {
   for (int i = 1; i + 1 < argc; ++i)
     if (argv[i] == name)
@@ -19,8 +18,7 @@ inline long number_option(int argc, char** argv, std::string_view name, long oth
 // The value below which that share of them lies; `values` must not be empty.
 inline double quantile(std::vector<double> values, double share) {
   std::ranges::sort(values);
-  const auto at = static_cast<std::size_t>(share * static_cast<double>(values.size() - 1) + 0.5);
-  return values[at];
+  return values[static_cast<std::size_t>(share * static_cast<double>(values.size() - 1) + 0.5)];
 }
 
 } // namespace test

@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
-// How long a download at full speed holds an application's main thread: the time of each call of
-// `MainQueue::drain()` that had work, with a status callback that does nothing of its own.
-//   --mib N   size of the file (2048); it goes to TMPDIR
+// Measures how long a download at full speed blocks the application's main thread: the time of each
+// `MainQueue::drain()` call that had work, with a trivial status callback.
+//   --mib N   size of the file in TMPDIR (2048)
 
 namespace test {
 namespace {
@@ -22,11 +22,11 @@ using namespace ravelin;
 class Download {
 public:
   Download(const std::string& link, const std::filesystem::path& file) {
-    opr_->resume(URL(link), URL::file(file), true, OnConflict::stop, [this](const Status& told) {
-      if (told.holds<Status::files_are_created>())
-        return; // comes on another thread
-      ended_ = is_final(told);
-      succeeded_ = told.holds<Status::success>();
+    opr_->resume(URL(link), URL::file(file), true, OnConflict::stop, [this](const Status& status) {
+      if (status.holds<Status::files_are_created>())
+        return; // called on another thread
+      ended_ = is_final(status);
+      succeeded_ = status.holds<Status::success>();
     });
   }
   std::vector<Hold> holds_until_end() {
@@ -51,7 +51,7 @@ void print(const char* what, const std::vector<Hold>& holds, double Hold::*field
               quantile(all, 0.99), what, quantile(all, 1));
 }
 
-/// So that the server has it in memory: to fill pages in the middle would take a core of its own.
+/// Brings the file into the page cache, so that the server does not use CPU time to do so.
 void read_once(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
   for (std::vector<char> piece(1 << 20); in.read(piece.data(), 1 << 20);)
@@ -68,7 +68,7 @@ int run(long mib) {
   const auto start = std::chrono::steady_clock::now();
   Download download(server.url(), dir / "file.bin");
   const auto holds = download.holds_until_end();
-  const auto took = us_since(start) / 1e6;
+  const auto seconds = us_since(start) / 1e6;
   if (!download.succeeded()) {
     std::fprintf(stderr, "the download failed\n");
     return 1;
@@ -79,8 +79,8 @@ int run(long mib) {
     jobs += hold.jobs;
     busy += hold.cpu_us;
   }
-  std::printf("seconds %.3f\ndrains %zu\njobs %zu\nbusy_share %.4f\n", took, holds.size(), jobs,
-              busy / 1e6 / took);
+  std::printf("seconds %.3f\ndrains %zu\njobs %zu\nbusy_share %.4f\n", seconds, holds.size(), jobs,
+              busy / 1e6 / seconds);
   print("wall", holds, &Hold::wall_us);
   print("cpu", holds, &Hold::cpu_us);
   return 0;

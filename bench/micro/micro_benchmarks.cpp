@@ -1,8 +1,8 @@
 #include "bramblekit/main_thread.h"
 #include "platform/network/data_task.h"
 #include "platform/network/receive_buffer.h"
-#include "ravelin/defaults.h"
 #include "ravelin/main_queue.h"
+#include "ravelin/options.h"
 #include "ravelin/ravelin_operation.h"
 #include "src/FileProcessor.h"
 #include "src/PartialDataOpr.h"
@@ -15,8 +15,8 @@
 #include <string>
 #include <thread>
 
-// The steps that a download repeats, one at a time. They run on a background thread while the main
-// thread runs its queue, as in an application. Files go to TMPDIR.
+// The single steps that a download repeats. They run on a background thread while the main thread
+// runs its queue, as in an application. Files are in TMPDIR.
 
 namespace test {
 namespace {
@@ -27,7 +27,7 @@ using bramblekit::main_sync;
 using platform::Data;
 
 constexpr std::int64_t file_size = 512LL << 20;
-constexpr std::size_t socket_read = 16 * 1024; // what libcurl hands over at once
+constexpr std::size_t socket_read = 16 * 1024; // bytes per write callback of libcurl
 
 void hop_to_the_main_thread_and_back(benchmark::State& state) {
   for (auto _ : state)
@@ -35,7 +35,7 @@ void hop_to_the_main_thread_and_back(benchmark::State& state) {
 }
 BENCHMARK(hop_to_the_main_thread_and_back)->UseRealTime()->MeasureProcessCPUTime();
 
-/// The destination of a download that is under way, as its driver has set it up.
+/// The destination of a running download.
 struct Destination {
   Destination() {
     processor->split_count = 5;
@@ -53,28 +53,29 @@ struct Destination {
   std::shared_ptr<FileProcessor> processor = std::make_shared<FileProcessor>(owner);
 };
 
-/// A request whose server never answers, so that chunks can be given to it by hand; what comes out
-/// goes to the destination as the driver of a download would do it.
-class Road {
+/// Passes chunks through a request, whose server never responds, to the destination, in the way a
+/// download does.
+class Pipeline {
 public:
-  Road() {
-    buffer_->finish(); // no chunk waits for company
-    request_->request(URL(server_.url()), std::nullopt, [this](const PartialDataOpr::Status& told) {
-      if (const auto* const some = std::get_if<Event::did_receive_data>(&told.value))
-        write(some->progress.data);
-      else if (std::holds_alternative<Event::bg_after_receive_data>(told.value))
-        destination_.processor->bg_wait_for_writes();
-      else if (std::holds_alternative<Event::cancelled>(told.value))
-        ended_.signal();
-    });
+  Pipeline() {
+    buffer_->finish(); // no chunk is delayed
+    request_->request(
+        URL(server_.url()), std::nullopt, [this](const PartialDataOpr::Status& status) {
+          if (const auto* const received = std::get_if<Event::did_receive_data>(&status.value))
+            write(received->progress.data);
+          else if (std::holds_alternative<Event::bg_after_receive_data>(status.value))
+            destination_.processor->bg_wait_for_writes();
+          else if (std::holds_alternative<Event::cancelled>(status.value))
+            ended_.signal();
+        });
     server_.wait_for_requests(1);
   }
-  ~Road() {
+  ~Pipeline() {
     request_->cancel();
     ended_.wait();
   }
 
-  void carry(std::size_t bytes) {
+  void pass_chunk(std::size_t bytes) {
     for (std::size_t done = 0; done < bytes; done += socket_read)
       buffer_->append({piece_.data(), socket_read});
     const auto chunk = buffer_->take();
@@ -97,8 +98,9 @@ private:
   Destination destination_;
   platform::Semaphore ended_{0};
   std::shared_ptr<PartialDataOpr> request_ = std::make_shared<PartialDataOpr>();
-  std::shared_ptr<platform::URLSession> session_ =
-      platform::URLSession::make(platform::URLSessionConfiguration::ephemeral(), request_);
+  std::shared_ptr<platform::URLSession> session_ = platform::URLSession::make(
+      platform::URLSessionConfiguration::ephemeral(platform::RequestSettings::snapshot()),
+      request_);
   std::shared_ptr<platform::DataTask> task_ = session_->data_task(URL(server_.url()));
   std::shared_ptr<platform::ReceiveBuffer> buffer_ =
       std::make_shared<platform::ReceiveBuffer>([] {});
@@ -107,10 +109,10 @@ private:
 };
 
 void carry_a_chunk_from_buffer_to_disk(benchmark::State& state) {
-  Road road;
+  Pipeline pipeline;
   const auto size = static_cast<std::size_t>(state.range(0));
   for (auto _ : state)
-    road.carry(size);
+    pipeline.pass_chunk(size);
   state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(carry_a_chunk_from_buffer_to_disk)
@@ -135,9 +137,9 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv))
     return 2;
-  ravelin::Defaults values;
+  ravelin::Options values;
   values.idle_timeout = std::chrono::hours(24);
-  ravelin::set_defaults(values);
+  ravelin::set_default_options(values);
   std::thread background([] {
     benchmark::RunSpecifiedBenchmarks();
     ravelin::MainQueue::stop();

@@ -10,11 +10,11 @@
 
 namespace test {
 
-/// How long one call of `MainQueue::drain()` held the thread.
+/// How long one `MainQueue::drain()` call blocked the thread.
 struct Hold {
   std::size_t jobs = 0;
   double wall_us = 0;
-  double cpu_us = 0; // without what other threads and processes took from it
+  double cpu_us = 0; // excludes time taken by other threads and processes
 };
 
 inline double thread_cpu_us() {
@@ -23,13 +23,12 @@ inline double thread_cpu_us() {
   return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
 }
 
-/// Microseconds since `start`.
 inline double us_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
       .count();
 }
 
-/// Waits for work, a second at most, and runs it.
+/// Waits up to a second for work and runs it.
 inline Hold timed_drain() {
   pollfd readable{ravelin::MainQueue::descriptor(), POLLIN, 0};
   poll(&readable, 1, 1000);

@@ -13,9 +13,9 @@
 
 #include <malloc.h>
 
-// What claiming a destination and giving it back cost while many operations wait for their turn,
-// and what one that waits takes.
-//   --waiting N   how many wait (10000)     --times N   of each figure (200)
+// Measures the cost of claiming and releasing a destination while many operations wait for their
+// turn, and the memory of a waiting operation.
+//   --waiting N   number of waiting operations (10000)     --times N   samples per figure (200)
 
 namespace test {
 namespace {
@@ -24,7 +24,7 @@ using namespace ravelin;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-/// A number of `/proc/self/status`: KiB, or a count.
+/// A number from `/proc/self/status`: KiB or a count.
 long status_number(const std::string& name) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);)
@@ -48,14 +48,14 @@ class Registry {
 public:
   Registry() { RavelinOperation::set_max_simultaneous_download_count(1); }
 
-  /// Claims a destination of its own; returns the microseconds that the call took.
+  /// Claims a new destination and returns the time of the call in microseconds.
   double start(const Shared& operation) {
     const URL link(server_.url());
     const auto file = URL::file(dir_ / ("file" + std::to_string(count_++ * 7919) + ".bin"));
-    const auto closure = [operation](const Status& told) {
-      operation->pending = operation->pending || told.holds<Status::pending>();
-      operation->connecting = operation->connecting || told.holds<Status::connecting>();
-      operation->ended = operation->ended || is_final(told);
+    const auto closure = [operation](const Status& status) {
+      operation->pending = operation->pending || status.holds<Status::pending>();
+      operation->connecting = operation->connecting || status.holds<Status::connecting>();
+      operation->ended = operation->ended || is_final(status);
     };
     const auto begin = Clock::now();
     operation->opr->resume(link, file, true, OnConflict::stop, closure);
@@ -76,8 +76,8 @@ public:
     return operation;
   }
 
-  /// Cancels it; returns the microseconds of the piece of main-thread work that gave its
-  /// destination back, found out what was left of it and told the final event.
+  /// Cancels it and returns the time in microseconds of the main-thread work that released its
+  /// destination and reported the final event.
   static double release(const Shared& operation) {
     operation->opr->cancel();
     for (;;)
@@ -100,8 +100,8 @@ void print(const char* what, long waiting, const std::vector<double>& all) {
               quantile(all, 1));
 }
 
-void measure(Registry& registry, std::deque<Shared>& line, long times) {
-  const auto waiting = static_cast<long>(line.size()) - 1;
+void measure(Registry& registry, std::deque<Shared>& queue, long times) {
+  const auto waiting = static_cast<long>(queue.size()) - 1;
   registry.take_claims();
   std::vector<double> waiting_ones, running_ones;
   for (long i = 0; i < times; ++i)
@@ -109,20 +109,20 @@ void measure(Registry& registry, std::deque<Shared>& line, long times) {
   print("claim", waiting, registry.take_claims());
   print("release_waiting", waiting, waiting_ones);
   for (long i = 0; i < times; ++i) {
-    line.push_back(registry.make_waiting());
-    running_ones.push_back(Registry::release(line.front()));
-    line.pop_front();
-    pump_until([&] { return line.front()->connecting; });
+    queue.push_back(registry.make_waiting());
+    running_ones.push_back(Registry::release(queue.front()));
+    queue.pop_front();
+    pump_until([&] { return queue.front()->connecting; });
   }
   print("release_running", waiting, running_ones);
 }
 
-void fill(Registry& registry, std::deque<Shared>& line, long waiting) {
+void fill(Registry& registry, std::deque<Shared>& queue, long waiting) {
   const auto memory = status_number("VmRSS"), threads = status_number("Threads");
   const auto heap = allocated();
-  const auto missing = waiting + 1 - static_cast<long>(line.size());
+  const auto missing = waiting + 1 - static_cast<long>(queue.size());
   for (long i = 0; i < missing; ++i)
-    line.push_back(registry.make_waiting());
+    queue.push_back(registry.make_waiting());
   const auto each = static_cast<double>(missing);
   std::printf("memory_per_waiting_kib %.2f\nheap_per_waiting_kib %.2f\n"
               "threads_per_waiting %.3f\n",
@@ -131,11 +131,11 @@ void fill(Registry& registry, std::deque<Shared>& line, long waiting) {
               static_cast<double>(status_number("Threads") - threads) / each);
 }
 
-void cancel_all(const std::deque<Shared>& line) {
+void cancel_all(const std::deque<Shared>& queue) {
   const auto begin = Clock::now();
   RavelinOperation::cancel_all(true);
   const auto call = us_since(begin);
-  for (const auto& operation : line)
+  for (const auto& operation : queue)
     pump_until([&] { return operation->ended; });
   std::printf("cancel_all_call_ms %.1f\ncancel_all_until_ended_ms %.1f\n", call / 1e3,
               us_since(begin) / 1e3);
@@ -143,12 +143,12 @@ void cancel_all(const std::deque<Shared>& line) {
 
 int run(long waiting, long times) {
   Registry registry;
-  std::deque<Shared> line{registry.make_running()};
-  line.push_back(registry.make_waiting());
-  measure(registry, line, times);
-  fill(registry, line, waiting);
-  measure(registry, line, times);
-  cancel_all(line);
+  std::deque<Shared> queue{registry.make_running()};
+  queue.push_back(registry.make_waiting());
+  measure(registry, queue, times);
+  fill(registry, queue, waiting);
+  measure(registry, queue, times);
+  cancel_all(queue);
   return 0;
 }
 

@@ -1,8 +1,8 @@
 /* Downloads one link to one file: download LINK FILE
  *
  * With ravelin installed: gcc download.c $(pkg-config --cflags --libs ravelin) -o download
- * It takes libravelin.so where ravelin was built with -DBUILD_SHARED_LIBS=ON; a loader that does not
- * know its directory is told by LD_LIBRARY_PATH. */
+ * If ravelin was built with -DBUILD_SHARED_LIBS=ON, this links libravelin.so; set LD_LIBRARY_PATH if
+ * the loader does not find it. */
 
 #include <ravelin/ravelin.h>
 
@@ -35,11 +35,15 @@ static void on_event(void* user, const ravelin_event* event) {
 int main(int argc, char** argv) {
   int exit_status = 1;
   ravelin_operation* operation;
+  ravelin_options* options;
   if (argc != 3) {
     fprintf(stderr, "usage: download LINK FILE\n");
     return 2;
   }
-  ravelin_set_reject_http_errors(true);
+  options = ravelin_options_new();
+  ravelin_options_set_careful(options); /* reject error pages and changed content */
+  ravelin_set_default_options(options);
+  ravelin_options_free(options);
   operation = ravelin_operation_new();
   ravelin_operation_resume(operation, argv[1], argv[2], true, ravelin_on_conflict_resume, on_event,
                            &exit_status);

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Downloads one link to one file inside asyncio: download.py LINK FILE
 
-Ctrl-C stops it, and the same command continues. It loads the shared library: build ravelin with
-"cmake -S . -B build -DBUILD_SHARED_LIBS=ON", and install it or name the file, for example
-RAVELIN_LIBRARY=build/src/libravelin.so.0.
+Ctrl-C stops the download, and the same command resumes it. The script loads the shared library:
+build ravelin with "cmake -S . -B build -DBUILD_SHARED_LIBS=ON", then install it or set
+RAVELIN_LIBRARY, for example to build/src/libravelin.so.0.
 """
 
 import asyncio
@@ -49,7 +49,9 @@ library.ravelin_operation_cancel.argtypes = [c_void_p]
 library.ravelin_operation_resume.argtypes = [
     c_void_p, c_char_p, c_char_p, c_bool, c_int, Callback, c_void_p,
 ]
-library.ravelin_set_reject_http_errors.argtypes = [c_bool]
+library.ravelin_options_new.restype = c_void_p
+library.ravelin_options_set_careful.argtypes = [c_void_p]
+library.ravelin_set_default_options.argtypes = [c_void_p]
 
 
 async def download(link, file):
@@ -74,14 +76,16 @@ async def download(link, file):
     library.ravelin_operation_resume(
         operation, link.encode(), os.fsencode(file), True, RESUME, on_event, None
     )
-    problem = await end
+    error = await end
     library.ravelin_operation_free(operation)
-    print(f"\n{problem or 'done'}")
-    return 1 if problem else 0
+    print(f"\n{error or 'done'}")
+    return 1 if error else 0
 
 
 if __name__ == "__main__":
     if len(sys.argv) != 3:
         sys.exit("usage: download.py LINK FILE")
-    library.ravelin_set_reject_http_errors(True)
+    options = library.ravelin_options_new()
+    library.ravelin_options_set_careful(options)  # reject error pages and changed content
+    library.ravelin_set_default_options(options)
     sys.exit(asyncio.run(download(sys.argv[1], sys.argv[2])))

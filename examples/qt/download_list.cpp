@@ -3,11 +3,11 @@
 #include <QSettings>
 #include <QStandardPaths>
 
-Remembered Remembered::load(const QString& settings_file) {
+SavedState SavedState::load(const QString& settings_file) {
   QSettings settings(settings_file, QSettings::IniFormat);
-  Remembered result;
-  const auto usual = QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
-  result.directory = settings.value("directory", usual).toString();
+  SavedState result;
+  const auto default_directory = QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
+  result.directory = settings.value("directory", default_directory).toString();
   result.limit = settings.value("limit", result.limit).toInt();
   const int count = settings.beginReadArray("downloads");
   for (int i = 0; i < count; ++i) {
@@ -18,7 +18,7 @@ Remembered Remembered::load(const QString& settings_file) {
   return result;
 }
 
-void Remembered::save(const QString& settings_file) const {
+void SavedState::save(const QString& settings_file) const {
   QSettings settings(settings_file, QSettings::IniFormat);
   settings.clear();
   settings.setValue("directory", directory);
@@ -30,4 +30,4 @@ void Remembered::save(const QString& settings_file) const {
     settings.setValue("link", entry.link);
     settings.setValue("file", entry.file);
   }
-} // writes the file at once: a killed process forgets nothing
+} // the destructor writes the file

@@ -3,18 +3,18 @@
 #include <QString>
 #include <vector>
 
-/// What is remembered of a download. How far it has come is the library's to know.
+/// A saved download. Its progress is in its resume record.
 struct Entry {
   QString link;
   QString file;
 };
 
-/// What is remembered from one start of the window to the next.
-struct Remembered {
+/// The saved state of the window.
+struct SavedState {
   std::vector<Entry> entries;
-  QString directory; // where new files go
-  int limit = 3;     // downloads at once
+  QString directory; // for new files
+  int limit = 3;     // of simultaneous downloads
 
-  static Remembered load(const QString& settings_file);
+  static SavedState load(const QString& settings_file);
   void save(const QString& settings_file) const;
 };

@@ -12,21 +12,17 @@
 
 using namespace ravelin;
 
-namespace {
-
 URL file_url(const QString& file) {
   return URL::file(QFile::encodeName(file).toStdString());
 }
 
-} // namespace
-
 DownloadRow::DownloadRow(Entry entry, QWidget* parent) : QFrame(parent), entry_(std::move(entry)) {
   build();
-  look_at_file();
+  check_file();
 }
 
 DownloadRow::~DownloadRow() {
-  ++run_; // nothing more is to be shown
+  ++run_; // ignore further events
   if (operation_)
     operation_->cancel();
 }
@@ -35,28 +31,26 @@ QString DownloadRow::name() const {
   return QFileInfo(entry_.file).fileName();
 }
 
-/// By the resume record; a file without one is complete.
-void DownloadRow::look_at_file() {
-  progress_ = RavelinOperation::get_progress(file_url(entry_.file));
-  const bool has_record = progress_.content_length || !progress_.prog_value;
-  complete_ = !has_record && QFileInfo::exists(entry_.file);
+void DownloadRow::check_file() {
+  const auto state = RavelinOperation::get_file_state(file_url(entry_.file));
+  progress_ = state.is_unfinished ? state.progress : Progress();
+  complete_ = state.exists && !state.is_unfinished;
   if (complete_)
-    show_words("Done, " + size_text(QFileInfo(entry_.file).size()));
+    show_text("Done, " + describe_size(QFileInfo(entry_.file).size()));
   else
-    show_words(has_record ? "Paused" : "Not begun");
+    show_text(state.is_unfinished ? "Paused" : "Not started");
 }
 
 void DownloadRow::start(const QString& link, OnConflict on_conflict) {
   entry_.link = link;
   complete_ = false;
   operation_ = std::make_shared<RavelinOperation>();
-  meter_.restart(progress_.received_bytes);
   if (timer_ == 0)
-    timer_ = startTimer(200); // events come with every chunk: far more often than one can look
-  show_words("Connecting");
+    timer_ = startTimer(200); // milliseconds; there are far more events than that
+  show_text("Connecting");
   const auto callback = [row = QPointer(this), run = ++run_](const Status& status) {
     if (status.holds<Status::files_are_created>())
-      return; // the one event that comes on another thread, where no widget may be touched
+      return; // sent on a background thread, where widgets must not be used
     if (row && row->run_ == run)
       row->on_status(status);
   };
@@ -68,13 +62,13 @@ void DownloadRow::on_status(const Status& status) {
   status.visit(match{
       [&](const Status::renamed& now) {
         entry_.file = QFile::decodeName(now.new_file_url.path().c_str());
-        progress_ = {0.0F, 0, false};
+        progress_ = Progress();
       },
-      [&](const Status::pending&) { show_words("Waiting for its turn"); },
-      [&](const Status::connecting&) { show_words("Connecting"); },
-      [&](const Status::started&) { meter_.restart(progress_.received_bytes); },
+      [&](const Status::pending&) { show_text("Waiting for a free slot"); },
+      [&](const Status::connecting&) { show_text("Connecting"); },
+      [](const Status::started&) {},
       [&](const Status::downloading& now) { progress_ = now.progress; },
-      [&](const Status::cancelling&) { show_words("Stopping"); },
+      [&](const Status::cancelling&) { show_text("Stopping"); },
       [&](const Status::cancelled&) { end_run("Paused"); },
       [&](const Status::success&) { end_run({}); },
       [&](const Status::error& e) { end_run(QString::fromStdString(e.custom_error.text())); },
@@ -82,17 +76,17 @@ void DownloadRow::on_status(const Status& status) {
   });
 }
 
-void DownloadRow::end_run(const QString& words) {
+void DownloadRow::end_run(const QString& text) {
   killTimer(std::exchange(timer_, 0));
   operation_.reset();
   if (removing_) {
-    RavelinOperation::clear_files(file_url(entry_.file)); // it may have been complete by then
+    RavelinOperation::clear_files(file_url(entry_.file)); // in case it was completed meanwhile
     on_removed();
     return;
   }
-  look_at_file();
-  if (!words.isEmpty() && !complete_)
-    show_words(words.simplified(), words != "Paused");
+  check_file();
+  if (!text.isEmpty() && !complete_)
+    show_text(text.simplified(), text != "Paused");
   on_changed();
 }
 
@@ -120,14 +114,11 @@ void DownloadRow::toggle() {
 }
 
 void DownloadRow::timerEvent(QTimerEvent*) {
-  meter_.count(progress_.received_bytes);
-  const auto state = operation_ ? operation_->state() : State{State::none{}};
-  if (!state.holds<State::downloading>())
+  if (!operation_ || !operation_->state().holds<State::downloading>())
     return;
-  const auto length = progress_.content_length;
-  auto words = size_text(progress_.received_bytes);
-  if (length)
-    words += " of " + size_text(*length);
-  const auto rate = rate_text(meter_.rate(), length ? *length - progress_.received_bytes : -1);
-  show_words(rate.isEmpty() ? words : words + ", " + rate);
+  auto text = describe_size(progress_.received_bytes);
+  if (progress_.content_length)
+    text += " of " + describe_size(*progress_.content_length);
+  const auto speed = describe_speed(operation_->speed());
+  show_text(speed.isEmpty() ? text : text + ", " + speed);
 }

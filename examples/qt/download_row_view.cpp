@@ -13,9 +13,9 @@ namespace {
 QLabel* make_label(const char* name, QSizePolicy::Policy width) {
   auto* const label = new QLabel;
   label->setObjectName(name);
-  label->setTextFormat(Qt::PlainText); // a link or a server chose it
+  label->setTextFormat(Qt::PlainText); // texts from links and servers may contain markup
   label->setSizePolicy(width, QSizePolicy::Preferred);
-  label->setForegroundRole(QPalette::WindowText); // which `show_words` colours
+  label->setForegroundRole(QPalette::WindowText); // see `show_text`
   return label;
 }
 
@@ -29,9 +29,9 @@ QString bar_style(const char* colour) {
 
 void DownloadRow::build() {
   setObjectName("row");
-  name_ = make_label("name", QSizePolicy::Ignored); // cut, rather than the window grown
+  name_ = make_label("name", QSizePolicy::Ignored); // a long name must not widen the window
   percent_ = make_label("percent", QSizePolicy::Preferred);
-  words_ = make_label("words", QSizePolicy::Ignored);
+  text_ = make_label("words", QSizePolicy::Ignored);
   auto font = name_->font();
   font.setBold(true);
   name_->setFont(font);
@@ -42,12 +42,12 @@ void DownloadRow::build() {
   toggle_ = new QToolButton;
   toggle_->setObjectName("toggle");
   auto policy = toggle_->sizePolicy();
-  policy.setRetainSizeWhenHidden(true); // bars of one length
+  policy.setRetainSizeWhenHidden(true); // so that all bars have the same length
   toggle_->setSizePolicy(policy);
   auto* const remove_button = new QToolButton;
   remove_button->setObjectName("remove");
   remove_button->setIcon(style()->standardIcon(QStyle::SP_TrashIcon));
-  remove_button->setToolTip("Remove it, with its files");
+  remove_button->setToolTip("Remove, and delete the unfinished file");
   for (auto* const button : {toggle_, remove_button}) {
     button->setIconSize({20, 20});
     button->setAutoRaise(true);
@@ -60,33 +60,34 @@ void DownloadRow::build() {
   grid->addWidget(name_, 0, 0);
   grid->addWidget(percent_, 0, 1);
   grid->addWidget(bar_, 1, 0, 1, 2);
-  grid->addWidget(words_, 2, 0, 1, 2);
+  grid->addWidget(text_, 2, 0, 1, 2);
   grid->addWidget(toggle_, 0, 2, 3, 1);
   grid->addWidget(remove_button, 0, 3, 3, 1);
   grid->setColumnStretch(0, 1);
 }
 
-void DownloadRow::show_words(const QString& words, bool bad) {
+void DownloadRow::show_text(const QString& text, bool is_error) {
   name_->setText(name());
   name_->setToolTip(entry_.link);
-  words_->setText(words);
-  words_->setToolTip(words);
+  text_->setText(text);
+  text_->setToolTip(text);
   auto colours = palette();
-  colours.setColor(QPalette::WindowText, bad ? QColor(0xB0, 0x20, 0x20) : QColor(0x60, 0x65, 0x6C));
-  words_->setPalette(colours);
+  colours.setColor(QPalette::WindowText,
+                   is_error ? QColor(0xB0, 0x20, 0x20) : QColor(0x60, 0x65, 0x6C));
+  text_->setPalette(colours);
   percent_->setPalette(colours);
-  show_bar(bad);
+  show_bar(is_error);
   show_toggle();
 }
 
-void DownloadRow::show_bar(bool bad) {
-  const auto share = complete_ ? 1.0F : progress_.prog_value;
-  const bool endless = !share && is_running(); // the server does not tell the length
-  bar_->setRange(0, endless ? 0 : 1000);
-  bar_->setValue(static_cast<int>(1000 * share.value_or(0)));
-  percent_->setText(share ? QString("%1 %").arg(static_cast<int>(100 * *share)) : QString());
+void DownloadRow::show_bar(bool is_error) {
+  const auto value = complete_ ? 1.0F : progress_.prog_value;
+  const bool is_busy_bar = !value && is_running(); // the length is not known
+  bar_->setRange(0, is_busy_bar ? 0 : 1000);
+  bar_->setValue(static_cast<int>(1000 * value.value_or(0)));
+  percent_->setText(value ? QString("%1 %").arg(static_cast<int>(100 * *value)) : QString());
   const auto* const colour = complete_      ? "#3c9a5f"
-                             : bad          ? "#c04040"
+                             : is_error     ? "#c04040"
                              : is_running() ? "#2f7fd1"
                                             : "#9aa3ad";
   if (colour_ != colour)
@@ -97,6 +98,6 @@ void DownloadRow::show_bar(bool bad) {
 void DownloadRow::show_toggle() {
   const auto icon = is_running() ? QStyle::SP_MediaPause : QStyle::SP_MediaPlay;
   toggle_->setIcon(style()->standardIcon(icon));
-  toggle_->setToolTip(is_running() ? "Pause" : "Continue");
+  toggle_->setToolTip(is_running() ? "Pause" : "Resume");
   toggle_->setVisible(!complete_);
 }

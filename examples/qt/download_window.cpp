@@ -2,53 +2,56 @@
 
 #include "download_row.h"
 #include "questions.h"
-#include "texts.h"
+
+#include <ravelin/ravelin_operation.h>
+#include <ravelin/response.h>
 
 #include <QCloseEvent>
 #include <QDir>
 #include <QFile>
 #include <QFileDialog>
 #include <QLineEdit>
+#include <QUrl>
 #include <algorithm>
-#include <filesystem>
 
 using namespace ravelin;
 
 void DownloadWindow::add(const QString& link) {
   const auto url = QUrl::fromUserInput(link.trimmed());
   if (url.scheme() != "http" && url.scheme() != "https") {
-    say("That is no link of http or https.");
+    show_notice("This is not an http or https link.");
     return;
   }
-  say({});
+  show_notice({});
   link_->clear();
   const auto text = QString::fromUtf8(url.toEncoded());
-  const auto name = name_from_link(url);
-  const auto file = QDir(remembered_.directory).filePath(name);
+  const auto suggested = suggested_name(URL(text.toStdString()));
+  const auto name = QString::fromStdString(suggested.value_or("download"));
+  const auto file = QDir(state_.directory).filePath(name);
   if (QFileInfo(file).isDir())
-    say(name + " is a directory.");
+    show_notice(name + " is a directory.");
   else if (!row_of(file) && !QFile::exists(file))
-    begin(text, file, OnConflict::resume);
+    start(text, file, OnConflict::resume);
   else
     ask_about_conflict(this, name,
-                       [=, this](OnConflict on_conflict) { begin(text, file, on_conflict); });
+                       [=, this](OnConflict on_conflict) { start(text, file, on_conflict); });
 }
 
-void DownloadWindow::begin(const QString& link, const QString& file, OnConflict on_conflict) {
+void DownloadWindow::start(const QString& link, const QString& file, OnConflict on_conflict) {
   if (on_conflict == OnConflict::stop) {
-    say(QFileInfo(file).fileName() + " was left as it is.");
+    show_notice(QFileInfo(file).fileName() + " was left as it is.");
     return;
   }
   auto* row = on_conflict == OnConflict::keep_both ? nullptr : row_of(file);
   const auto* const other =
       on_conflict == OnConflict::keep_both ? nullptr : row_with_record_of(file);
   if (other) {
-    say(other->name() + " uses the same resume record: finish or remove it first.");
+    show_notice(other->name() + " uses the same resume record; finish or remove it first.");
     return;
   }
   if (row && row->is_running() && on_conflict == OnConflict::resume)
     return;
-  QDir().mkpath(QFileInfo(file).path()); // where it cannot be made, the download says so
+  QDir().mkpath(QFileInfo(file).path()); // if that fails, the download fails
   if (!row)
     row = append({link, file});
   row->start(link, on_conflict);
@@ -60,15 +63,14 @@ DownloadRow* DownloadWindow::row_of(const QString& file) const {
   return found == rows_.end() ? nullptr : *found;
 }
 
-/// Another unfinished download whose name differs in the extension alone.
+/// Another unfinished download with the same resume record.
 DownloadRow* DownloadWindow::row_with_record_of(const QString& file) const {
-  const auto record = [](const QString& name) {
-    const std::filesystem::path path(QFile::encodeName(name).toStdString());
-    return path.parent_path() / path.stem();
+  const auto record_of = [](const QString& name) {
+    return RavelinOperation::get_resume_file(file_url(name));
   };
   const auto found = std::ranges::find_if(rows_, [&](auto* row) {
     const auto& other = row->entry().file;
-    return other != file && !row->is_complete() && record(other) == record(file);
+    return other != file && !row->is_complete() && record_of(other) == record_of(file);
   });
   return found == rows_.end() ? nullptr : *found;
 }
@@ -82,15 +84,15 @@ void DownloadWindow::ask_to_remove(DownloadRow* row) {
                     [row](Removal removal) { row->remove(removal == Removal::with_file); });
 }
 
-void DownloadWindow::forget(DownloadRow* row) {
+void DownloadWindow::delete_row(DownloadRow* row) {
   std::erase(rows_, row);
-  row->deleteLater(); // it is the one that calls
+  row->deleteLater(); // the row is the caller
   on_changed();
 }
 
 void DownloadWindow::choose_directory() {
   const auto chosen =
-      QFileDialog::getExistingDirectory(this, "Where new files go", remembered_.directory);
+      QFileDialog::getExistingDirectory(this, "Folder for new files", state_.directory);
   if (chosen.isEmpty())
     return;
   set_directory(chosen);
@@ -108,14 +110,13 @@ void DownloadWindow::on_changed() {
 }
 
 void DownloadWindow::save() const {
-  auto now = remembered_;
-  now.entries.clear();
+  auto state = state_;
   for (const auto* const row : rows_)
-    now.entries.push_back(row->entry());
-  now.save(settings_file_);
+    state.entries.push_back(row->entry());
+  state.save(settings_file_);
 }
 
-/// What has come is on disk at any moment; waiting for the last events only makes it exact.
+/// Closes once all downloads have stopped, so that their records count every byte.
 void DownloadWindow::closeEvent(QCloseEvent* event) {
   closing_ = is_any_running();
   for (auto* const row : rows_)

@@ -14,14 +14,14 @@ class QSpinBox;
 class QToolButton;
 class QVBoxLayout;
 
-/// A list of downloads, which it finds again at its next start.
+/// A list of downloads, which is saved and restored at the next start.
 ///
-/// Threads: main thread. Closing it first stops its downloads in good order.
+/// Threads: main thread. Closing the window stops its downloads first.
 class DownloadWindow final : public QWidget {
 public:
   explicit DownloadWindow(const QString& settings_file);
 
-  /// Begins to download `link` into the directory chosen, and asks where its file is there already.
+  /// Downloads `link` to the chosen directory. Asks what to do if the file exists.
   void add(const QString& link);
   void set_directory(const QString& directory);
 
@@ -32,21 +32,21 @@ private:
   QWidget* build_entry_line();
   QWidget* build_settings_line();
   QWidget* build_list();
-  void begin(const QString& link, const QString& file, ravelin::OnConflict on_conflict);
+  void start(const QString& link, const QString& file, ravelin::OnConflict on_conflict);
   DownloadRow* append(const Entry& entry);
   DownloadRow* row_of(const QString& file) const;
   DownloadRow* row_with_record_of(const QString& file) const;
   void ask_to_remove(DownloadRow* row);
-  void forget(DownloadRow* row);
+  void delete_row(DownloadRow* row);
   void choose_directory();
   void set_limit(int limit);
-  void say(const QString& words);
+  void show_notice(const QString& text);
   void save() const;
   void on_changed();
   bool is_any_running() const;
 
   const QString settings_file_;
-  Remembered remembered_; // its entries only at the start; later the rows have them
+  SavedState state_; // without entries, which are in the rows
   std::vector<DownloadRow*> rows_;
   bool closing_ = false;
 

@@ -17,7 +17,7 @@
 #include <QVBoxLayout>
 
 DownloadWindow::DownloadWindow(const QString& settings_file)
-    : settings_file_(settings_file), remembered_(Remembered::load(settings_file)) {
+    : settings_file_(settings_file), state_(SavedState::load(settings_file)) {
   setWindowTitle("Downloads");
   resize(640, 520);
   auto* const lines = new QVBoxLayout(this);
@@ -28,10 +28,10 @@ DownloadWindow::DownloadWindow(const QString& settings_file)
   notice_->setObjectName("notice");
   notice_->setTextFormat(Qt::PlainText);
   lines->addWidget(notice_);
-  say({});
-  set_limit(remembered_.limit);
-  set_directory(remembered_.directory);
-  for (const auto& entry : std::exchange(remembered_.entries, {}))
+  show_notice({});
+  set_limit(state_.limit);
+  set_directory(state_.directory);
+  for (const auto& entry : std::exchange(state_.entries, {}))
     append(entry);
 }
 
@@ -57,12 +57,12 @@ QWidget* DownloadWindow::build_settings_line() {
   directory_->setIcon(style()->standardIcon(QStyle::SP_DirIcon));
   directory_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
   directory_->setAutoRaise(true);
-  directory_->setToolTip("Where new files go");
+  directory_->setToolTip("Folder for new files");
   connect(directory_, &QToolButton::clicked, this, [this] { choose_directory(); });
   limit_ = new QSpinBox;
   limit_->setObjectName("limit");
   limit_->setRange(1, 20);
-  limit_->setValue(remembered_.limit);
+  limit_->setValue(state_.limit);
   connect(limit_, &QSpinBox::valueChanged, this, [this](int limit) {
     set_limit(limit);
     save();
@@ -72,7 +72,7 @@ QWidget* DownloadWindow::build_settings_line() {
   line->setContentsMargins({});
   line->addWidget(directory_);
   line->addStretch(1);
-  line->addWidget(new QLabel("Downloads at once"));
+  line->addWidget(new QLabel("Simultaneous downloads"));
   line->addWidget(limit_);
   return widget;
 }
@@ -95,23 +95,23 @@ DownloadRow* DownloadWindow::append(const Entry& entry) {
   auto* const row = new DownloadRow(entry, this);
   row->on_changed = [this] { on_changed(); };
   row->on_remove_clicked = [this, row] { ask_to_remove(row); };
-  row->on_removed = [this, row] { forget(row); };
+  row->on_removed = [this, row] { delete_row(row); };
   rows_.push_back(row);
   list_->insertWidget(list_->count() - 1, row); // before the stretch
   return row;
 }
 
 void DownloadWindow::set_limit(int limit) {
-  remembered_.limit = limit;
+  state_.limit = limit;
   ravelin::RavelinOperation::set_max_simultaneous_download_count(limit);
 }
 
-void DownloadWindow::say(const QString& words) {
-  notice_->setText(words);
-  notice_->setVisible(!words.isEmpty());
+void DownloadWindow::show_notice(const QString& text) {
+  notice_->setText(text);
+  notice_->setVisible(!text.isEmpty());
 }
 
 void DownloadWindow::set_directory(const QString& directory) {
-  remembered_.directory = directory;
+  state_.directory = directory;
   directory_->setText(QDir::toNativeSeparators(directory));
 }

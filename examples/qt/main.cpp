@@ -2,8 +2,8 @@
 
 #include "download_window.h"
 
-#include <ravelin/defaults.h>
 #include <ravelin/integrations/qt.h>
+#include <ravelin/options.h>
 
 #include <QApplication>
 #include <QStandardPaths>
@@ -12,13 +12,9 @@ int main(int argc, char** argv) {
   QApplication application(argc, argv);
   QApplication::setApplicationName("download_window");
   QApplication::setApplicationDisplayName("Downloads");
-  const ravelin::QtAdapter adapter; // from here on the library runs in the loop of Qt
+  const ravelin::QtAdapter adapter; // runs the library in Qt's event loop
 
-  auto defaults = ravelin::defaults();
-  defaults.reject_http_errors = true;
-  defaults.require_exact_ranges = true;
-  defaults.reject_changed_content = true;
-  ravelin::set_defaults(defaults);
+  ravelin::set_default_options(ravelin::Options::careful());
 
   const auto settings = QStandardPaths::writableLocation(QStandardPaths::AppConfigLocation);
   DownloadWindow window(settings + "/downloads.ini");

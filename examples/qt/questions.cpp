@@ -18,8 +18,8 @@ QMessageBox* make_question(QWidget* window, const QString& title, const QString&
 
 void ask_about_conflict(QWidget* window, const QString& name,
                         std::function<void(OnConflict)> answer) {
-  auto* const box = make_question(window, "The file is there already",
-                                  QString("<b>%1</b> is there already.").arg(name.toHtmlEscaped()));
+  auto* const box = make_question(window, "The file already exists",
+                                  QString("<b>%1</b> already exists.").arg(name.toHtmlEscaped()));
   box->setInformativeText("Resume continues an incomplete file and accepts a complete one.");
   const std::pair<QPushButton*, OnConflict> choices[] = {
       {box->addButton("Resume", QMessageBox::AcceptRole), OnConflict::resume},
@@ -39,8 +39,8 @@ void ask_about_conflict(QWidget* window, const QString& name,
 
 void ask_about_removal(QWidget* window, const QString& name, std::function<void(Removal)> answer) {
   auto* const box =
-      make_question(window, "Remove a download",
-                    QString("Delete the file <b>%1</b>, too?").arg(name.toHtmlEscaped()));
+      make_question(window, "Remove download",
+                    QString("Also delete the file <b>%1</b>?").arg(name.toHtmlEscaped()));
   auto* const with_file = box->addButton("Delete it", QMessageBox::DestructiveRole);
   auto* const list_only = box->addButton("Keep it", QMessageBox::AcceptRole);
   box->addButton(QMessageBox::Cancel);

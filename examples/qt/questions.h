@@ -7,13 +7,13 @@
 
 class QWidget;
 
-// The window's dialogues. Each returns at once and calls `answer` when a button was chosen.
+// The dialogs of the window. They return at once and call `answer` when a button is clicked.
 
-/// What is to become of a file that is there already. Leaving the dialogue means `stop`.
+/// Asks what to do about an existing file. Closing the dialog means `stop`.
 void ask_about_conflict(QWidget* window, const QString& name,
                         std::function<void(ravelin::OnConflict)> answer);
 
 enum class Removal { with_file, from_list_only };
 
-/// Whether a finished file is to be deleted, too. Leaving the dialogue answers nothing.
+/// Asks whether to delete a finished file as well. Closing the dialog cancels.
 void ask_about_removal(QWidget* window, const QString& name, std::function<void(Removal)> answer);

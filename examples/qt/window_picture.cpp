@@ -1,11 +1,11 @@
-// Takes the picture of the window at work: window_picture FILE
+// Takes a picture of the window with some downloads: window_picture FILE
 
 #include "download_window.h"
 #include "screen.h"
 #include "tests/harness/nginx.h"
 
-#include <ravelin/defaults.h>
 #include <ravelin/integrations/qt.h>
+#include <ravelin/options.h>
 
 #include <QApplication>
 #include <QFrame>
@@ -25,9 +25,7 @@ int main(int argc, char** argv) {
   setenv("QT_SCALE_FACTOR", "2", 1);
   const QApplication application(argc, argv);
   const ravelin::QtAdapter adapter;
-  auto defaults = ravelin::defaults();
-  defaults.reject_http_errors = true;
-  ravelin::set_defaults(defaults);
+  ravelin::set_default_options(ravelin::Options::careful());
 
   const test::Nginx server({.limit_rate = "2500k"});
   const std::pair<const char*, std::uintmax_t> files[] = {{"notes.pdf", 2'400'000},
@@ -40,7 +38,7 @@ int main(int argc, char** argv) {
   for (const auto& [name, size] : files)
     if (size > 0) {
       std::ofstream(server.root() / name);
-      std::filesystem::resize_file(server.root() / name, size); // a hole: it takes no room
+      std::filesystem::resize_file(server.root() / name, size); // sparse
     }
   const test::TempDir dir;
   DownloadWindow window(QString::fromStdString(dir / "downloads.ini"));

@@ -10,10 +10,10 @@
 
 namespace ravelin {
 
-/// The name of the category whose values are the URL-loading codes below.
+/// The name of the error category of `URLError`.
 inline constexpr const char* NSURLErrorDomain = "NSURLErrorDomain";
 
-/// What can go wrong between a link and its answer. The values are fixed and never reused.
+/// Codes of network errors. The values are fixed and never reused.
 enum class URLError : int {
   unknown = -1,
   cancelled = -999,
@@ -45,50 +45,50 @@ namespace ravelin {
 [[gnu::visibility("default")]] const std::error_category& url_error_category() noexcept;
 [[gnu::visibility("default")]] std::error_code make_error_code(URLError code) noexcept;
 
-/// A failed request. `what()` is the networking layer's own words; `code()` holds a `URLError`.
+/// A failed request. `what()` is a text for people; `code()` holds a `URLError`.
 class [[gnu::visibility("default")]] URLLoadingError : public std::system_error {
 public:
-  /// `text`: the networking layer's own words.
+  /// `text`: what `what()` returns.
   URLLoadingError(URLError code, std::string text);
-  /// The text alone, without the code's.
+  /// The text, without that of the code.
   const char* what() const noexcept override {
     return text_.c_str();
   }
 
-  /// What a safeguard found wrong with an answer.
+  /// Why a safeguard refused a response.
   enum class Refusal { none, http_status, range, changed_content };
-  /// `none` unless a safeguard refused the answer.
+  /// `none` unless a safeguard refused the response.
   Refusal refusal = Refusal::none;
   /// Whether the request asked for a range.
   bool asked_for_range = false;
-  /// The status of the answer that was refused.
+  /// The status of the refused response.
   std::optional<int> http_status;
-  /// How long the server asks to wait before the next attempt, where it said so.
+  /// How long the server asks to wait before the next attempt, if it said so.
   std::optional<std::chrono::seconds> retry_after;
 
 private:
   std::string text_;
 };
 
-/// Any thrown exception as a value: copied cheaply, carried to another thread, shown as text.
+/// Any thrown exception as a value: cheap to copy, and can be passed to another thread.
 ///
-/// Threads: an ordinary value; copies may be used on different threads.
+/// Threads: a plain value; copies may be used on different threads.
 /// Ownership: shares the exception with its copies.
 class [[gnu::visibility("default")]] Error {
 public:
   /// `exception` must not be null.
   explicit Error(std::exception_ptr exception);
-  /// The exception being handled; to be called inside a `catch` block.
+  /// The exception being handled. Call it inside a `catch` block.
   static Error current() {
     return Error(std::current_exception());
   }
 
-  /// What happened, in words for people. Programs look at `code()` and the type instead.
+  /// What happened, for people. Programs should use `code()` or the type instead.
   const std::string& text() const;
-  /// The platform's code, or an empty code where the exception is no `std::system_error`.
+  /// The error code, or an empty one if the exception is not a `std::system_error`.
   std::error_code code() const;
-  /// The exception itself if it is an `E` (or derived from one), otherwise null. Valid as long as
-  /// this error or a copy of it lives.
+  /// The exception if it is an `E` or derived from it, otherwise null. Valid as long as this error
+  /// or a copy of it exists.
   template <class E> const E* get_if() const {
     try {
       std::rethrow_exception(exception());
@@ -98,11 +98,11 @@ public:
       return nullptr;
     }
   }
-  /// Whether it is an `E`, or derived from one.
+  /// Whether the exception is an `E` or derived from it.
   template <class E> bool is() const {
     return get_if<E>() != nullptr;
   }
-  /// Throws the exception again, unchanged.
+  /// Rethrows the exception, unchanged.
   [[noreturn]] void rethrow() const {
     std::rethrow_exception(exception());
   }

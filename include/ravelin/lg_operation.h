@@ -4,33 +4,36 @@
 
 namespace ravelin {
 
-/// What all operations share: whether one is under way, and whether it has been asked to stop.
+/// The base of all operations: whether a run is in progress, and whether it was asked to stop.
 ///
-/// Threads: any; each call runs on the main thread and waits for it. Off the main thread that
-/// needs a main queue that is being run.
+/// Threads: any; each call is executed on the main thread. Called on another thread it waits, so
+/// the main queue must be running.
 class [[gnu::visibility("default")]] LGOperation
     : public std::enable_shared_from_this<LGOperation> {
 public:
-  LGOperation();
+  LGOperation(); ///< idle and not cancelled
   virtual ~LGOperation() = default;
   LGOperation(const LGOperation&) = delete;
   LGOperation& operator=(const LGOperation&) = delete;
 
-  /// Whether a run is under way.
+  /// Whether a run is in progress.
   virtual bool is_busy() const;
-  /// Whether it has been asked to stop.
-  virtual bool is_cancelled() const;
-  /// Asks the work under way to stop. On an idle operation the request waits for the next run.
-  virtual void cancel();
 
 protected:
-  /// Begins a run.
+  /// Marks the operation as busy.
   virtual void activate();
-  /// Ends a run. Forgets a request to stop, too.
+  /// Marks the operation as idle and not cancelled.
   virtual void free();
 
+public:
+  /// Whether the run was asked to stop.
+  virtual bool is_cancelled() const;
+  /// Asks the current run to stop. If the operation is idle, its next run is stopped instead.
+  virtual void cancel();
+
 private:
-  bool _is_busy = false; // the main thread's, as the other one
+  // Both belong to the main thread.
+  bool _is_busy = false;
   bool _is_cancelled = false;
 };
 

@@ -5,38 +5,37 @@
 
 namespace ravelin {
 
-/// The queue of the application's main thread, to be run by whatever loop that thread has.
+/// The queue of work for the application's main thread.
 ///
-/// The main thread is the one that ran `main` until `adopt_current_thread()` names another. Pick
-/// one way to run it: `run()` in a console program, or `drain()` whenever `descriptor()` is
-/// readable in an event loop of your own.
+/// The main thread is the one that ran `main`, or the one that called `adopt_current_thread()`.
+/// There are two ways to run the queue: call `run()`, or, in an event loop of your own, call
+/// `drain()` whenever `descriptor()` is readable.
 ///
-/// Threads: each function says which. Ownership: one per process, never destroyed.
+/// Threads: see each function. Ownership: one per process, never destroyed.
 class [[gnu::visibility("default")]] MainQueue {
 public:
   MainQueue() = delete;
 
-  /// Makes the calling thread the main thread. Once, at start, before the first operation.
+  /// Makes the calling thread the main thread. Call it once, before the first operation.
   static void adopt_current_thread();
-  /// Any thread.
+  /// Whether the calling thread is the main thread. Any thread.
   static bool is_main_thread() noexcept;
 
-  /// Queues `task` for the main thread and returns at once. Any thread. An exception that `task`
-  /// throws leaves through `run()` or `drain()`.
+  /// Queues `task` for the main thread and returns at once. If `task` throws, `run()` or `drain()`
+  /// throws the exception. Any thread.
   static void async(std::function<void()> task);
 
-  /// Main thread: runs queued work until `stop()` has been called, sleeping while there is none.
+  /// Runs queued work, and sleeps while there is none, until `stop()` is called. Main thread.
   static void run();
-  /// Any thread, from inside queued work too: makes `run()` return after the work under way, or
-  /// the next `run()` at once if none is under way.
+  /// Makes `run()` return after the current task. If `run()` is not active, the next call returns
+  /// at once. Any thread; may be called in a task.
   static void stop();
 
-  /// Main thread: runs the work that is queued now, without waiting, and returns how many pieces
-  /// that were. Work that is queued meanwhile makes the descriptor readable again.
+  /// Runs the tasks that are queued now, without waiting, and returns their number. Tasks queued
+  /// meanwhile make the descriptor readable again. Main thread.
   static std::size_t drain();
-  /// A descriptor that is readable while work is queued that no `run()` sees to, for poll, epoll
-  /// or an event loop. It belongs to the queue: watch it, never read, write or close it. Any
-  /// thread.
+  /// A descriptor for poll, epoll or an event loop; readable while tasks are queued and `run()` is
+  /// not active. It belongs to the queue: do not read, write or close it. Any thread.
   static int descriptor();
 };
 

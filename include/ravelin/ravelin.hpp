@@ -1,11 +1,14 @@
 #pragma once
 
-/// Everything an application in C++ needs. Applications in C include <ravelin/ravelin.h>.
+/// The whole C++ interface. The C interface is <ravelin/ravelin.h>.
 
-#include "ravelin/defaults.h"
+#include "ravelin/async.h"
 #include "ravelin/error.h"
 #include "ravelin/main_queue.h"
+#include "ravelin/options.h"
 #include "ravelin/ravelin_operation.h"
+#include "ravelin/response.h"
 #include "ravelin/status.h"
+#include "ravelin/text.h"
 #include "ravelin/text_error.h"
 #include "ravelin/url.h"

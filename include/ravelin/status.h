@@ -11,35 +11,37 @@
 
 namespace ravelin {
 
-/// Makes one visitor of several lambdas: `status.visit(match{[](const Status::success&) {}, ...})`.
-/// A case that no lambda takes does not compile.
+/// Combines lambdas into a visitor: `status.visit(match{[](const Status::success&) {}, ...})`. It
+/// does not compile if a case is not handled.
 template <class... Cases> struct match : Cases... { using Cases::operator()...; };
 template <class... Cases> match(Cases...) -> match<Cases...>;
 
-/// What happens when the destination exists already or is being downloaded.
+/// What to do if the destination exists or is being downloaded.
 enum class OnConflict {
-  /// Continue what is incomplete, accept what is complete, take over what is being downloaded.
+  /// Continue an incomplete file, accept a complete one, take over one that is being downloaded.
   resume,
-  /// Delete what is there, cancelling who downloads it, and begin anew.
+  /// Cancel its download, delete the file and download it again.
   replace,
-  /// Download under another name; `Status::renamed` tells which.
+  /// Download to another name, reported by `Status::renamed`.
   keep_both,
-  /// Leave what is there alone and end in an error.
+  /// Fail, and leave the file alone.
   stop,
 };
 
-/// How far a download has come.
+/// The progress of a download.
 struct Progress {
-  /// The fields in another order: `prog_value`, `received_bytes`, and so on.
+  /// Nothing received.
+  Progress() : Progress(0.0F, 0, false) {}
+  /// The order of the parameters differs from that of the fields.
   Progress(std::optional<float> value, std::int64_t bytes, bool at_snap_point,
            std::optional<std::int64_t> length = std::nullopt)
       : content_length(length), prog_value(value), received_bytes(bytes),
         is_at_snap_point(at_snap_point) {}
 
-  std::optional<std::int64_t> content_length; ///< bytes; none when the server does not tell
-  std::optional<float> prog_value;            ///< 0.0 to 1.0; none when the length is not known
-  std::int64_t received_bytes;                ///< flushed or on their way to the disk
-  /// For applications that want few updates: true about every `progress_snap_interval`.
+  std::optional<std::int64_t> content_length; ///< bytes; none if the server did not send it
+  std::optional<float> prog_value;            ///< 0.0 to 1.0; none if the length is not known
+  std::int64_t received_bytes;                ///< written to disk or queued for writing
+  /// True about once per `progress_snap_interval`, for applications that want few updates.
   bool is_at_snap_point;
 
   friend bool operator==(const Progress&, const Progress&) = default;
@@ -47,68 +49,71 @@ struct Progress {
 
 /// Why a download failed.
 struct CustomError {
-  /// Any other error, as it is.
+  /// Any other error.
   struct other {
-    Error error; ///< with the platform's code, where it has one
+    Error error; ///< as it was thrown
   };
-  /// The server was silent for too long.
+  /// The server sent nothing for too long.
   struct timeout {};
-  /// There is no network at all.
+  /// No network interface is up.
   struct not_connected_to_internet {};
-  /// In the middle.
+  /// The connection ended before the response was complete.
   struct network_connection_lost {};
 
-  /// The reason in words for people.
+  /// The reason, for people.
   [[gnu::visibility("default")]] std::string text() const;
 
-  /// Calls `visitor` with the case that it is.
+  /// Calls `visitor` with the current case.
   template <class Visitor> decltype(auto) visit(Visitor&& visitor) const {
     return std::visit(std::forward<Visitor>(visitor), value);
   }
-  /// Whether it is this case.
+  /// Whether this is the current case.
   template <class Case> bool holds() const { return std::holds_alternative<Case>(value); }
-  /// The payload, or null when this is another case.
+  /// The current case, or null if it is another one.
   template <class Case> const Case* get_if() const { return std::get_if<Case>(&value); }
 
   /// The cases.
   std::variant<other, timeout, not_connected_to_internet, network_connection_lost> value;
 };
 
-/// Where an operation stands.
+/// Classifies an error by its `URLError`: timeout, no network, lost connection, or else `other`.
+[[gnu::visibility("default")]] CustomError make_custom_error(const Error& from);
+
+/// The state of an operation.
 struct State {
-  /// The content comes in.
+  /// Receiving the content.
   struct downloading {
     Progress progress; ///< of the last event
     friend bool operator==(const downloading&, const downloading&) = default;
   };
-  /// Its last run was cancelled.
+  /// The last run was cancelled.
   struct cancelled {
-    bool also_cleared_files; ///< destination and record were deleted
-    Progress progress;       ///< by the record
+    bool also_cleared_files; ///< the destination and its record were deleted
+    Progress progress;       ///< according to the record
     friend bool operator==(const cancelled&, const cancelled&) = default;
   };
-  /// Its last run failed.
+  /// The last run failed.
   struct failed {
     CustomError custom_error; ///< why
   };
-  /// It has not been started.
+  /// Not started yet.
   struct none {};
-  /// Waits for a free slot, or for an earlier download of the same file to end.
+  /// Waiting for a slot, or for an earlier download of the same file to end.
   struct pending {};
-  /// Asks the server for its header.
+  /// Requesting the header.
   struct connecting {};
   /// The file is complete.
   struct successful {};
-  /// Was asked to stop.
+  /// Asked to stop.
   struct cancelling {};
 
-  /// Calls `visitor` with the case that it is.
+  /// Calls `visitor` with the current case.
   template <class Visitor> decltype(auto) visit(Visitor&& visitor) const {
     return std::visit(std::forward<Visitor>(visitor), value);
   }
-  /// Whether it is this case.
+  /// Whether this is the current case.
   template <class Case> bool holds() const { return std::holds_alternative<Case>(value); }
-  /// The payload, or null when this is another case.
+  /// The current case, or null if it is another one.
   template <class Case> const Case* get_if() const { return std::get_if<Case>(&value); }
 
   /// The cases.
@@ -116,58 +121,61 @@ struct State {
       value;
 };
 
-/// What a status callback is told. Each run ends in exactly one of `success`, `cancelled`, `error`.
+/// An event of a run. Each run ends with exactly one of `success`, `cancelled` and `error`.
 struct Status {
-  /// The destination's name was taken; the download goes to this one. Sent before `resume(...)`
+  /// The destination exists, and the download goes to another name. Sent before `resume(...)`
   /// returns.
   struct renamed {
-    URL new_file_url; ///< as given but for the name
+    URL new_file_url; ///< in the same directory
     friend bool operator==(const renamed&, const renamed&) = default;
   };
-  /// Both files were made anew. The one event that does not come on the main thread: it comes on
-  /// the background thread that made them.
+  /// The destination and its record were created. This is the only event that is sent on a
+  /// background thread.
   struct files_are_created {
     URL main_file_url;   ///< the destination
     URL resume_file_url; ///< the record beside it
     friend bool operator==(const files_are_created&, const files_are_created&) = default;
   };
-  /// The content comes in now.
+  /// The content starts to arrive.
   struct started {
     std::optional<std::int64_t> content_length; ///< bytes
     friend bool operator==(const started&, const started&) = default;
   };
-  /// With every chunk.
+  /// A chunk has arrived.
   struct downloading {
-    Progress progress; ///< of all parts together
+    Progress progress; ///< of the whole file
     friend bool operator==(const downloading&, const downloading&) = default;
   };
-  /// Final. The progress is the record's; what was not split begins anew all the same.
+  /// Final. A download that was not split restarts from the beginning when it is resumed.
   struct cancelled {
-    bool also_cleared_files; ///< destination and record were deleted
-    Progress progress;       ///< by the record
+    bool also_cleared_files; ///< the destination and its record were deleted
+    Progress progress;       ///< according to the record
     friend bool operator==(const cancelled&, const cancelled&) = default;
   };
-  /// Final.
+  /// Final: the run failed.
   struct error {
     CustomError custom_error; ///< why
   };
-  /// Waits for a free slot, or for an earlier download of the same file to end.
+  /// Waiting for a slot, or for an earlier download of the same file to end.
   struct pending {};
-  /// Asks the server for its header.
+  /// Requesting the header.
   struct connecting {};
   /// Final: the file is complete.
   struct success {};
-  /// Was asked to stop.
+  /// Asked to stop.
   struct cancelling {};
 
-  /// Calls `visitor` with the case that it is.
+  /// Calls `visitor` with the current case.
   template <class Visitor> decltype(auto) visit(Visitor&& visitor) const {
     return std::visit(std::forward<Visitor>(visitor), value);
   }
-  /// Whether it is this case.
+  /// Whether this is the current case.
   template <class Case> bool holds() const { return std::holds_alternative<Case>(value); }
-  /// The payload, or null when this is another case.
+  /// The current case, or null if it is another one.
   template <class Case> const Case* get_if() const { return std::get_if<Case>(&value); }
+
+  /// Whether this is the last event of the run.
+  bool is_final() const { return holds<success>() || holds<cancelled>() || holds<error>(); }
 
   /// The cases.
   std::variant<renamed, files_are_created, started, downloading, cancelled, error, pending,

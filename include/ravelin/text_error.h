@@ -6,15 +6,15 @@
 
 namespace ravelin {
 
-/// An error that is a text of the library's own.
+/// An error of the library that has a text but no code.
 class [[gnu::visibility("default")]] TextError : public std::runtime_error {
 public:
-  /// One sentence that says everything.
+  /// `text` is both `what()` and `message()`.
   explicit TextError(const std::string& text) : TextError(text, text) {}
-  /// `text` is everything there is to say, `message` the sentence for people.
+  /// `text` is `what()`, with the source location; `message` is for people.
   TextError(const std::string& text, std::string message)
       : std::runtime_error(text), message_(std::move(message)) {}
-  /// The sentence for people.
+  /// The text for people.
   const std::string& message() const {
     return message_;
   }

@@ -8,28 +8,28 @@
 
 namespace ravelin {
 
-/// A network link, or a file named by its path. A value: copied, compared and hashed as given.
+/// A link, or the path of a file. Compared and hashed exactly as given.
 ///
-/// Threads: an ordinary value; distinct objects may be used on distinct threads.
-/// Errors: nothing is checked here; a link that is no link fails when it is asked for.
+/// Threads: a plain value.
+/// Errors: nothing is checked; a request for an invalid link fails.
 class [[gnu::visibility("default")]] URL {
 public:
-  URL() = default;
-  /// A link as text, such as "https://example.org/movie.mkv". Kept to the letter.
+  URL() = default; ///< an empty link
+  /// A link such as "https://example.org/movie.mkv". Not changed.
   explicit URL(std::string_view link) : text_(link) {}
-  /// The file at `path`, which may be relative to the working directory. Kept to the letter.
+  /// The file at `path`, which may be relative to the working directory. Not changed.
   static URL file(std::filesystem::path path);
 
-  /// True for URLs made by `file()`.
+  /// Whether it was made by `file()`.
   bool is_file() const {
     return is_file_;
   }
-  /// The path of a file URL; of a "file:" link its path, decoded; otherwise empty.
+  /// The path of a file URL, or the decoded path of a "file:" link; otherwise empty.
   std::filesystem::path path() const;
   /// The link as given; for a file URL, "file://" and the percent-encoded absolute path.
   std::string text() const;
 
-  /// For containers.
+  /// For hash containers.
   std::size_t hash() const {
     return std::hash<std::string>()(text_);
   }
@@ -44,8 +44,8 @@ private:
 
 } // namespace ravelin
 
-/// URLs as keys of containers.
+/// For hash containers.
 template <> struct std::hash<ravelin::URL> {
-  /// Any thread.
+  /// The hash of `url`.
   std::size_t operator()(const ravelin::URL& url) const { return url.hash(); }
 };

@@ -16,7 +16,7 @@
 namespace ravelin::platform {
 namespace {
 
-std::atomic<FileCalls*> replacement = nullptr; // read by every thread that touches a file
+std::atomic<FileCalls*> replacement = nullptr; // read by every thread that uses files
 
 } // namespace
 
@@ -47,13 +47,13 @@ int FileCalls::unlink(const char* path) {
 
 #if defined(__linux__)
 int FileCalls::reserve(int descriptor, off_t size) {
-  // In memory, room is pages: to take them all now would hold up the first byte and everybody else.
-  // Where they may become scarce, they are taken all the same: several files may count on them.
-  constexpr std::uint64_t plenty = 8;
+  // On tmpfs, reserving allocates and zeroes every page, which delays the first byte. That is only
+  // worth it when space is short and several files may compete for it.
+  constexpr std::uint64_t min_free_ratio = 8; // free space to file size
   struct statfs system {};
   if (::fstatfs(descriptor, &system) == 0 && system.f_type == TMPFS_MAGIC &&
       static_cast<std::uint64_t>(size) / static_cast<std::uint64_t>(system.f_bsize) <
-          system.f_bavail / plenty)
+          system.f_bavail / min_free_ratio)
     return errno = EOPNOTSUPP, -1;
   return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size);
 }

@@ -6,9 +6,8 @@
 
 namespace ravelin::platform {
 
-/// The calls that reach the file system to change something, as the system spells them: -1 and
-/// `errno`. The one place where a test can make the nth of them fail or forget what was not
-/// flushed.
+/// The system calls that change files, with their usual interface: -1 and `errno` on failure.
+/// Tests override them to make the nth call fail or to drop what was not flushed.
 class FileCalls {
 public:
   virtual ~FileCalls() = default;
@@ -18,7 +17,7 @@ public:
   virtual int fdatasync(int descriptor);
   virtual int fsync(int descriptor);
   virtual int ftruncate(int descriptor, off_t size);
-  /// Reserves room without changing the visible size, where that costs next to nothing.
+  /// Allocates space without changing the visible size, unless that would be slow.
   virtual int reserve(int descriptor, off_t size);
   virtual int rename(const char* from, const char* to);
   virtual int unlink(const char* path);
@@ -26,9 +25,8 @@ public:
   virtual int removexattr(const char* path, const char* name);
 };
 
-/// The calls in use.
 FileCalls& file_calls();
-/// Puts other calls in place, or the system's own again with null. While no file is in use.
+/// Replaces the calls; null restores the system's. Call it while no file is open.
 void set_file_calls(FileCalls* calls);
 
 } // namespace ravelin::platform

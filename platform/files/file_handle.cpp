@@ -2,7 +2,7 @@
 
 #include "platform/fatal.h"
 #include "platform/files/file_calls.h"
-#include "platform/network/block_pool.h"
+#include "platform/files/storage_speed.h"
 
 #include <cerrno>
 #include <chrono>
@@ -43,7 +43,7 @@ void FileHandle::write(std::int64_t offset, const Data& bytes) {
     if (written < 0 && errno == EINTR)
       continue;
     if (written == 0)
-      errno = EIO; // nothing more goes in, and no reason is given
+      errno = EIO; // no progress and no error code
     if (written <= 0)
       fail("write to");
     rest = rest.subspan(static_cast<std::size_t>(written));
@@ -55,11 +55,11 @@ void FileHandle::synchronize() {
   const auto start = std::chrono::steady_clock::now();
   while (file_calls().fdatasync(descriptor_) != 0) {
     if (errno == EINVAL)
-      return; // a pipe or a device has nothing to flush
+      return; // a pipe or device cannot be flushed
     if (errno != EINTR)
       fail("flush");
   }
-  BlockPool::instance().note_flush(std::chrono::steady_clock::now() - start);
+  note_flush(std::chrono::steady_clock::now() - start);
 }
 
 std::int64_t FileHandle::visible_size() const {
@@ -70,10 +70,11 @@ std::int64_t FileHandle::visible_size() const {
 void FileHandle::reserve(std::int64_t size) {
   if (size <= 0 || try_to_reserve(size))
     return;
-  static std::mutex mutex; // files that compete hold parts of the room; in turns the last finds it
+  // Attempts at the same time fail together, each holding some of the space: retry one at a time.
+  static std::mutex mutex;
   const std::lock_guard lock(mutex);
   if (!try_to_reserve(size))
-    fail("reserve room for");
+    fail("reserve space for");
 }
 
 bool FileHandle::try_to_reserve(std::int64_t size) const {
@@ -82,17 +83,17 @@ bool FileHandle::try_to_reserve(std::int64_t size) const {
     if (reason == EINTR)
       continue;
     if (reason != ENOSPC && reason != EDQUOT && reason != EFBIG) {
-      require_room(size);
+      require_space(size);
       return true;
     }
-    file_calls().ftruncate(descriptor_, visible_size()); // gives back what was reserved so far
+    file_calls().ftruncate(descriptor_, visible_size()); // releases a partial reservation
     errno = reason;
     return false;
   }
   return true;
 }
 
-void FileHandle::require_room(std::int64_t size) const {
+void FileHandle::require_space(std::int64_t size) const {
   struct stat status {};
   struct statvfs system {};
   if (::fstat(descriptor_, &status) != 0 || ::fstatvfs(descriptor_, &system) != 0)
@@ -102,7 +103,7 @@ void FileHandle::require_room(std::int64_t size) const {
   if (block > 0 && system.f_blocks > 0 &&
       missing / block > static_cast<std::int64_t>(system.f_bavail)) {
     errno = ENOSPC;
-    fail("reserve room for");
+    fail("reserve space for");
   }
 }
 

@@ -7,10 +7,10 @@
 
 namespace ravelin::platform {
 
-/// A file opened for writing at any position.
+/// A file open for positioned writes.
 ///
 /// Threads: one at a time. Errors: `std::system_error` whose text names the file.
-/// Ownership: closes the file when destroyed, if nobody did before.
+/// Ownership: closes the file when destroyed, unless `close_file()` did.
 class FileHandle {
 public:
   /// Opens the existing file at `url`.
@@ -19,21 +19,21 @@ public:
   FileHandle& operator=(FileHandle&&) = delete;
   ~FileHandle();
 
-  /// Writes all of `bytes` at `offset` (bytes from the start, 0 or more).
+  /// Writes all of `bytes` at `offset` (bytes from the start, not negative).
   void write(std::int64_t offset, const Data& bytes);
-  /// Returns when everything written is on storage.
+  /// Flushes everything written to storage.
   void synchronize();
-  /// Reserves room for `size` bytes without changing the visible size. A file system that is full
-  /// throws, and keeps nothing of the attempt; one that cannot reserve is asked what is free.
+  /// Reserves space for `size` bytes without changing the visible size. Throws and reserves nothing
+  /// if the file system is full. Where it cannot reserve, only the free space is checked.
   void reserve(std::int64_t size);
-  /// Cuts the file to `size` bytes if it is longer.
+  /// Truncates the file to `size` bytes if it is longer.
   void cut(std::int64_t size);
   void close_file() noexcept;
 
 private:
   FileHandle(int descriptor, std::filesystem::path path);
   bool try_to_reserve(std::int64_t size) const;
-  void require_room(std::int64_t size) const;
+  void require_space(std::int64_t size) const;
   std::int64_t visible_size() const;
   [[noreturn]] void fail(const char* what) const;
 

@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
                           std::string("could not ") + what + " '" + path.native() + "'");
 }
 
-/// Closes its descriptor, and keeps `errno` as the failing call left it.
+/// Closes its descriptor and preserves `errno` from the call that failed.
 struct Descriptor {
   int number;
   ~Descriptor() {
@@ -37,7 +37,7 @@ bool write_all(int descriptor, std::string_view text) {
     if (written < 0 && errno == EINTR)
       continue;
     if (written == 0)
-      errno = EIO; // nothing more goes in, and no reason is given
+      errno = EIO; // no progress and no error code
     if (written <= 0)
       return false;
     text.remove_prefix(static_cast<std::size_t>(written));
@@ -46,9 +46,9 @@ bool write_all(int descriptor, std::string_view text) {
   return true;
 }
 
-/// A fresh file under `path`. Whatever stands there goes first and is never followed or written
-/// through: it may be a link that somebody else planted.
-int create_fresh(const fs::path& path) {
+/// Replaces what is at `path` by a new file. Never opens an existing one: it may be a link planted
+/// by someone else.
+int create_new(const fs::path& path) {
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
   const int descriptor = file_calls().open(path.c_str(), flags, 0666);
   if (descriptor >= 0 || errno != EEXIST || file_calls().unlink(path.c_str()) != 0)
@@ -63,7 +63,7 @@ fs::path directory_of(const fs::path& path) {
 bool flush_directory(const fs::path& directory) {
   const Descriptor opened{file_calls().open(directory.c_str(), O_RDONLY | O_DIRECTORY, 0)};
   if (opened.number < 0)
-    return errno == EACCES; // a directory that may be written but not read cannot be flushed
+    return errno == EACCES; // a directory without read permission cannot be flushed
   while (file_calls().fsync(opened.number) != 0)
     if (errno != EINTR)
       return errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
@@ -77,13 +77,13 @@ bool flush(int descriptor) {
   return true;
 }
 
-bool write_fresh(const fs::path& path, std::string_view text, Lasting lasting) {
-  const Descriptor opened{create_fresh(path)};
+bool write_new(const fs::path& path, std::string_view text, Flush flush_mode) {
+  const Descriptor opened{create_new(path)};
   return opened.number >= 0 && write_all(opened.number, text) &&
-         (lasting == Lasting::no || flush(opened.number));
+         (flush_mode == Flush::no || flush(opened.number));
 }
 
-fs::path temporary_of(fs::path path) {
+fs::path temporary_path(fs::path path) {
   return path += ".tmp";
 }
 
@@ -106,9 +106,9 @@ bool FileManager::is_directory(const URL& url) const {
 void FileManager::create_file(const URL& url) noexcept {
   const auto path = url.path();
   constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY;
-  const Descriptor made{file_calls().open(path.c_str(), flags, 0666)};
-  if (made.number >= 0)
-    flush_directory(directory_of(path)); // before any record counts bytes under this name
+  const Descriptor created{file_calls().open(path.c_str(), flags, 0666)};
+  if (created.number >= 0)
+    flush_directory(directory_of(path)); // before any record counts bytes of this file
 }
 
 void FileManager::remove_item(const URL& url) {
@@ -121,9 +121,10 @@ void FileManager::remove_item(const URL& url) {
   set_hidden(url, false);
 }
 
-std::string read_text(const URL& url, std::size_t limit) {
+std::string read_text(const URL& url, std::size_t limit, Links links) {
   const auto path = url.path();
-  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY; // a pipe would keep us waiting
+  const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | // opening a pipe would block
+                    (links == Links::refused ? O_NOFOLLOW : 0);
   const Descriptor opened{file_calls().open(path.c_str(), flags, 0)};
   if (opened.number < 0)
     fail(errno, "open", path);
@@ -153,20 +154,20 @@ std::string read_text(const URL& url, std::size_t limit) {
 }
 
 void remove_temporary_of(const URL& url) noexcept {
-  file_calls().unlink(temporary_of(url.path()).c_str());
+  file_calls().unlink(temporary_path(url.path()).c_str());
 }
 
-void write_text_atomically(const URL& url, std::string_view text, Lasting lasting) {
+void write_text_atomically(const URL& url, std::string_view text, Flush flush_mode) {
   const auto path = url.path();
-  const auto temporary = temporary_of(path);
-  const bool placed = write_fresh(temporary, text, lasting) &&
+  const auto temporary = temporary_path(path);
+  const bool placed = write_new(temporary, text, flush_mode) &&
                       file_calls().rename(temporary.c_str(), path.c_str()) == 0;
   if (!placed) {
     const int reason = errno;
     file_calls().unlink(temporary.c_str());
     fail(reason, "write", path);
   }
-  if (lasting == Lasting::yes && !flush_directory(directory_of(path)))
+  if (flush_mode == Flush::yes && !flush_directory(directory_of(path)))
     fail(errno, "flush the directory of", path);
 }
 

@@ -7,30 +7,32 @@
 
 namespace ravelin::platform {
 
-/// Questions and changes about files by name.
+/// Operations on files by name.
 ///
 /// Threads: any; it has no state. Errors: `std::system_error` whose text names the file.
 class FileManager {
 public:
   static FileManager& default_manager();
 
-  /// Also true for directories and what else bears the name; false for a link to nothing.
+  /// True for anything of that name, directories too; false for a dangling link.
   bool file_exists(const URL& url) const;
   bool is_directory(const URL& url) const;
-  /// Makes an empty file, with no word about the outcome.
+  /// Creates an empty file, or truncates an existing one. Failures are not reported.
   void create_file(const URL& url) noexcept;
-  /// Removes a file or a symbolic link, and its line in the directory's list of hidden names.
-  /// Directories and devices are refused: they are not ours to remove.
+  /// Removes a file or symbolic link, and its line in the directory's `.hidden` list. Refuses
+  /// directories and devices.
   void remove_item(const URL& url);
 };
 
-/// The whole file as text, at most `limit` bytes. Throws for larger ones too.
-std::string read_text(const URL& url, std::size_t limit);
-/// What outlives a power cut: `lasting` text is flushed to storage together with its name.
-enum class Lasting { yes, no };
-/// Puts `text` in place whole or not at all. A killed process leaves at most one temporary file,
-/// under a fixed name, which the next write replaces.
-void write_text_atomically(const URL& url, std::string_view text, Lasting lasting = Lasting::yes);
+/// Whether `read_text` follows symbolic links.
+enum class Links { followed, refused };
+/// The content of the file. Throws if it has more than `limit` bytes.
+std::string read_text(const URL& url, std::size_t limit, Links links = Links::followed);
+/// Whether a text and its file name are flushed to storage, so that they survive a power failure.
+enum class Flush { yes, no };
+/// Replaces the whole file by `text` or does not change it. A killed process leaves at most one
+/// temporary file, which the next write replaces.
+void write_text_atomically(const URL& url, std::string_view text, Flush flush_mode = Flush::yes);
 /// Removes the temporary file that a killed process may have left beside `url`.
 void remove_temporary_of(const URL& url) noexcept;
 

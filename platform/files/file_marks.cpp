@@ -11,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -19,26 +20,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t longest_list = 4 * 1024 * 1024; // bytes; a larger one is left alone
-constexpr std::string_view our_list_mark = "ravelin.made_this_list";
+constexpr std::size_t max_list_size = 4 * 1024 * 1024; // bytes; a larger one is left alone
+constexpr std::string_view our_list_attribute = "ravelin.made_this_list";
 
 bool is_plain_file(const fs::path& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-bool is_link(const fs::path& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-/// Unprivileged programs own the "user." names only.
+/// Unprivileged programs may only use the "user." namespace.
 std::string attribute_name(std::string_view name) {
   return "user." + std::string(name);
 }
 
-/// Keeps other processes from editing the same list meanwhile. Whoever can read the directory can
-/// hold its lock for good: after a while the list is left alone.
+/// Keeps other processes from editing the list at the same time. Gives up after 100 ms, since
+/// anyone who can read the directory can hold its lock forever.
 class DirectoryLock {
 public:
   explicit DirectoryLock(const fs::path& directory)
@@ -68,8 +64,8 @@ struct Edit {
   bool changed = false;
 };
 
-/// `text` with or without a line `name`; every other byte stays.
-Edit edited(std::string text, const std::string& name, bool listed) {
+/// Adds the line `name` to `text`, or removes it; every other byte stays.
+Edit edit_line(std::string text, const std::string& name, bool listed) {
   std::size_t begin = 0;
   while (begin < text.size()) {
     const auto end = std::min(text.find('\n', begin), text.size());
@@ -88,39 +84,52 @@ Edit edited(std::string text, const std::string& name, bool listed) {
   return {text + name + '\n', true};
 }
 
-/// Where attributes are not supported nothing tells, and an empty list serves nobody.
+struct HiddenList {
+  bool exists = false;
+  bool is_editable = true;
+  std::string text;
+};
+
+/// Does not follow a link: the list is kept elsewhere, or someone planted the link.
+HiddenList read_list(const URL& list) {
+  try {
+    return {true, true, read_text(list, max_list_size, Links::refused)};
+  } catch (const std::system_error& error) {
+    return {false, error.code().value() == ENOENT, ""};
+  }
+}
+
+/// Assumed where attributes are not supported: an empty list is of no use to anyone.
 bool made_by_us(const URL& list) {
-  return extended_attribute(list, our_list_mark).has_value() || errno == ENOTSUP;
+  return extended_attribute(list, our_list_attribute).has_value() || errno == ENOTSUP;
 }
 
 void edit_list(const fs::path& directory, const std::string& name, bool listed) {
-  // Our own threads wait for each other as long as it takes, and hop to no thread meanwhile: only
-  // others may keep us from the lock.
-  static auto& ours_at_work = *new std::mutex;
-  const std::lock_guard one_of_us(ours_at_work);
+  // Threads of this process wait for each other without a limit: only other processes can make
+  // the directory lock time out.
+  static auto& mutex = *new std::mutex;
+  const std::lock_guard guard(mutex);
   const DirectoryLock lock(directory);
   if (!lock.held())
     return;
   const auto list = URL::file(directory / ".hidden");
   if (!listed)
-    remove_temporary_of(list); // of one that was killed, and need not be made again
-  const bool existed = FileManager::default_manager().file_exists(list);
-  if (!existed && !listed)
+    remove_temporary_of(list); // a killed process may have left one
+  const auto before = read_list(list);
+  if (!before.is_editable || (!before.exists && !listed))
     return;
-  if (is_link(list.path()) || (existed && !is_plain_file(list.path())))
-    return; // somebody keeps the list elsewhere
-  const bool ours = !existed || made_by_us(list);
-  const auto edit = edited(existed ? read_text(list, longest_list) : "", name, listed);
+  const bool ours = !before.exists || made_by_us(list);
+  const auto edit = edit_line(before.text, name, listed);
   if (!edit.changed)
     return;
   if (edit.text.empty() && ours) {
     file_calls().unlink(list.path().c_str());
     return;
   }
-  // A list of our own is worth no flush: without it, hidden files are seen for a while.
-  write_text_atomically(list, edit.text, ours ? Lasting::no : Lasting::yes);
+  // Our own list is not worth a flush: without it, hidden files are visible for a while.
+  write_text_atomically(list, edit.text, ours ? Flush::no : Flush::yes);
   if (ours)
-    set_extended_attribute(list, our_list_mark, Data::copy_of("true"));
+    set_extended_attribute(list, our_list_attribute, Data::copy_of("true"));
 }
 
 } // namespace
@@ -135,20 +144,30 @@ void set_extended_attribute(const URL& url, std::string_view name,
     file_calls().removexattr(path.c_str(), full_name.c_str());
     return;
   }
-  // Not flushed: the first bytes of the file are, and file systems keep the order of what is told
-  // of one file.
+  // Not flushed: the first bytes of the file are, and file systems keep the order of changes to
+  // one file.
   file_calls().setxattr(path.c_str(), full_name.c_str(), value->bytes().data(), value->size());
 } catch (...) {
-  // Best effort: a mark that cannot be set is not worth a download.
+  // Best effort: a download must not fail over an attribute.
 }
 
 std::optional<std::string> extended_attribute(const URL& url, std::string_view name) {
-  char value[256];
-  const auto size =
-      ::getxattr(url.path().c_str(), attribute_name(name).c_str(), value, sizeof value);
-  if (size < 0)
-    return std::nullopt;
-  return std::string(value, static_cast<std::size_t>(size));
+  const auto path = url.path();
+  const auto full_name = attribute_name(name);
+  std::string value(256, '\0');
+  for (;;) {
+    const auto size = ::getxattr(path.c_str(), full_name.c_str(), value.data(), value.size());
+    if (size >= 0) {
+      value.resize(static_cast<std::size_t>(size));
+      return value;
+    }
+    if (errno != ERANGE)
+      return std::nullopt;
+    const auto needed = ::getxattr(path.c_str(), full_name.c_str(), nullptr, 0);
+    if (needed < 0)
+      return std::nullopt;
+    value.resize(static_cast<std::size_t>(needed));
+  }
 }
 
 void set_hidden(const URL& url, bool hidden) noexcept try {

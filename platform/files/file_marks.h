@@ -13,8 +13,8 @@ void set_extended_attribute(const URL& url, std::string_view name,
                             const std::optional<Data>& value) noexcept;
 std::optional<std::string> extended_attribute(const URL& url, std::string_view name);
 
-/// Shows or hides the file in file managers: its line in the directory's `.hidden` list, which
-/// GIO and KIO read. Lines of others stay as they are. Best effort.
+/// Hides the file in file managers, or shows it again, by its line in the directory's `.hidden`
+/// list, which GIO and KIO read. Other lines are not changed. Best effort.
 void set_hidden(const URL& url, bool hidden) noexcept;
 
 } // namespace ravelin::platform

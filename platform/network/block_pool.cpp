@@ -5,19 +5,12 @@
 namespace ravelin::platform {
 namespace {
 
-// In memory a flush takes some microseconds, on the quickest drives a hundred.
-constexpr auto slow = std::chrono::microseconds(50);
-constexpr std::size_t always_kept = 4; // blocks; small files come and go
-// Two cores write two blocks at a time, and a transfer goes on as soon as one of its own comes
-// back.
-constexpr std::size_t most_spare =
-    2; // blocks beyond one for each transfer, where flushes are quick
-constexpr auto slowest_counted = std::chrono::milliseconds(1);
+constexpr std::size_t min_kept = 4; // blocks; small files need no new ones
 
 } // namespace
 
 BlockPool& BlockPool::instance() {
-  static auto& pool = *new BlockPool; // outlives `main`, as those who write do
+  static auto& pool = *new BlockPool; // never destroyed: writers outlive `main`
   return pool;
 }
 
@@ -29,20 +22,17 @@ void BlockPool::join() {
 void BlockPool::leave() {
   const std::lock_guard lock(mutex_);
   --members_;
-  while (free_.size() > most_free())
+  while (free_.size() > max_free())
     free_.pop_back();
 }
 
-std::size_t BlockPool::most_free() const {
-  return std::max(always_kept, 2 * members_);
+std::size_t BlockPool::max_free() const {
+  return std::max(min_kept, 2 * members_);
 }
 
-std::unique_ptr<Block> BlockPool::obtain(bool first) {
+std::unique_ptr<Block> BlockPool::obtain() {
   {
     const std::lock_guard lock(mutex_);
-    if (!first && !spare_is_left())
-      return nullptr;
-    ++lent_;
     if (!free_.empty()) {
       auto block = std::move(free_.back());
       free_.pop_back();
@@ -52,37 +42,11 @@ std::unique_ptr<Block> BlockPool::obtain(bool first) {
   return std::make_unique<Block>(pool_block_size);
 }
 
-void BlockPool::take_back(std::unique_ptr<Block> block) {
+void BlockPool::give_back(std::unique_ptr<Block> block) {
   block->size = 0;
   const std::lock_guard lock(mutex_);
-  --lent_;
-  if (free_.size() < most_free())
+  if (free_.size() < max_free())
     free_.push_back(std::move(block));
-}
-
-void BlockPool::note_flush(std::chrono::nanoseconds time) {
-  const std::lock_guard lock(mutex_);
-  // One that was held up by something else counts for little.
-  usual_flush_ += (std::min<std::chrono::nanoseconds>(time, slowest_counted) - usual_flush_) / 64;
-}
-
-bool BlockPool::has_slow_storage() {
-  const std::lock_guard lock(mutex_);
-  return storage_is_slow();
-}
-
-bool BlockPool::has_spare() {
-  const std::lock_guard lock(mutex_);
-  return spare_is_left();
-}
-
-bool BlockPool::storage_is_slow() const {
-  return usual_flush_ > slow;
-}
-
-/// Where flushes are slow, every transfer may have a second block: it fills while the first waits.
-bool BlockPool::spare_is_left() const {
-  return storage_is_slow() || lent_ < members_ + most_spare;
 }
 
 } // namespace ravelin::platform

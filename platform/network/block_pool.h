@@ -2,45 +2,34 @@
 
 #include "platform/data.h"
 
-#include <chrono>
 #include <mutex>
 #include <vector>
 
 namespace ravelin::platform {
 
-constexpr std::size_t pool_block_size = 1024 * 1024; // bytes; those never touched cost nothing
+constexpr std::size_t pool_block_size = 1024 * 1024; // bytes; untouched pages cost nothing
 
-/// The memory that bodies gather in, shared by all transfers of the process: the block that was
-/// emptied last, which the processor's caches still hold, is filled next.
+/// The receive blocks of all transfers of the process. The block freed last, which is still in the
+/// processor's caches, is reused first.
 ///
 /// Threads: any. Ownership: one per process, never destroyed.
 class BlockPool {
 public:
   static BlockPool& instance();
 
-  /// Counts the transfers that need blocks: as they leave, spare blocks go back to the system, but
-  /// for a few that the next ones take.
+  /// Each transfer joins and leaves. Free blocks that the remaining ones do not need are returned
+  /// to the system, except for a few.
   void join();
   void leave();
-  /// For the `first` block of a transfer always, for a second one only while there is a spare.
-  std::unique_ptr<Block> obtain(bool first);
-  bool has_spare();
-  void take_back(std::unique_ptr<Block> block);
-
-  /// Notes what putting a chunk on storage took. Where that is little, small chunks do.
-  void note_flush(std::chrono::nanoseconds time);
-  bool has_slow_storage();
+  std::unique_ptr<Block> obtain();
+  void give_back(std::unique_ptr<Block> block);
 
 private:
-  std::size_t most_free() const;
-  bool storage_is_slow() const;
-  bool spare_is_left() const;
+  std::size_t max_free() const;
 
-  std::mutex mutex_; // blocks are obtained on the network thread and given back by writers
+  std::mutex mutex_; // the network thread obtains blocks, writers give them back
   std::size_t members_ = 0;
-  std::size_t lent_ = 0;
-  std::chrono::nanoseconds usual_flush_{0};
-  std::vector<std::unique_ptr<Block>> free_; // the last one in is the first one out
+  std::vector<std::unique_ptr<Block>> free_; // last in, first out
 };
 
 } // namespace ravelin::platform

@@ -5,12 +5,12 @@
 namespace ravelin::platform {
 namespace {
 
-URLError code_for(CURLcode code, bool in_redirect) {
+URLError code_for(CURLcode code) {
   switch (code) {
   case CURLE_URL_MALFORMAT:
     return URLError::bad_url;
-  case CURLE_UNSUPPORTED_PROTOCOL: // also said of an answer that is not HTTP
-    return in_redirect ? URLError::unsupported_url : URLError::bad_server_response;
+  case CURLE_UNSUPPORTED_PROTOCOL: // also reported for a response that is not HTTP
+    return URLError::bad_server_response;
   case CURLE_COULDNT_RESOLVE_HOST:
   case CURLE_COULDNT_RESOLVE_PROXY:
     return URLError::cannot_find_host;
@@ -60,7 +60,7 @@ URLError code_for(CURLcode code, bool in_redirect) {
     return URLError::secure_connection_failed;
   case CURLE_NO_CONNECTION_AVAILABLE:
     return URLError::resource_unavailable;
-  default: // out of memory, misused options and the protocols that are never asked for
+  default: // out of memory, invalid options and protocols that are not used
     return URLError::unknown;
   }
 }
@@ -77,15 +77,15 @@ Error url_error(URLError code, std::string text) {
 }
 
 Error url_error_for(const FailedTransfer& failed) {
-  auto code = code_for(failed.code, failed.in_redirect);
-  auto words = failed.words.empty() ? curl_easy_strerror(failed.code) : failed.words;
-  const bool unreached =
+  auto code = code_for(failed.code);
+  auto error_text = failed.error_text.empty() ? curl_easy_strerror(failed.code) : failed.error_text;
+  const bool is_unreachable =
       code == URLError::cannot_find_host || code == URLError::cannot_connect_to_host;
-  if (unreached && !is_loopback(failed.host) && !any_network_is_up()) {
+  if (is_unreachable && !is_loopback(failed.host) && !any_network_is_up()) {
     code = URLError::not_connected_to_internet;
-    words += " (no network is up)";
+    error_text += " (no network is up)";
   }
-  return url_error(code, std::move(words));
+  return url_error(code, std::move(error_text));
 }
 
 } // namespace ravelin::platform

@@ -5,22 +5,23 @@
 
 namespace ravelin::platform {
 
-/// One request under way.
+/// One request and its progress.
 ///
 /// Threads: `resume()` and `cancel()` from any, the rest from the network thread.
-/// Ownership: shared by who made it and, while it runs, by the network thread.
+/// Ownership: shared by its creator and, while it runs, the network thread.
 class DataTask : public std::enable_shared_from_this<DataTask> {
 public:
   DataTask(std::shared_ptr<URLSession> session, URLRequest request);
 
   /// Sends the request. Once.
   void resume();
-  /// Ends the task with `URLError::cancelled`, promptly whatever it is waiting for; harmless when
-  /// it has ended.
+  /// Ends the task with `URLError::cancelled`, promptly even while it waits for the server. Does
+  /// nothing if it has ended.
   void cancel();
 
   const URLRequest& request() const { return request_; }
-  const Defaults& configuration() const { return session_->configuration_.values; }
+  const RequestSettings& settings() const { return *session_->configuration_.settings; }
+  const Options& options() const { return settings().options; }
 
   void receive_response(URLResponse response);
   ReceiveBuffer::Appended receive_data(std::string_view bytes);
@@ -28,17 +29,17 @@ public:
 
 private:
   void decide(ResponseDisposition disposition);
-  // On the delegate's queue.
+  // These run on the delegate queue.
   void deliver_data();
   void end(const std::optional<Error>& error);
 
   const std::shared_ptr<URLSession> session_;
   const URLRequest request_;
-  std::shared_ptr<ReceiveBuffer> buffer_; // made before the task starts
-  // Of the delegate's queue.
-  bool undecided_ = false; // the delegate has been told of a response, and has not said what next
-  bool ended_ = false;     // it has been told so
-  std::optional<std::optional<Error>> outcome_; // how the request ended while it was undecided
+  std::shared_ptr<ReceiveBuffer> buffer_; // set before the task starts
+  // Used on the delegate queue only.
+  bool undecided_ = false; // the delegate has the response and has not called its handler yet
+  bool ended_ = false;     // the delegate has been called with the outcome
+  std::optional<std::optional<Error>> outcome_; // set if the request ended while undecided
 };
 
 } // namespace ravelin::platform

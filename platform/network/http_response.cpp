@@ -1,19 +1,17 @@
 #include "platform/network/http_response.h"
 
+#include "ravelin/text.h"
+
 #include <algorithm>
 #include <charconv>
 
 namespace ravelin::platform {
 namespace {
 
-constexpr std::size_t most_header_bytes = 256 * 1024;
+constexpr std::size_t max_header_bytes = 256 * 1024;
 
 char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equal_ignoring_case(std::string_view a, std::string_view b) {
-  return std::ranges::equal(a, b, [](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -24,8 +22,10 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
-/// Header fields are ASCII; what else a server sends is Latin-1, as of old.
-std::string as_utf8(std::string_view latin) {
+/// Header fields are ASCII or UTF-8; other bytes are taken as Latin-1, as in older HTTP.
+std::string latin1_to_utf8(std::string_view latin) {
+  if (valid_utf8(latin) == latin)
+    return std::string(latin); // as most servers send it
   std::string text;
   for (const char c : latin) {
     const auto byte = static_cast<unsigned char>(c);
@@ -50,66 +50,58 @@ std::optional<std::int64_t> parse_digits(std::string_view text) {
 
 } // namespace
 
-const std::string* find_field(const HeaderFields& fields, std::string_view name) {
-  const auto found = std::ranges::find_if(
-      fields, [&](const auto& field) { return equal_ignoring_case(field.first, name); });
-  return found == fields.end() ? nullptr : &found->second;
+bool equal_ignoring_case(std::string_view a, std::string_view b) {
+  return std::ranges::equal(a, b, [](char x, char y) { return lower(x) == lower(y); });
 }
 
-bool HeaderCollector::redirects_out_of_the_web() const {
-  const auto* const location = find_field(response_.header_fields, "Location");
-  if (!last_was_redirect_ || !location)
-    return false;
-  const auto end = location->find("://");
-  if (end == std::string::npos)
-    return false;
-  const auto scheme = std::string_view(*location).substr(0, end);
-  return !equal_ignoring_case(scheme, "http") && !equal_ignoring_case(scheme, "https");
+bool LessIgnoringCase::operator()(std::string_view a, std::string_view b) const {
+  return std::ranges::lexicographical_compare(a, b, {}, lower, lower);
+}
+
+const std::string* find_field(const HeaderFields& fields, std::string_view name) {
+  const auto found = fields.find(name);
+  return found == fields.end() ? nullptr : &found->second;
 }
 
 HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   size_ += line.size();
-  if (size_ > most_header_bytes)
+  if (size_ > max_header_bytes)
     return Line::too_large;
   constexpr std::string_view status_line = "HTTP/";
-  if (!in_head_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
-    response_ = {.is_http = true, .status = 0, .header_fields = {}};
+  if (!in_header_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
+    response_ = {.is_http = true, .status = 0, .header_fields = {}, .url = {}};
     const auto blank = std::min(line.find(' '), line.size() - 1);
     const auto code = trimmed(line.substr(blank + 1)).substr(0, 3);
     std::from_chars(code.data(), code.data() + code.size(), response_.status);
-    in_head_ = true;
+    in_header_ = true;
     return Line::more;
   }
-  if (!in_head_)
-    return Line::more; // a trailer behind a chunked body
+  if (!in_header_)
+    return Line::more; // a trailer after a chunked body
   if (!trimmed(line).empty()) {
-    if (line.front() != ' ' && line.front() != '\t') // else a folded end of the field before
+    if (line.front() != ' ' && line.front() != '\t') // folded lines are dropped
       add_field(line);
     return Line::more;
   }
-  in_head_ = false;
+  in_header_ = false;
   const auto* const location = find_field(response_.header_fields, "Location");
-  last_was_redirect_ = response_.status / 100 == 3 && location && !location->empty();
   if (response_.status / 100 == 1)
     return Line::interim_end;
-  return last_was_redirect_ ? Line::redirect_end : Line::final_end;
+  const bool is_redirect = response_.status / 100 == 3 && location && !location->empty();
+  return is_redirect ? Line::redirect_end : Line::final_end;
 }
 
 void HeaderCollector::add_field(std::string_view raw_line) {
-  const auto text = as_utf8(raw_line);
+  const auto text = latin1_to_utf8(raw_line);
   const std::string_view line = text;
   const auto colon = line.find(':');
   if (colon == std::string_view::npos)
     return;
   const auto name = trimmed(line.substr(0, colon));
   const auto value = trimmed(line.substr(colon + 1));
-  for (auto& [known, joined] : response_.header_fields)
-    if (equal_ignoring_case(known, name)) {
-      if (joined != value) // said twice alike is said once
-        joined.append(", ").append(value);
-      return;
-    }
-  response_.header_fields.emplace(name, value);
+  const auto [field, is_new] = response_.header_fields.try_emplace(std::string(name), value);
+  if (!is_new && field->second != value) // identical repetitions are dropped
+    field->second.append(", ").append(value);
 }
 
 std::optional<ContentRange> parse_content_range(std::string_view value) {

@@ -8,39 +8,47 @@
 
 namespace ravelin::platform {
 
-using HeaderFields = std::map<std::string, std::string>;
+/// Case-insensitive ASCII order.
+struct LessIgnoringCase {
+  bool operator()(std::string_view a, std::string_view b) const;
+  using is_transparent = void;
+};
 
-/// The head of an answer. `status` is 0 where the answer is not one of HTTP.
+/// Values by field name, looked up case-insensitively.
+using HeaderFields = std::map<std::string, std::string, LessIgnoringCase>;
+
+/// The header of a response. `status` is 0 if it is not an HTTP response.
 struct URLResponse {
   bool is_http = false;
   int status = 0;
-  /// Names as the server wrote them; the values of repeated fields joined by ", ".
+  /// Names as sent by the server; values of repeated fields are joined by ", ".
   HeaderFields header_fields;
+  std::string url{}; // after redirects
 };
 
-/// Collects the header lines of a chain of answers, and keeps those of the last one.
+/// Parses the header lines of consecutive responses and keeps the last one.
 class HeaderCollector {
 public:
   enum class Line { more, interim_end, redirect_end, final_end, too_large };
-  /// One line as it came, with its line end.
+  /// `line` includes its line ending.
   Line add(std::string_view line);
   const URLResponse& response() const { return response_; }
-  /// Whether the last answer leads to a scheme that is neither http nor https.
-  bool redirects_out_of_the_web() const;
+  bool is_in_header() const { return in_header_; }
 
 private:
   void add_field(std::string_view line);
 
   URLResponse response_;
-  std::size_t size_ = 0; // bytes of all answers together
-  bool in_head_ = false;
-  bool last_was_redirect_ = false;
+  std::size_t size_ = 0; // bytes of all responses together
+  bool in_header_ = false;
 };
 
-/// The value of the field `name`, whatever its letter case; null if there is none.
+bool equal_ignoring_case(std::string_view a, std::string_view b);
+
+/// The value of the field `name`, in any letter case; null if there is none.
 const std::string* find_field(const HeaderFields& fields, std::string_view name);
 
-/// "bytes 0-99/1000"; the total is absent where the server wrote "*".
+/// "bytes 0-99/1000"; no total if the server sent "*".
 struct ContentRange {
   std::int64_t start = 0;
   std::int64_t end = 0; // inclusive

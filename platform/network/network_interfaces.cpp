@@ -9,7 +9,7 @@ namespace ravelin::platform {
 bool any_network_is_up() {
   ifaddrs* first = nullptr;
   if (getifaddrs(&first) != 0)
-    return true; // unknown: do not blame the machine
+    return true; // unknown: do not report a missing network
   bool found = false;
   for (const auto* each = first; each && !found; each = each->ifa_next) {
     const bool addressed = each->ifa_addr && (each->ifa_addr->sa_family == AF_INET ||

@@ -2,7 +2,7 @@
 
 namespace ravelin::platform {
 
-/// Whether any interface but loopback is up with an address.
+/// Whether any interface other than loopback is up and has an address.
 bool any_network_is_up();
 
 } // namespace ravelin::platform

@@ -8,33 +8,68 @@
 #include <thread>
 
 namespace ravelin::platform {
+namespace {
+
+constexpr long max_connections_kept = 64; // both used and idle
+constexpr auto max_idle_time = std::chrono::seconds(15);
+constexpr auto max_time_between_checks = std::chrono::seconds(1); // deadlines may come nearer
+constexpr auto max_draining_time = std::chrono::seconds(1);
+
+} // namespace
 
 NetworkThread& NetworkThread::instance() {
   static auto& thread = *[] {
-    auto* const made = new NetworkThread;
+    auto* const created = new NetworkThread;
     start_detached_thread([] { instance().loop(); });
-    return made;
+    return created;
   }();
   return thread;
 }
 
 NetworkThread::NetworkThread() {
-  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK || !(multi_ = curl_multi_init()))
-    fatal("libcurl could not be started");
+  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK || !(shared_ = curl_share_init()))
+    fatal("libcurl could not be initialized");
+  curl_share_setopt(shared_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  make_multi();
+  sockets_.watch(wake_.descriptor(), EPOLLIN);
+  std::atexit(stop_at_exit); // after curl_global_init(), so that it runs before TLS cleanup
+}
+
+void NetworkThread::make_multi() {
+  multi_ = curl_multi_init();
+  if (!multi_)
+    fatal("libcurl could not be initialized");
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
   curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, on_socket);
   curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
   curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, on_timer);
   curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
-  sockets_.watch(wake_.descriptor(), EPOLLIN);
-  std::atexit(hold_still_at_exit); // after libcurl's start, so that it runs before TLS is torn down
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, max_connections_kept);
 }
 
-void NetworkThread::hold_still_at_exit() {
+/// libcurl checks the age of an idle connection only when it looks for one to reuse.
+void NetworkThread::close_idle_connections(Clock::time_point now) {
+  if (!transfers_.empty() || !draining_.empty()) {
+    idle_since_ = Clock::time_point::max();
+    return;
+  }
+  if (!may_keep_connections_)
+    return;
+  idle_since_ = std::min(idle_since_, now);
+  if (now - idle_since_ < max_idle_time)
+    return;
+  curl_multi_cleanup(multi_);
+  make_multi();
+  curl_timer_ = Clock::time_point::max();
+  may_keep_connections_ = false;
+  idle_since_ = Clock::time_point::max();
+}
+
+void NetworkThread::stop_at_exit() {
   auto& thread = instance();
   for (int attempt = 0; attempt < 100; ++attempt) {
-    if (thread.at_work_.try_lock())
-      return; // and never unlock
+    if (thread.loop_mutex_.try_lock())
+      return; // with the mutex held, for good
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }
@@ -52,7 +87,7 @@ int NetworkThread::on_socket(CURL*, curl_socket_t socket, int wanted, void* self
   const std::uint32_t events =
       (wanted & CURL_POLL_IN ? EPOLLIN : 0U) | (wanted & CURL_POLL_OUT ? EPOLLOUT : 0U);
   if (wanted == CURL_POLL_REMOVE) {
-    thread.sockets_.forget(socket);
+    thread.sockets_.unwatch(socket);
   } else if (known) {
     thread.sockets_.change(socket, events);
   } else {
@@ -63,7 +98,7 @@ int NetworkThread::on_socket(CURL*, curl_socket_t socket, int wanted, void* self
 }
 
 int NetworkThread::on_timer(CURLM*, long milliseconds, void* self) noexcept {
-  static_cast<NetworkThread*>(self)->curl_time_ =
+  static_cast<NetworkThread*>(self)->curl_timer_ =
       milliseconds < 0 ? Clock::time_point::max()
                        : Clock::now() + std::chrono::milliseconds(milliseconds);
   return 0;
@@ -72,12 +107,12 @@ int NetworkThread::on_timer(CURLM*, long milliseconds, void* self) noexcept {
 void NetworkThread::loop() {
   for (;;) {
     const auto ready = sockets_.wait(wait_time());
-    const std::lock_guard lock(at_work_);
-    turn(ready);
+    const std::lock_guard lock(loop_mutex_);
+    run_once(ready);
   }
 }
 
-void NetworkThread::turn(std::span<const epoll_event> ready) {
+void NetworkThread::run_once(std::span<const epoll_event> ready) {
   int running = 0;
   bool has_commands = false;
   for (const auto& event : ready) {
@@ -85,21 +120,22 @@ void NetworkThread::turn(std::span<const epoll_event> ready) {
       has_commands = true;
       continue;
     }
-    // A connection that broke is told by reading from it, or by writing while it is being made.
+    // libcurl finds out about an error by reading, or by writing while it connects.
     const int reading = event.events & (EPOLLIN | EPOLLHUP | EPOLLERR) ? CURL_CSELECT_IN : 0;
     const int writing = event.events & (EPOLLOUT | EPOLLERR) ? CURL_CSELECT_OUT : 0;
     curl_multi_socket_action(multi_, event.data.fd, reading | writing, &running);
   }
   if (has_commands)
     perform_commands();
-  if (Clock::now() >= curl_time_) {
-    curl_time_ = Clock::time_point::max();
+  if (Clock::now() >= curl_timer_) {
+    curl_timer_ = Clock::time_point::max();
     curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
   }
-  collect_ended();
+  complete_finished();
   const auto now = Clock::now();
-  go_on_with_rate(now);
-  end_silent(now);
+  resume_rate_limited(now);
+  end_timed_out(now);
+  close_idle_connections(now);
 }
 
 void NetworkThread::perform_commands() {
@@ -120,42 +156,56 @@ void NetworkThread::perform(const Command& command) {
   }
   const auto found = transfers_.find(command.task.get());
   if (found == transfers_.end())
-    return; // it has ended meanwhile
+    return; // it ended before the command arrived
   switch (command.kind) {
   case Command::cancel:
-    end(*command.task, url_error(URLError::cancelled, "cancelled"));
-    break;
+    cancel(found);
+    return;
   case Command::allow:
     found->second->allow_data();
     break;
-  case Command::go_on:
-    found->second->go_on();
+  case Command::resume:
+    found->second->resume();
     break;
   case Command::start:
     break;
   }
-  if (command.kind != Command::cancel) // what was paused has a deadline again
-    next_check_ = std::min(next_check_, found->second->deadline());
+  // A resumed transfer has a deadline again.
+  next_check_ = std::min(next_check_, found->second->deadline());
+}
+
+void NetworkThread::cancel(Transfers::iterator found) {
+  const auto transfer = std::move(found->second);
+  transfers_.erase(found);
+  transfer->task().complete(url_error(URLError::cancelled, "cancelled"));
+  if (transfer->drain()) {
+    draining_.push_back({transfer, Clock::now() + max_draining_time});
+    next_check_ = std::min(next_check_, draining_.back().deadline);
+  }
 }
 
 void NetworkThread::begin(const std::shared_ptr<DataTask>& task) {
-  if (const auto rate = task->configuration().rate_limit)
+  if (const auto rate = task->settings().process_rate_limit) {
     limiter_.set_rate(*rate);
-  auto transfer = std::make_unique<Transfer>(multi_, task, limiter_);
+    next_rate_check_ = Clock::now(); // waiting transfers get a new time
+  }
+  const auto transfer = std::make_shared<Transfer>(multi_, shared_, task, limiter_);
   if (auto outcome = transfer->begin()) {
     task->complete(std::move(outcome->error));
     return;
   }
-  next_check_ = std::min(next_check_, transfer->deadline());
-  transfers_.emplace(task.get(), std::move(transfer));
+  may_keep_connections_ = true;
+  has_limits_ = has_limits_ || task->settings().process_rate_limit || task->settings().limiter;
+  next_check_ = std::min(next_check_, Clock::now() + max_time_between_checks);
+  transfers_.emplace(task.get(), transfer);
 }
 
 void NetworkThread::end(DataTask& task, std::optional<Error> error) {
-  task.complete(std::move(error)); // told first: taking a handle out may take its time
+  task.complete(std::move(error)); // first, since removing the handle may take a while
   transfers_.erase(&task);
 }
 
-void NetworkThread::collect_ended() {
+void NetworkThread::complete_finished() {
   int left = 0;
   while (const auto* const message = curl_multi_info_read(multi_, &left)) {
     if (message->msg != CURLMSG_DONE)
@@ -163,12 +213,16 @@ void NetworkThread::collect_ended() {
     const auto code = message->data.result;
     Transfer* transfer = nullptr;
     curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    const bool was_drained =
+        std::erase_if(draining_, [&](const auto& one) { return one.transfer.get() == transfer; });
+    if (was_drained)
+      continue;
     if (auto outcome = transfer->ended(code))
       end(transfer->task(), std::move(outcome->error));
   }
 }
 
-void NetworkThread::end_silent(Clock::time_point now) {
+void NetworkThread::end_timed_out(Clock::time_point now) {
   if (now < next_check_)
     return;
   std::vector<Transfer*> silent;
@@ -180,31 +234,40 @@ void NetworkThread::end_silent(Clock::time_point now) {
       next_check_ = std::min(next_check_, transfer->deadline());
   }
   for (auto* const transfer : silent)
-    end(transfer->task(), transfer->timed_out());
+    if (!transfer->is_redirected())
+      end(transfer->task(), transfer->timeout_error());
+    else if (auto outcome = transfer->ended(CURLE_OK)) // its body takes too long
+      end(transfer->task(), std::move(outcome->error));
+  std::erase_if(draining_, [now](const auto& one) { return one.deadline <= now; });
+  for (const auto& one : draining_)
+    next_check_ = std::min(next_check_, one.deadline);
+  next_check_ = std::min(next_check_, now + max_time_between_checks);
 }
 
-void NetworkThread::go_on_with_rate(Clock::time_point now) {
-  if (now < limiter_.next_try())
+void NetworkThread::resume_rate_limited(Clock::time_point now) {
+  if (!has_limits_)
     return;
   std::vector<Transfer*> waiting;
   for (const auto& [task, transfer] : transfers_)
     if (transfer->waits_for_rate())
       waiting.push_back(transfer.get());
-  // In turns: a server gives up a connection from which nothing is taken for long.
-  std::ranges::sort(waiting, {}, &Transfer::last_share);
-  limiter_.forget_waiting(); // who has to wait again says so
+  next_rate_check_ = Clock::time_point::max();
+  // Least recently served first: servers drop a connection that is not read from for long.
+  std::ranges::sort(waiting, {}, &Transfer::last_rate_use);
   for (auto* const transfer : waiting) {
-    transfer->go_on();
-    next_check_ = std::min(next_check_, transfer->deadline());
-    if (limiter_.next_try() != Clock::time_point::max())
-      return; // the rest has even more reason to wait
+    if (transfer->rate_ready_at() <= now) {
+      transfer->resume();
+      next_check_ = std::min(next_check_, transfer->deadline());
+    }
+    if (transfer->waits_for_rate())
+      next_rate_check_ = std::min(next_rate_check_, std::max(transfer->rate_ready_at(), now));
   }
 }
 
 std::chrono::milliseconds NetworkThread::wait_time() const {
   const auto now = Clock::now();
   const auto until =
-      std::min({next_check_, curl_time_, limiter_.next_try(), now + std::chrono::seconds(1)});
+      std::min({next_check_, curl_timer_, next_rate_check_, now + std::chrono::seconds(1)});
   return std::max(std::chrono::ceil<std::chrono::milliseconds>(until - now),
                   std::chrono::milliseconds(0));
 }

@@ -1,5 +1,6 @@
 #include "platform/network/receive_buffer.h"
 
+#include "platform/files/storage_speed.h"
 #include "platform/network/block_pool.h"
 
 #include <cstring>
@@ -8,37 +9,37 @@
 namespace ravelin::platform {
 namespace {
 
-// A chunk costs hops between threads and a flush, so larger ones are cheaper; smaller ones need
+// Each chunk costs thread switches and a flush, so larger chunks are cheaper. Smaller ones need
 // less memory and stay in the processor's caches.
-constexpr std::size_t quick_chunk = 288 * 1024;                    // bytes
-constexpr std::size_t slow_chunk = pool_block_size - longest_read; // bytes
-constexpr auto gathering = std::chrono::milliseconds(5);
-constexpr int most_blocks = 2;
+constexpr std::size_t fast_storage_chunk = 288 * 1024;                      // bytes
+constexpr std::size_t slow_storage_chunk = pool_block_size - max_read_size; // bytes
+constexpr auto coalescing_delay = std::chrono::milliseconds(5);
+constexpr int max_blocks = 2;
 
 } // namespace
 
-ReceiveBuffer::ReceiveBuffer(std::function<void()> on_room) : on_room_(std::move(on_room)) {
+ReceiveBuffer::ReceiveBuffer(std::function<void()> on_space) : on_space_(std::move(on_space)) {
   BlockPool::instance().join();
 }
 
 ReceiveBuffer::~ReceiveBuffer() {
-  if (filling_) // a body that came whole before it was refused
-    BlockPool::instance().take_back(std::move(filling_));
+  if (filling_) // the delegate refused a body that had arrived already
+    BlockPool::instance().give_back(std::move(filling_));
   BlockPool::instance().leave();
 }
 
-std::size_t ReceiveBuffer::most() const {
-  return storage_is_slow_ ? slow_chunk : quick_chunk;
+std::size_t ReceiveBuffer::max_chunk_size() const {
+  return storage_is_slow_ ? slow_storage_chunk : fast_storage_chunk;
 }
 
 bool ReceiveBuffer::has_enough() const {
-  return has_bytes() && filling_->size >= most() / 8 * 7;
+  return has_bytes() && filling_->size >= max_chunk_size() / 8 * 7;
 }
 
 bool ReceiveBuffer::obtain_block() {
-  if (!filling_ && blocks_ < most_blocks) {
-    filling_ = BlockPool::instance().obtain(blocks_ == 0);
-    blocks_ += filling_ != nullptr;
+  if (!filling_ && blocks_ < max_blocks) {
+    filling_ = BlockPool::instance().obtain();
+    ++blocks_;
   }
   return filling_ != nullptr;
 }
@@ -46,10 +47,10 @@ bool ReceiveBuffer::obtain_block() {
 ReceiveBuffer::Appended ReceiveBuffer::append(std::string_view bytes) {
   std::unique_lock lock(mutex_);
   if (discarded_)
-    return Appended::quietly;
+    return Appended::buffered;
   if (!obtain_block() || filling_->size + bytes.size() > filling_->capacity) {
     paused_ = true;
-    return Appended::no_room;
+    return Appended::no_space;
   }
   const bool had_enough = has_enough();
   if (filling_->size == 0)
@@ -58,65 +59,62 @@ ReceiveBuffer::Appended ReceiveBuffer::append(std::string_view bytes) {
   filling_->size += bytes.size();
   if (!std::exchange(delivering_, true))
     return Appended::wake_delegate;
-  paused_ = paused_ || filling_->size >= most();
-  const auto appended = paused_ ? Appended::full : Appended::quietly;
+  paused_ = paused_ || filling_->size >= max_chunk_size();
+  const auto appended = paused_ ? Appended::full : Appended::buffered;
   const bool grown = !had_enough && has_enough();
-  lock.unlock(); // who is woken needs it at once
+  lock.unlock(); // the woken thread needs it at once
   if (grown)
-    grown_.notify_one();
+    ready_.notify_one();
   return appended;
 }
 
 void ReceiveBuffer::finish() {
   const std::lock_guard lock(mutex_);
   finished_ = true;
-  grown_.notify_one();
+  ready_.notify_one();
 }
 
 void ReceiveBuffer::discard() {
   const std::lock_guard lock(mutex_);
   discarded_ = true;
   if (filling_)
-    BlockPool::instance().take_back(std::move(filling_));
-  grown_.notify_one();
+    BlockPool::instance().give_back(std::move(filling_));
+  ready_.notify_one();
 }
 
 std::optional<Data> ReceiveBuffer::take() {
   std::unique_lock lock(mutex_);
-  storage_is_slow_ = BlockPool::instance().has_slow_storage();
+  storage_is_slow_ = has_slow_storage();
   const auto is_due = [this] { return finished_ || discarded_ || paused_ || has_enough(); };
-  // At full speed the next chunk is there before a thread could have gone to sleep and come back.
+  // At full speed the next chunk arrives sooner than a new delivery could be scheduled.
   if (!has_bytes())
-    grown_.wait_until(lock, Clock::now() + gathering, is_due);
+    ready_.wait_until(lock, Clock::now() + coalescing_delay, is_due);
   if (has_bytes())
-    grown_.wait_until(lock, first_byte_ + gathering, is_due);
+    ready_.wait_until(lock, first_byte_ + coalescing_delay, is_due);
   if (!has_bytes()) {
     delivering_ = false;
     return std::nullopt;
   }
   auto block = std::move(filling_);
-  block->home = shared_from_this();
+  block->recycler = shared_from_this();
   resume_if_paused(lock);
   return Data(std::move(block));
 }
 
-void ReceiveBuffer::take_back(std::unique_ptr<Block> block) {
-  BlockPool::instance().take_back(std::move(block));
+void ReceiveBuffer::recycle(std::unique_ptr<Block> block) {
+  BlockPool::instance().give_back(std::move(block));
   std::unique_lock lock(mutex_);
   --blocks_;
   resume_if_paused(lock);
 }
 
 void ReceiveBuffer::resume_if_paused(std::unique_lock<std::mutex>& lock) {
-  const auto may_have_block = [this] {
-    return blocks_ == 0 || (blocks_ < most_blocks && BlockPool::instance().has_spare());
-  };
-  // Without room one of its blocks is on loan, and this is called again when that comes back.
-  if (!paused_ || !(filling_ ? filling_->size < most() : may_have_block()))
+  // If there is no space, a block is in use, and this is called again when it is recycled.
+  if (!paused_ || !(filling_ ? filling_->size < max_chunk_size() : blocks_ < max_blocks))
     return;
   paused_ = false;
   lock.unlock();
-  on_room_();
+  on_space_();
 }
 
 } // namespace ravelin::platform

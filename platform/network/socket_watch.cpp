@@ -10,7 +10,7 @@ namespace ravelin::platform {
 
 SocketWatch::SocketWatch() : descriptor_(epoll_create1(EPOLL_CLOEXEC)) {
   if (descriptor_ < 0)
-    fatal("no descriptor is left to wait for the network with");
+    fatal("could not create an epoll descriptor");
 }
 
 SocketWatch::~SocketWatch() {
@@ -25,25 +25,26 @@ int SocketWatch::control(int operation, int descriptor, std::uint32_t events) {
 }
 
 void SocketWatch::watch(int descriptor, std::uint32_t events) {
-  // Where the system refuses one more, that connection is silent, and its request ends by that.
+  // If the system refuses, the connection stays silent and its request times out.
   if (control(EPOLL_CTL_ADD, descriptor, events) != 0 && errno == EEXIST)
     control(EPOLL_CTL_MOD, descriptor, events);
 }
 
 void SocketWatch::change(int descriptor, std::uint32_t events) {
-  // The number may stand for a new socket whose forerunner was closed without a word.
+  // The number may have been reused after its socket was closed without `unwatch()`.
   if (control(EPOLL_CTL_MOD, descriptor, events) != 0)
     watch(descriptor, events);
 }
 
-void SocketWatch::forget(int descriptor) {
-  epoll_ctl(descriptor_, EPOLL_CTL_DEL, descriptor, nullptr); // harmless if it is closed already
+void SocketWatch::unwatch(int descriptor) {
+  epoll_ctl(descriptor_, EPOLL_CTL_DEL, descriptor,
+            nullptr); // fails harmlessly if it is closed already
 }
 
 std::span<const epoll_event> SocketWatch::wait(std::chrono::milliseconds time) {
   const auto count = epoll_wait(descriptor_, ready_.data(), static_cast<int>(ready_.size()),
                                 static_cast<int>(time.count()));
-  return {ready_.data(), static_cast<std::size_t>(std::max(count, 0))}; // a signal: none
+  return {ready_.data(), static_cast<std::size_t>(std::max(count, 0))}; // empty after a signal
 }
 
 } // namespace ravelin::platform

@@ -7,9 +7,9 @@
 
 namespace ravelin::platform {
 
-/// Waits until one of many descriptors is ready; the wait costs no more for those that are idle.
+/// Waits for any of many descriptors, by epoll.
 ///
-/// Threads: one. Ownership: descriptors stay their owner's.
+/// Threads: one. Ownership: does not own the descriptors.
 class SocketWatch {
 public:
   SocketWatch();
@@ -17,12 +17,11 @@ public:
   SocketWatch(const SocketWatch&) = delete;
   SocketWatch& operator=(const SocketWatch&) = delete;
 
-  /// Watches `descriptor` for `events` (`EPOLLIN`, `EPOLLOUT`).
+  /// `events`: `EPOLLIN`, `EPOLLOUT` or both.
   void watch(int descriptor, std::uint32_t events);
-  /// Watches it for other events from now on.
   void change(int descriptor, std::uint32_t events);
-  void forget(int descriptor);
-  /// What is ready now or within `time`, valid until the next call; each has its `data.fd`.
+  void unwatch(int descriptor);
+  /// The descriptors (`data.fd`) that are ready within `time`. Valid until the next call.
   std::span<const epoll_event> wait(std::chrono::milliseconds time);
 
 private:

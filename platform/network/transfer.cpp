@@ -1,59 +1,51 @@
 #include "platform/network/transfer.h"
 
-#include "platform/network/http_date.h"
-#include "platform/network/range_check.h"
-
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <sys/socket.h>
 
 namespace ravelin::platform {
 namespace {
 
-constexpr long most_redirects = 20;
-constexpr long read_size = longest_read;                   // bytes asked of the socket at once
-constexpr int header_read_size = 16 * 1024;                // likewise, when the body is dropped
-constexpr long beyond_any_deadline = 24L * 60 * 60 * 1000; // ms
+constexpr int max_redirects = 20;
+constexpr long read_size = max_read_size; // bytes per read
+constexpr long min_read_size = 1024;
+constexpr long max_connect_timeout = 24L * 60 * 60 * 1000; // ms
+constexpr long max_idle_seconds = 60;                      // of a connection to reuse
+constexpr auto max_redirect_body_time = std::chrono::seconds(1);
+constexpr std::size_t max_length_digits = 18;        // what fits into 64 bits in any case
+constexpr std::size_t max_drained_bytes = 64 * 1024; // of an unwanted body
 
-/// As libcurl would, but no program that the application starts inherits the connection.
-curl_socket_t open_socket(void* request, curlsocktype, curl_sockaddr* address) noexcept {
-  const int made = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (made >= 0 && static_cast<const URLRequest*>(request)->header_suffices)
-    ::setsockopt(made, SOL_SOCKET, SO_RCVBUF, &header_read_size, sizeof header_read_size);
-  return made;
+/// Fields that would break what the library asks for itself.
+bool is_reserved(const std::string& name) {
+  constexpr std::string_view names[] = {"Accept-Encoding", "Connection", "Content-Length", "Range",
+                                        "Transfer-Encoding"};
+  return std::ranges::any_of(names,
+                             [&](auto reserved) { return equal_ignoring_case(name, reserved); });
 }
 
-/// The seconds, or the seconds until the date, that a "Retry-After" field names.
-std::optional<std::chrono::seconds> parse_wait(const std::string& text) {
-  std::int64_t seconds = 0;
-  const auto* const end = text.data() + text.size();
-  const auto parsed = std::from_chars(text.data(), end, seconds);
-  constexpr std::int64_t longest = 366L * 24 * 60 * 60; // seconds; may be added to without overflow
-  const bool is_beyond_count = parsed.ec == std::errc::result_out_of_range && text[0] != '-';
-  if (parsed.ptr == end && (is_beyond_count || (parsed.ec == std::errc() && seconds >= 0)))
-    return std::chrono::seconds(is_beyond_count ? longest : std::min(seconds, longest));
-  const auto date = parse_http_date(text);
-  const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
-  if (!date || *date < now)
+bool has_line_break(const std::string& text) {
+  return text.find_first_of("\r\n") != std::string::npos;
+}
+
+/// The transfer coding if it is other than "chunked".
+std::optional<std::string> unknown_coding(const URLResponse& response) {
+  const auto* const coding = find_field(response.header_fields, "Transfer-Encoding");
+  if (!coding || equal_ignoring_case(*coding, "chunked") ||
+      equal_ignoring_case(*coding, "identity"))
     return std::nullopt;
-  return *date - now;
+  return *coding;
 }
 
 } // namespace
 
-Transfer::Transfer(CURLM* multi, std::shared_ptr<DataTask> task, RateLimiter& limiter)
-    : multi_(multi), task_(std::move(task)), limiter_(limiter),
+Transfer::Transfer(CURLM* multi, CURLSH* shared, std::shared_ptr<DataTask> task,
+                   RateLimiter& process_limiter)
+    : multi_(multi), shared_(shared), task_(std::move(task)), process_limiter_(process_limiter),
       data_allowed_(!task_->request().header_suffices),
-      silence_allowed_(
-          task_->configuration().idle_timeout.value_or(task_->request().time_out_interval)) {
-  const auto& fields = task_->request().header_fields;
-  for (const auto& [name, value] : fields)
-    if (name == "Range") {
-      asks_for_range_ = true;
-      if (task_->configuration().require_exact_ranges)
-        asked_ = parse_requested_range(value);
-    }
-}
+      idle_timeout_(task_->options().idle_timeout.value_or(task_->request().time_out_interval)) {}
 
 Transfer::~Transfer() {
   if (easy_) {
@@ -64,281 +56,340 @@ Transfer::~Transfer() {
 }
 
 std::optional<Transfer::Outcome> Transfer::begin() {
-  if (auto error = check_link())
-    return Outcome{std::move(error)};
-  if (is_file_) { // an answer, but none of HTTP: nobody would read the file
+  try {
+    link_ = WebLink::parse(task_->request().url.text(), WebLink::Files::accepted);
+    check_header_fields();
+  } catch (...) {
+    return Outcome{Error::current()};
+  }
+  if (link_.is_file()) { // has a response, but not an HTTP one; the content is never used
     report_response();
     return Outcome{};
   }
   easy_ = curl_easy_init();
   if (!easy_)
-    return Outcome{url_error(URLError::unknown, "no memory is left for a request")};
+    return Outcome{url_error(URLError::unknown, "out of memory")};
   set_options();
+  return send();
+}
+
+/// Prevents header injection by line breaks.
+void Transfer::check_header_fields() const {
+  for (const auto& [name, value] : task_->options().headers)
+    if (name.empty() || name.find_first_of(": \t") != std::string::npos || has_line_break(name) ||
+        has_line_break(value) || is_reserved(name))
+      throw URLLoadingError(
+          URLError::unknown,
+          "the header field '" + name +
+              "' is set by the library, has an invalid name or contains a line break");
+  if (has_line_break(task_->options().user_agent.value_or("")))
+    throw URLLoadingError(URLError::unknown, "the user agent contains a line break");
+}
+
+std::optional<Transfer::Outcome> Transfer::send() {
+  socket_error_ = 0;
+  curl_easy_setopt(easy_, CURLOPT_URL, link_.text().c_str());
+  set_request_headers();
   const auto added = curl_multi_add_handle(multi_, easy_);
   if (added != CURLM_OK)
     return Outcome{url_error(URLError::unknown, curl_multi_strerror(added))};
-  heard();
+  touch_deadline();
   return std::nullopt;
 }
 
-std::optional<Error> Transfer::check_link() {
-  const auto link = task_->request().url.text();
-  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), curl_url_cleanup);
-  const auto verdict = curl_url_set(parsed.get(), CURLUPART_URL, link.c_str(), 0);
-  if (verdict != CURLUE_OK) {
-    const bool scheme = verdict == CURLUE_UNSUPPORTED_SCHEME;
-    return url_error(scheme ? URLError::unsupported_url : URLError::bad_url,
-                     "'" + link + "': " + curl_url_strerror(verdict));
-  }
-  const auto part = [&](CURLUPart which) {
-    char* text = nullptr;
-    curl_url_get(parsed.get(), which, &text, 0);
-    const std::unique_ptr<char, decltype(&curl_free)> owned(text, curl_free);
-    return std::string(text ? text : "");
-  };
-  const auto scheme = part(CURLUPART_SCHEME);
-  host_ = part(CURLUPART_HOST);
-  is_file_ = scheme == "file";
-  if (!is_file_ && scheme != "http" && scheme != "https")
-    return url_error(URLError::unsupported_url, "'" + link + "': only http and https links work");
-  return std::nullopt;
+/// Like libcurl's default, but with close-on-exec.
+curl_socket_t Transfer::open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept {
+  const int descriptor =
+      ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (descriptor < 0)
+    static_cast<Transfer*>(self)->socket_error_ = errno;
+  return descriptor;
 }
 
 void Transfer::set_options() {
   const auto set = [this](CURLoption option, auto value) {
     curl_easy_setopt(easy_, option, value);
   };
-  set(CURLOPT_URL, task_->request().url.text().c_str());
   set(CURLOPT_PRIVATE, this);
-  set(CURLOPT_ERRORBUFFER, words_);
+  set(CURLOPT_ERRORBUFFER, error_text_);
   set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_QUICK_EXIT, 1L); // a look-up that hangs is left behind, not waited for
+  set(CURLOPT_QUICK_EXIT, 1L); // do not wait for a name lookup that hangs
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_PROTOCOLS_STR, "http,https");
-  set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  set(CURLOPT_FOLLOWLOCATION, 1L);
-  set(CURLOPT_MAXREDIRS, most_redirects);
-  set(CURLOPT_FRESH_CONNECT, 1L);
-  set(CURLOPT_FORBID_REUSE, 1L);
+  set(CURLOPT_FOLLOWLOCATION, 0L); // done here: our header fields are for the origin only
+  set(CURLOPT_SHARE, shared_);
+  set(CURLOPT_MAXAGE_CONN, max_idle_seconds);
   set(CURLOPT_TCP_KEEPALIVE, 1L);
-  set(CURLOPT_BUFFERSIZE, task_->request().header_suffices ? long{header_read_size} : read_size);
-  // As long as ours; libcurl shares it out among the addresses of a host.
-  set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::clamp<std::int64_t>(
-                                     silence_allowed_.count(), 1, beyond_any_deadline)));
+  set(CURLOPT_BUFFERSIZE, buffer_size());
+  // The same as our own timeout; libcurl divides it among the host's addresses.
+  set(CURLOPT_CONNECTTIMEOUT_MS,
+      static_cast<long>(std::clamp<std::int64_t>(idle_timeout_.count(), 1, max_connect_timeout)));
   set(CURLOPT_OPENSOCKETFUNCTION, open_socket);
-  set(CURLOPT_OPENSOCKETDATA, &task_->request());
+  set(CURLOPT_OPENSOCKETDATA, this);
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   set(CURLOPT_HEADERFUNCTION, on_header);
   set(CURLOPT_HEADERDATA, this);
   set(CURLOPT_WRITEFUNCTION, on_body);
   set(CURLOPT_WRITEDATA, this);
-  set_request_headers(false);
-  set_configured_options(task_->configuration());
+  set_configured_options(task_->options());
 }
 
-void Transfer::set_request_headers(bool close_connection) {
+/// A slow transfer reads little at a time, so that the server sees bytes taken now and then.
+long Transfer::buffer_size() const {
+  auto size = std::int64_t{read_size};
+  for (const auto& rate : {task_->settings().process_rate_limit, task_->options().rate_limit})
+    size = std::min(size, std::max<std::int64_t>(rate.value_or(read_size), min_read_size));
+  return static_cast<long>(size);
+}
+
+void Transfer::set_request_headers() {
   curl_slist* list = nullptr;
   const auto add = [&list](const std::string& line) {
     list = curl_slist_append(list, line.c_str());
   };
-  add("Accept-Encoding: identity"); // ranges of an encoded body make no sense
-  if (close_connection)
+  add("Accept-Encoding: identity"); // byte ranges refer to the encoded body
+  if (length_ignored_)
     add("Connection: close");
-  for (const auto* fields : {&task_->configuration().headers, &task_->request().header_fields})
-    for (const auto& [name, value] : *fields)
+  if (const auto& range = task_->request().range)
+    add("Range: bytes=" + range->text());
+  if (!left_origin_)
+    for (const auto& [name, value] : task_->options().headers)
       add(value.empty() ? name + ";" : name + ": " + value);
   curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, list);
   curl_slist_free_all(request_headers_);
   request_headers_ = list;
 }
 
-void Transfer::set_configured_options(const Defaults& values) {
-  const auto agent = values.user_agent.value_or("ravelin/" RAVELIN_VERSION);
+void Transfer::set_configured_options(const Options& options) {
+  const auto agent = options.user_agent.value_or("ravelin/" RAVELIN_VERSION);
   curl_easy_setopt(easy_, CURLOPT_USERAGENT, agent.c_str());
-  if (values.proxy)
-    curl_easy_setopt(easy_, CURLOPT_PROXY, values.proxy->c_str());
-  if (values.ca_bundle)
-    curl_easy_setopt(easy_, CURLOPT_CAINFO, values.ca_bundle->c_str());
+  if (options.proxy)
+    curl_easy_setopt(easy_, CURLOPT_PROXY, options.proxy->c_str());
+  if (options.ca_bundle)
+    curl_easy_setopt(easy_, CURLOPT_CAINFO, options.ca_bundle->c_str());
 }
 
 void Transfer::allow_data() {
   data_allowed_ = true;
-  go_on();
+  resume();
 }
 
-void Transfer::go_on() {
+void Transfer::resume() {
   if (!paused_ || !data_allowed_)
     return;
   paused_ = false;
   waits_for_rate_ = false;
-  heard();
+  touch_deadline();
   curl_easy_pause(easy_, CURLPAUSE_CONT); // may deliver, and pause again, before it returns
 }
 
 std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
-  const bool length_refused =
-      code == CURLE_WEIRD_SERVER_REPLY && !response_reported_ && !length_ignored_ &&
-      std::string_view(words_).find("Content-Length") != std::string_view::npos;
-  if (length_refused) {
-    // libcurl gives up at a length that is no number. The answer is still one: the body then ends
-    // where the connection does.
-    length_ignored_ = true;
+  if (refused_)
+    return Outcome{refused_};
+  if (is_redirected())
+    return follow_redirect(); // whatever became of the body, which nobody wants
+  // libcurl rejects a Content-Length that is not a number. Try again and ignore it: the body then
+  // ends with the connection.
+  const bool may_be_bad_length = std::exchange(has_bad_length_, false) ||
+                                 (code == CURLE_WEIRD_SERVER_REPLY && headers_.is_in_header());
+  if (may_be_bad_length && !std::exchange(length_ignored_, true)) {
     headers_ = {};
     curl_multi_remove_handle(multi_, easy_);
     curl_easy_setopt(easy_, CURLOPT_IGNORE_CONTENT_LENGTH, 1L);
-    set_request_headers(true);
-    if (curl_multi_add_handle(multi_, easy_) == CURLM_OK)
-      return std::nullopt;
+    return send();
   }
-  if (refused_)
-    return Outcome{refused_};
   if (code != CURLE_OK)
     return Outcome{failure(code)};
   if (!response_reported_)
     return Outcome{url_error(URLError::network_connection_lost,
-                             "the server ended its answer within the header")};
-  if (asked_ && received_ < asked_size())
-    return Outcome{url_error(URLError::network_connection_lost,
-                             "the server ended the range after " + std::to_string(received_) +
-                                 " of " + std::to_string(asked_size()) + " bytes")};
-  report_response();
+                             "the server closed the connection within the header")};
   return Outcome{};
 }
 
-Error Transfer::failure(CURLcode code) const {
-  if (code == CURLE_OUT_OF_MEMORY && !response_reported_) // said of a line beyond libcurl's bounds
-    return url_error(URLError::bad_server_response, "the header of the answer is too large");
-  return url_error_for({code, words_, host_, headers_.redirects_out_of_the_web()});
+std::optional<Transfer::Outcome> Transfer::follow_redirect() {
+  redirect_deadline_.reset();
+  discarded_ = 0;
+  if (++redirects_ > max_redirects)
+    return Outcome{url_error(URLError::too_many_redirects,
+                             "more than " + std::to_string(max_redirects) + " redirects")};
+  try {
+    const auto next = link_.follow(*find_field(headers_.response().header_fields, "Location"));
+    if (task_->options().refuse_tls_downgrade.value_or(false) && link_.is_secure() &&
+        !next.is_secure())
+      throw URLLoadingError(URLError::secure_connection_failed,
+                            "the server redirects from https to http, to '" + next.text() + "'");
+    left_origin_ = left_origin_ || !next.has_same_origin_as(link_);
+    link_ = next;
+  } catch (...) {
+    return Outcome{Error::current()};
+  }
+  curl_multi_remove_handle(multi_, easy_);
+  return send();
 }
 
-Error Transfer::no_http() {
-  return url_error(URLError::bad_server_response, "the answer is not one of HTTP");
+Error Transfer::failure(CURLcode code) const {
+  // libcurl reports a header line that is too long as out of memory.
+  if (code == CURLE_OUT_OF_MEMORY && headers_.is_in_header())
+    return url_error(URLError::bad_server_response, "the header of the response is too large");
+  if (socket_error_ != 0 && code == CURLE_COULDNT_CONNECT)
+    return url_error(URLError::cannot_connect_to_host,
+                     std::string("could not open a socket: ") + std::strerror(socket_error_));
+  long proxy_status = 0;
+  curl_easy_getinfo(easy_, CURLINFO_HTTP_CONNECTCODE, &proxy_status);
+  if (code == CURLE_RECV_ERROR && proxy_status / 100 > 2)
+    return url_error(proxy_status == 407 ? URLError::user_authentication_required
+                                         : URLError::cannot_connect_to_host,
+                     "the proxy answered with status " + std::to_string(proxy_status));
+  long system_error = 0;
+  curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &system_error);
+  if (code == CURLE_SSL_CONNECT_ERROR && system_error == ECONNRESET)
+    return url_error(URLError::network_connection_lost, error_text_);
+  return url_error_for({code, error_text_, link_.host()});
+}
+
+Error Transfer::not_http_error() {
+  return url_error(URLError::bad_server_response, "the response is not HTTP");
 }
 
 Transfer::Clock::time_point Transfer::deadline() const {
-  return paused_ ? Clock::time_point::max() : last_heard_ + silence_allowed_;
+  if (redirect_deadline_)
+    return *redirect_deadline_;
+  return paused_ ? Clock::time_point::max() : last_activity_ + idle_timeout_;
 }
 
-Error Transfer::timed_out() const {
-  const auto seconds = std::chrono::duration<double>(silence_allowed_).count();
+Error Transfer::timeout_error() const {
+  const auto seconds = std::chrono::duration<double>(idle_timeout_).count();
   auto text = std::to_string(seconds);
   text.erase(text.find_last_not_of('0') + 1);
   if (text.ends_with('.'))
     text.pop_back();
-  return url_error(URLError::timed_out, "nothing came from " +
-                                            (host_.empty() ? "the server" : host_) + " for " +
-                                            text + " seconds");
+  return url_error(URLError::timed_out, "nothing received from " +
+                                            (link_.host().empty() ? "the server" : link_.host()) +
+                                            " for " + text + " seconds");
 }
 
 std::size_t Transfer::on_header(char* bytes, std::size_t one, std::size_t size,
                                 void* self) noexcept {
   auto& transfer = *static_cast<Transfer*>(self);
-  return transfer.take_header({bytes, one * size}) ? one * size : CURL_WRITEFUNC_ERROR;
+  return transfer.handle_header({bytes, one * size}) ? one * size : CURL_WRITEFUNC_ERROR;
 }
 
-bool Transfer::take_header(std::string_view line) {
-  heard();
+bool Transfer::handle_header(std::string_view line) {
   if (response_reported_)
-    return true; // a trailer
+    return true; // a trailer: must not extend the deadline
+  touch_deadline();
   const auto seen = headers_.add(line);
-  if (seen == HeaderCollector::Line::too_large) {
-    refused_ = url_error(URLError::bad_server_response, "the header of the answer is too large");
-    return false;
-  }
-  if (seen != HeaderCollector::Line::final_end)
-    return true;
-  refused_ = refusal();
-  if (refused_)
-    return false;
-  report_response();
-  return true;
+  if (seen == HeaderCollector::Line::too_large)
+    refused_ = url_error(URLError::bad_server_response, "the header of the response is too large");
+  else if (seen == HeaderCollector::Line::redirect_end)
+    redirect_deadline_ = last_activity_ + max_redirect_body_time;
+  else if (seen == HeaderCollector::Line::final_end)
+    has_bad_length_ = !length_ignored_ && !is_chunked() && has_unreadable_length();
+  if (seen == HeaderCollector::Line::final_end && !has_bad_length_)
+    report_response();
+  return !refused_ && !has_bad_length_;
 }
 
-std::optional<Error> Transfer::refusal() const {
-  const auto& values = task_->configuration();
-  const auto& response = headers_.response();
-  const auto* const length = find_field(response.header_fields, "Content-Length");
-  if (values.require_exact_ranges && length && !length_ignored_ &&
-      length->find(',') != std::string::npos)
-    return url_error(URLError::bad_server_response,
-                     "the server announced different lengths: " + *length);
-  const bool has_no_content =
-      response.status / 100 != 2 || response.status == 204 || response.status == 205;
-  if (values.reject_http_errors && has_no_content) {
-    URLLoadingError error(URLError::bad_server_response,
-                          "the server answered with status " + std::to_string(response.status));
-    error.refusal = URLLoadingError::Refusal::http_status;
-    error.asked_for_range = asks_for_range_;
-    error.http_status = response.status;
-    if (const auto* const wait = find_field(response.header_fields, "Retry-After"))
-      error.retry_after = parse_wait(*wait);
-    return Error(std::make_exception_ptr(error));
-  }
-  const bool unasked = values.require_exact_ranges && !asks_for_range_ && response.status == 206;
-  if (unasked)
-    return range_refusal("the server was asked for the whole and answered with a part");
-  return asked_ ? range_refusal(range_fault(*asked_, response)) : std::nullopt;
+/// libcurl takes "5x" for 5, and the last of several lengths for the length.
+bool Transfer::has_unreadable_length() const {
+  const auto* const length = find_field(headers_.response().header_fields, "Content-Length");
+  return length && (length->empty() || length->size() > max_length_digits ||
+                    length->find_first_not_of("0123456789") != std::string::npos);
 }
 
-std::optional<Error> Transfer::range_refusal(const std::optional<std::string>& fault) const {
-  if (!fault)
-    return std::nullopt;
-  URLLoadingError error(URLError::bad_server_response, *fault);
-  error.refusal = URLLoadingError::Refusal::range;
-  error.asked_for_range = asks_for_range_;
-  error.http_status = headers_.response().status;
-  return Error(std::make_exception_ptr(error));
+bool Transfer::is_chunked() const {
+  const auto* const coding = find_field(headers_.response().header_fields, "Transfer-Encoding");
+  return coding && equal_ignoring_case(*coding, "chunked");
 }
 
 void Transfer::report_response() {
-  if (std::exchange(response_reported_, true))
-    return;
   auto response = headers_.response();
-  response.is_http = !is_file_;
-  // What libcurl could not read is no length: a negative one would make empty parts.
-  if (length_ignored_ && task_->configuration().require_exact_ranges)
-    std::erase_if(response.header_fields, [](const auto& field) {
-      return find_field({field}, "Content-Length") != nullptr;
-    });
+  if (const auto coding = unknown_coding(response)) {
+    refused_ = url_error(URLError::bad_server_response,
+                         "the server used the unsupported transfer coding '" + *coding + "'");
+    return;
+  }
+  response_reported_ = true;
+  response.is_http = !link_.is_file();
+  response.url = link_.text();
   task_->receive_response(response);
 }
 
 std::size_t Transfer::on_body(char* bytes, std::size_t one, std::size_t size, void* self) noexcept {
-  return static_cast<Transfer*>(self)->take_body({bytes, one * size});
+  return static_cast<Transfer*>(self)->handle_body({bytes, one * size});
 }
 
-std::size_t Transfer::take_body(std::string_view bytes) {
+std::size_t Transfer::handle_body(std::string_view bytes) {
   if (refused_)
-    return CURL_WRITEFUNC_ERROR; // an error out of curl_easy_pause() does not end the transfer
-  heard();
+    return CURL_WRITEFUNC_ERROR; // return it again: curl_easy_pause() ignored it
+  touch_deadline();
+  if (is_redirected() || draining_) {
+    discarded_ += bytes.size();
+    return discarded_ <= max_drained_bytes ? bytes.size() : CURL_WRITEFUNC_ERROR;
+  }
   if (!response_reported_) {
-    refused_ = no_http();
+    refused_ = not_http_error();
     return CURL_WRITEFUNC_ERROR;
   }
-  const bool is_limited = task_->configuration().rate_limit.has_value();
-  waits_for_rate_ = data_allowed_ && is_limited && !limiter_.may_take(last_heard_);
+  waits_for_rate_ = data_allowed_ && !may_take_now();
   if (!data_allowed_ || waits_for_rate_) {
     paused_ = true;
     return CURL_WRITEFUNC_PAUSE;
   }
-  const auto total = received_ + static_cast<std::int64_t>(bytes.size());
-  if (asked_ && total > asked_size()) {
-    refused_ = range_refusal("the server sent more than the range that it was asked for");
-    return CURL_WRITEFUNC_ERROR;
-  }
   const auto appended = task_->receive_data(bytes);
-  if (appended == ReceiveBuffer::Appended::no_room) {
+  if (appended == ReceiveBuffer::Appended::no_space) {
     paused_ = true;
-    return CURL_WRITEFUNC_PAUSE; // libcurl keeps a copy of all that it has read
+    return CURL_WRITEFUNC_PAUSE; // libcurl copies the bytes and passes them again
   }
   if (appended == ReceiveBuffer::Appended::full && !std::exchange(paused_, true))
-    curl_easy_pause(easy_, CURLPAUSE_RECV); // after what it has read
-  received_ = total;
-  if (is_limited) {
-    limiter_.take(static_cast<std::int64_t>(bytes.size()));
-    last_share_ = last_heard_;
-  }
+    curl_easy_pause(easy_, CURLPAUSE_RECV); // bytes already read still arrive
+  count_against_limits(bytes.size());
   return bytes.size();
+}
+
+std::array<RateLimiter*, 2> Transfer::limiters() const {
+  return {task_->settings().process_rate_limit ? &process_limiter_ : nullptr,
+          task_->settings().limiter.get()};
+}
+
+bool Transfer::may_take_now() const {
+  return std::ranges::all_of(limiters(),
+                             [&](auto* one) { return !one || one->may_take(last_activity_); });
+}
+
+void Transfer::count_against_limits(std::size_t bytes) {
+  for (auto* const limiter : limiters())
+    if (limiter) {
+      limiter->take(static_cast<std::int64_t>(bytes));
+      last_rate_use_ = last_activity_;
+    }
+}
+
+Transfer::Clock::time_point Transfer::rate_ready_at() const {
+  auto ready = Clock::time_point::min();
+  for (const auto* const limiter : limiters())
+    if (limiter)
+      ready = std::max(ready, limiter->ready_at());
+  return ready;
+}
+
+bool Transfer::drain() {
+  const auto* const length = find_field(headers_.response().header_fields, "Content-Length");
+  std::size_t announced = 0;
+  const bool is_small =
+      length &&
+      std::from_chars(length->data(), length->data() + length->size(), announced).ec ==
+          std::errc() &&
+      announced <= max_drained_bytes;
+  const auto* const connection = find_field(headers_.response().header_fields, "Connection");
+  const bool closes = length_ignored_ || (connection && equal_ignoring_case(*connection, "close"));
+  const bool is_limited = limiters() != std::array<RateLimiter*, 2>{};
+  if (!response_reported_ || data_allowed_ || !is_small || closes || is_limited)
+    return false;
+  draining_ = true;
+  data_allowed_ = true;
+  resume();
+  return true;
 }
 
 } // namespace ravelin::platform

@@ -3,7 +3,9 @@
 #include "platform/network/curl_errors.h"
 #include "platform/network/data_task.h"
 #include "platform/network/rate_limiter.h"
+#include "platform/network/web_link.h"
 
+#include <array>
 #include <chrono>
 #include <curl/curl.h>
 #include <memory>
@@ -11,15 +13,16 @@
 
 namespace ravelin::platform {
 
-/// One libcurl handle at work for one task.
+/// A task's libcurl handle.
 ///
-/// Threads: the network thread only. Ownership: owned by the network thread; the handle is in the
-/// multi handle exactly as long as this object lives.
+/// Threads: the network thread only. Ownership: by the network thread; removes its handle from the
+/// multi handle when destroyed.
 class Transfer {
 public:
   using Clock = std::chrono::steady_clock;
 
-  Transfer(CURLM* multi, std::shared_ptr<DataTask> task, RateLimiter& limiter);
+  Transfer(CURLM* multi, CURLSH* shared, std::shared_ptr<DataTask> task,
+           RateLimiter& process_limiter);
   ~Transfer();
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
@@ -27,62 +30,79 @@ public:
   struct Outcome {
     std::optional<Error> error;
   };
-  /// Hands the request to libcurl. Otherwise the outcome: it is over already.
+  /// Sends the request. Returns the outcome if it is over already.
   std::optional<Outcome> begin();
-  /// The delegate wants the body.
+  /// Called when the delegate wants the body.
   void allow_data();
-  /// Goes on after a pause; nothing happens if there is none.
-  void go_on();
-  /// libcurl is done. Nothing: the request was sent again and goes on. Otherwise the outcome.
+  /// Does nothing if the transfer is not paused.
+  void resume();
+  /// Called when libcurl is done. Returns the outcome, or nothing if another request was sent.
   std::optional<Outcome> ended(CURLcode code);
 
-  /// When the server will have been silent for too long; never while we hold it back ourselves.
+  /// When the idle timeout expires; never while paused.
   Clock::time_point deadline() const;
-  Error timed_out() const;
-  /// Set while the transfer waits for its share of the rate.
+  Error timeout_error() const;
+  /// Whether it is paused by a rate limit.
   bool waits_for_rate() const { return waits_for_rate_; }
-  /// When it last had a share of the rate.
-  Clock::time_point last_share() const { return last_share_; }
+  /// When the rate limits allow more bytes.
+  Clock::time_point rate_ready_at() const;
+  /// When it last received bytes under a rate limit.
+  Clock::time_point last_rate_use() const { return last_rate_use_; }
+  /// After a request for the header only: reads and drops the body, so that the connection can be
+  /// reused. False if the body is not known to be small.
+  bool drain();
+  /// Whether a redirect is about to be followed.
+  bool is_redirected() const { return redirect_deadline_.has_value(); }
   DataTask& task() const { return *task_; }
 
 private:
   static std::size_t on_header(char* bytes, std::size_t one, std::size_t size, void* self) noexcept;
   static std::size_t on_body(char* bytes, std::size_t one, std::size_t size, void* self) noexcept;
-  static Error no_http();
+  static Error not_http_error();
   Error failure(CURLcode code) const;
-  std::optional<Error> check_link();
+  static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
+  void check_header_fields() const;
+  std::optional<Outcome> send();
+  std::optional<Outcome> follow_redirect();
   void set_options();
-  void set_request_headers(bool close_connection);
-  void set_configured_options(const Defaults& values);
-  bool take_header(std::string_view line);
-  std::size_t take_body(std::string_view bytes);
+  void set_request_headers();
+  void set_configured_options(const Options& options);
+  bool handle_header(std::string_view line);
+  std::size_t handle_body(std::string_view bytes);
   void report_response();
-  std::optional<Error> refusal() const;
-  std::optional<Error> range_refusal(const std::optional<std::string>& fault) const;
-  std::int64_t asked_size() const { return asked_->end - asked_->start + 1; }
-  void heard() { last_heard_ = Clock::now(); }
+  bool has_unreadable_length() const;
+  bool is_chunked() const;
+  long buffer_size() const;
+  std::array<RateLimiter*, 2> limiters() const;
+  bool may_take_now() const;
+  void count_against_limits(std::size_t bytes);
+  void touch_deadline() { last_activity_ = Clock::now(); }
 
   CURLM* const multi_;
+  CURLSH* const shared_;
   const std::shared_ptr<DataTask> task_;
-  RateLimiter& limiter_;
+  RateLimiter& process_limiter_;
   CURL* easy_ = nullptr;
   curl_slist* request_headers_ = nullptr;
-  char words_[CURL_ERROR_SIZE] = "";
-  std::string host_;
-  bool is_file_ = false;
+  char error_text_[CURL_ERROR_SIZE] = "";
+  WebLink link_; // after the redirects so far
+  int redirects_ = 0;
+  std::optional<Clock::time_point> redirect_deadline_; // set while the response leads elsewhere
+  bool has_bad_length_ = false;
+  bool left_origin_ = false; // was redirected to another scheme, host or port
+  int socket_error_ = 0;     // errno of socket()
+  bool draining_ = false;
+  std::size_t discarded_ = 0; // bytes of an unwanted body
   HeaderCollector headers_;
   bool response_reported_ = false;
   bool data_allowed_ = false;
   bool paused_ = false;
   bool waits_for_rate_ = false;
-  Clock::time_point last_share_;
+  Clock::time_point last_rate_use_;
   bool length_ignored_ = false;
   std::optional<Error> refused_;
-  bool asks_for_range_ = false;
-  std::optional<ContentRange> asked_; // set where exactly the range asked for is insisted on
-  std::int64_t received_ = 0;         // bytes of the body
-  Clock::time_point last_heard_ = Clock::now();
-  std::chrono::milliseconds silence_allowed_;
+  Clock::time_point last_activity_ = Clock::now();
+  std::chrono::milliseconds idle_timeout_;
 };
 
 } // namespace ravelin::platform

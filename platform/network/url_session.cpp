@@ -26,7 +26,7 @@ DataTask::DataTask(std::shared_ptr<URLSession> session, URLRequest request)
 void DataTask::resume() {
   buffer_ = std::make_shared<ReceiveBuffer>([weak = weak_from_this()] {
     if (const auto task = weak.lock())
-      NetworkThread::instance().go_on(task);
+      NetworkThread::instance().resume(task);
   });
   NetworkThread::instance().start(shared_from_this());
 }
@@ -54,7 +54,7 @@ void DataTask::decide(ResponseDisposition disposition) {
     NetworkThread::instance().allow_data(shared_from_this());
   session_->delegate_queue_.async([self = shared_from_this(), refused] {
     self->undecided_ = false;
-    if (refused) // whatever the connection meets before it is closed
+    if (refused) // before any error of the connection is reported
       self->end(url_error(URLError::cancelled, "cancelled"));
     self->deliver_data();
     if (self->outcome_)

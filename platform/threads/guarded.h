@@ -5,7 +5,7 @@
 
 namespace ravelin::platform {
 
-/// A value that one thread sets while others look at it.
+/// A value that is set on one thread and read on others.
 template <class T> class Guarded {
 public:
   T get() const {
@@ -18,7 +18,7 @@ public:
   }
 
 private:
-  mutable std::mutex mutex_; // writer and readers have no other order between them
+  mutable std::mutex mutex_; // nothing else orders the writer and the readers
   T value_{};
 };
 

@@ -1,22 +1,25 @@
 #pragma once
 
-#include "platform/threads/thread_marks.h"
+#include "platform/threads/thread_annotations.h"
 
 namespace ravelin::platform {
 
 class Semaphore;
 
-/// A piece of work for the main thread, which may live on the stack of the thread that waits.
+/// Work for the main thread. May be on the stack of a thread that waits for it.
 struct MainCall {
   void (*call)(MainCall&) = nullptr;
-  MainCall* next = nullptr; // the queue's
+  MainCall* next = nullptr; // used by the queue
 };
+
+/// Throws `std::logic_error` in a process forked from one that had used the queue.
+void refuse_in_forked_child();
 
 /// Queues `call` and returns at once.
 void queue_on_main(MainCall& call);
 
-/// Waits for `done`, which a queued call signals as the last thing it does. The main thread must
-/// not: it would wait for itself.
+/// Waits for `done`, which a queued call signals at its end. Not on the main thread, which would
+/// wait for itself.
 void wait_for_main(Semaphore& done) BG_ONLY;
 
 } // namespace ravelin::platform

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
+#include <stdexcept>
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -22,52 +24,43 @@ pid_t current_thread_id() {
 }
 
 struct Queue {
-  // Read on every hop from any thread while a host may still be adopting: hence atomic. The thread
-  // that runs `main` has the process's own number.
+  // Atomic: other threads read it while the application may be adopting another main thread. The
+  // thread that runs `main` has the id of the process.
   std::atomic<pid_t> main_thread = getpid();
-  std::mutex mutex;          // every thread puts work in, the main thread takes it out
-  MainCall* first = nullptr; // a list through the calls themselves: a hop allocates nothing
+  std::mutex mutex;          // every thread adds work, the main thread removes it
+  MainCall* first = nullptr; // an intrusive list: no allocation per call
   MainCall* last = nullptr;
   std::size_t length = 0;
-  bool awake = false;   // the event is set: only the first of many pieces pays for a wake-up
-  bool watched = false; // somebody has asked for the event, which is not touched before
+  bool awake = false; // the event is set; saves a system call for each further piece of work
   bool stopped = false;
-  int runs = 0;      // calls of `run()` under way, nested ones included
-  bool idle = false; // the main thread sleeps in `run()`, where nobody looks at the event
-  Semaphore called{0};
+  int runs = 0; // active calls of `run()`, including nested ones
   WakeEvent event;
 };
 
 Queue& queue() {
-  // Never destroyed: background threads still hop here while the process leaves `main`.
+  // Never destroyed: background threads may still use it after `main` returns.
   static auto& instance = *new Queue;
   return instance;
 }
 
-/// Unlocks first where it can: the main thread needs the lock as soon as it wakes.
-void wake(Queue& q, std::unique_lock<std::mutex>& lock) {
-  if (std::exchange(q.idle, false)) {
-    lock.unlock();
-    q.called.signal();
-  } else if (!std::exchange(q.awake, true) && q.watched) {
+void wake(Queue& q) {
+  if (!std::exchange(q.awake, true))
     q.event.set();
-  }
 }
 
-/// The event is set while there is work that the main thread does not know of, so that a loop
-/// nested in a callback sees it, too; and never while there is none.
-void sleep_if_empty(Queue& q) {
-  if (!q.first && std::exchange(q.awake, false) && q.watched)
+/// The event stays set while there is work, so that a loop nested in a callback sees it too.
+void clear_event_if_empty(Queue& q) {
+  if (!q.first && std::exchange(q.awake, false))
     q.event.clear();
 }
 
 void push(MainCall& call) {
   auto& q = queue();
-  std::unique_lock lock(q.mutex);
+  const std::lock_guard lock(q.mutex);
   (q.last ? q.last->next : q.first) = &call;
   q.last = &call;
   ++q.length;
-  wake(q, lock);
+  wake(q);
 }
 
 void require_main_thread(const char* function) {
@@ -75,7 +68,6 @@ void require_main_thread(const char* function) {
     fatal(std::string(function) + " was called off the main thread");
 }
 
-/// Takes the next call, or null.
 MainCall* pop() {
   auto& q = queue();
   const std::lock_guard lock(q.mutex);
@@ -85,7 +77,7 @@ MainCall* pop() {
     if (!q.first)
       q.last = nullptr;
     --q.length;
-    sleep_if_empty(q);
+    clear_event_if_empty(q);
   }
   return call;
 }
@@ -99,7 +91,7 @@ void run_and_delete(MainCall& call) {
   owned->task();
 }
 
-/// Marks that somebody inside `run()` waits for work, however `run()` ends.
+/// Counts one active `run()`.
 class Running {
 public:
   Running() { change(1); }
@@ -115,31 +107,38 @@ private:
   }
 };
 
-/// Whether a `run()` is to end now; takes the wish away.
-bool take_stop() {
+/// Whether `run()` should return. Resets the request.
+bool consume_stop() {
   auto& q = queue();
   const std::lock_guard lock(q.mutex);
   const bool stopped = std::exchange(q.stopped, false);
   if (stopped)
-    sleep_if_empty(q);
+    clear_event_if_empty(q);
   return stopped;
 }
 
-/// Sleeps until somebody queues work or stops `run()`.
 void wait_for_work() {
-  auto& q = queue();
-  {
-    const std::lock_guard lock(q.mutex);
-    if (q.first || q.stopped)
-      return;
-    q.idle = true;
-  }
-  q.called.wait();
+  queue().event.wait();
 }
 
 } // namespace
 
+/// Only the thread that calls fork() continues in the child: there is no network thread, and
+/// perhaps no thread to run the queue.
+bool& is_forked_child() {
+  static bool forked = false;
+  [[maybe_unused]] static const int registered =
+      pthread_atfork(nullptr, nullptr, [] { is_forked_child() = true; });
+  return forked;
+}
+
+void refuse_in_forked_child() {
+  if (is_forked_child())
+    throw std::logic_error("ravelin cannot be used after fork() without exec");
+}
+
 void queue_on_main(MainCall& call) {
+  refuse_in_forked_child();
   push(call);
 }
 
@@ -180,7 +179,7 @@ std::size_t MainQueue::drain() {
   for (; ran < due; ++ran) {
     auto* const call = pop();
     if (!call)
-      break; // work that ran here has drained the queue itself
+      break; // a call drained the queue itself
     call->call(*call);
   }
   return ran;
@@ -191,7 +190,7 @@ void MainQueue::run() {
   const Running running;
   for (;;) {
     drain();
-    if (take_stop())
+    if (consume_stop())
       return;
     wait_for_work();
   }
@@ -199,18 +198,14 @@ void MainQueue::run() {
 
 void MainQueue::stop() {
   auto& q = queue();
-  std::unique_lock lock(q.mutex);
+  const std::lock_guard lock(q.mutex);
   q.stopped = true;
   if (q.runs > 0)
-    wake(q, lock);
+    wake(q);
 }
 
 int MainQueue::descriptor() {
-  auto& q = queue();
-  const std::lock_guard lock(q.mutex);
-  if (!std::exchange(q.watched, true) && q.awake)
-    q.event.set();
-  return q.event.descriptor();
+  return queue().event.descriptor();
 }
 
 } // namespace ravelin

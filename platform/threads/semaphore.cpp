@@ -10,7 +10,7 @@ namespace ravelin::platform {
 
 Semaphore::Semaphore(unsigned value) {
   if (sem_init(&semaphore_, 0, value) != 0)
-    fatal("a semaphore could not be made");
+    fatal("could not create a semaphore");
 }
 
 Semaphore::~Semaphore() {
@@ -19,36 +19,38 @@ Semaphore::~Semaphore() {
 
 void Semaphore::signal() {
   if (sem_post(&semaphore_) != 0)
-    fatal("a semaphore was signalled too often");
+    fatal("a semaphore was signalled too many times");
 }
 
 void Semaphore::wait() {
   while (sem_wait(&semaphore_) != 0)
     if (errno != EINTR)
-      fatal("a semaphore could not be waited for");
+      fatal("could not wait for a semaphore");
 }
 
-bool Semaphore::wait_for(std::chrono::seconds time) {
+bool Semaphore::wait_for(std::chrono::milliseconds time) {
   timespec end{};
   clock_gettime(CLOCK_REALTIME, &end);
-  end.tv_sec += time.count();
+  const auto nanoseconds = end.tv_nsec + time.count() % 1000 * 1'000'000;
+  end.tv_sec += time.count() / 1000 + nanoseconds / 1'000'000'000;
+  end.tv_nsec = nanoseconds % 1'000'000'000;
   for (;;) {
     if (sem_timedwait(&semaphore_, &end) == 0)
       return true;
     if (errno == ETIMEDOUT)
       return false;
     if (errno != EINTR)
-      fatal("a semaphore could not be waited for");
+      fatal("could not wait for a semaphore");
   }
 }
 
-void AsyncSemaphore::signal() {
+void OneShotEvent::signal() {
   signalled_ = true;
   if (const auto job = std::exchange(waiting_, nullptr))
     job();
 }
 
-void AsyncSemaphore::wait(Job job) {
+void OneShotEvent::wait(Job job) {
   if (signalled_)
     job();
   else
@@ -65,11 +67,11 @@ void DispatchGroup::leave() {
   {
     const std::lock_guard lock(mutex_);
     if (--count_ < 0)
-      fatal("a group was left more often than entered");
+      fatal("a group was left more often than it was entered");
     if (count_ == 0)
       waiting.swap(waiting_);
   }
-  // The group is not touched any more: a waiter may destroy it once it has returned.
+  // Do not use the group from here on: a waiter may destroy it as soon as it returns.
   for (auto* const waiter : waiting)
     waiter->signal();
 }
@@ -82,7 +84,7 @@ void DispatchGroup::wait() {
       return;
     waiting_.push_back(&empty);
   }
-  // Jobs that come after the group was empty are not waited for, however soon they come.
+  // Jobs that enter after the group was empty are not waited for.
   empty.wait();
 }
 

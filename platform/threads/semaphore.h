@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/threads/thread_marks.h"
+#include "platform/threads/thread_annotations.h"
 #include "platform/threads/thread_pool.h"
 
 #include <chrono>
@@ -10,8 +10,8 @@
 
 namespace ravelin::platform {
 
-/// A counting semaphore. It may be destroyed as soon as the one wait for its signal has returned,
-/// even while the signalling call is still on its way out.
+/// A counting semaphore. It may be destroyed as soon as the wait for its only signal has returned,
+/// even if `signal()` has not returned yet.
 class Semaphore {
 public:
   explicit Semaphore(unsigned value);
@@ -20,18 +20,17 @@ public:
   Semaphore& operator=(const Semaphore&) = delete;
 
   void signal();
-  /// Blocks without a time limit.
   void wait();
-  /// Whether a signal came within about `time`, less or more when somebody sets the clock.
-  bool wait_for(std::chrono::seconds time);
+  /// Returns false after about `time`; setting the system clock changes that.
+  bool wait_for(std::chrono::milliseconds time);
 
 private:
   sem_t semaphore_;
 };
 
-/// A semaphore for one signal, at which a job waits instead of a thread. The job runs inside the
-/// call that brings the second of the two, the job or the signal.
-class AsyncSemaphore {
+/// Is signalled once, and one job waits for that instead of a thread. The job runs inside
+/// `signal()`, or inside `wait()` if the signal came first.
+class OneShotEvent {
 public:
   void signal() MAIN_ONLY;
   void wait(Job job) MAIN_ONLY;
@@ -41,7 +40,8 @@ private:
   Job waiting_;
 };
 
-/// Counts jobs under way. A wait returns when all that were under way at its start have ended.
+/// Counts running jobs. `wait()` returns once the count has reached 0, even if more jobs enter
+/// right after that.
 class DispatchGroup {
 public:
   void enter();
@@ -49,7 +49,7 @@ public:
   void wait();
 
 private:
-  std::mutex mutex_; // jobs end on a queue's thread while other threads wait
+  std::mutex mutex_; // jobs leave on a queue's thread while other threads wait
   long count_ = 0;
   std::vector<Semaphore*> waiting_;
 };

@@ -13,31 +13,31 @@
 namespace ravelin::platform {
 namespace {
 
-constexpr std::size_t stack_size = 512 * 1024; // bytes; callbacks of the application run here too
+constexpr std::size_t stack_size = 512 * 1024; // bytes; application callbacks run here too
 constexpr auto idle_time = std::chrono::seconds(5);
 
-/// A thread without a job. Lives on that thread's stack.
-struct Idle {
-  Semaphore called{0};
+/// An idle thread. Lives on that thread's stack.
+struct IdleThread {
+  Semaphore wake{0};
   Job job;
 };
 
 struct Pool {
-  std::mutex mutex;        // any thread hands jobs in, pool threads take them
-  std::vector<Idle*> idle; // the last one in, whose memory is still in the caches, is called first
-  std::deque<Job> jobs;    // for which there is no thread
+  std::mutex mutex;              // any thread adds jobs, pool threads take them
+  std::vector<IdleThread*> idle; // last in, first out: its stack is still in the caches
+  std::deque<Job> jobs;          // waiting for a thread
   std::size_t threads = 0;
 };
 
 Pool& pool() {
-  static auto& instance = *new Pool; // outlives `main`: its threads are never joined
+  static auto& instance = *new Pool; // never destroyed: its threads are not joined at exit
   return instance;
 }
 
-/// The next job, or an empty one when there has been none for long.
+/// The next job, or an empty one if none came within the idle time.
 Job next_job() {
   auto& p = pool();
-  Idle self;
+  IdleThread self;
   {
     const std::lock_guard lock(p.mutex);
     if (!p.jobs.empty()) {
@@ -47,13 +47,13 @@ Job next_job() {
     }
     p.idle.push_back(&self);
   }
-  if (!self.called.wait_for(idle_time)) {
+  if (!self.wake.wait_for(idle_time)) {
     const std::lock_guard lock(p.mutex);
     if (std::erase(p.idle, &self) > 0) {
       --p.threads;
       return {};
     }
-    self.called.wait(); // somebody was about to call
+    self.wake.wait(); // a job was assigned at the same moment
   }
   return std::move(self.job);
 }
@@ -63,8 +63,8 @@ void work_until_idle() noexcept {
     job();
 }
 
-/// Signals are the application's business and are handled on its threads; those that a thread
-/// causes itself stay where they belong.
+/// The application handles signals on its own threads. Signals caused by the thread itself, such as
+/// SIGSEGV, are not blocked.
 class SignalsBlocked {
 public:
   SignalsBlocked() {
@@ -83,7 +83,7 @@ private:
 };
 
 bool start_thread(void* (*body)(void*), void* argument) {
-  const SignalsBlocked blocked; // a new thread inherits the mask of the one that makes it
+  const SignalsBlocked blocked; // a new thread inherits this mask
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, stack_size);
@@ -102,9 +102,9 @@ void run_in_background(Job job) {
   if (!p.idle.empty()) {
     auto& idle = *p.idle.back();
     p.idle.pop_back();
-    lock.unlock(); // the thread that is called needs it soon
+    lock.unlock(); // the woken thread needs it soon
     idle.job = std::move(job);
-    idle.called.signal();
+    idle.wake.signal();
     return;
   }
   p.jobs.push_back(std::move(job));
@@ -115,8 +115,8 @@ void run_in_background(Job job) {
   if (start_thread(body, nullptr))
     ++p.threads;
   else if (p.threads == 0)
-    fatal("the system gives no thread to work on");
-  // Otherwise the system is out of threads for now: the job waits for one that becomes free.
+    fatal("could not create a thread");
+  // If others exist, the job waits until one of them is free.
 }
 
 void start_detached_thread(void (*body)()) {
@@ -125,7 +125,7 @@ void start_detached_thread(void (*body)()) {
     return nullptr;
   };
   if (!start_thread(call, reinterpret_cast<void*>(body)))
-    fatal("the system gives no thread to work on");
+    fatal("could not create a thread");
 }
 
 std::size_t background_thread_count() {

@@ -6,14 +6,14 @@ namespace ravelin::platform {
 
 using Job = std::function<void()>;
 
-/// Runs `job` on a cached background thread. Never refuses: a thread is made when none is idle,
-/// since jobs block on semaphores. An exception that leaves `job` ends the process.
+/// Runs `job` on a cached background thread. Starts a new thread when none is idle, without a
+/// limit, since jobs may block on each other. An exception thrown by `job` terminates the process.
 void run_in_background(Job job);
 
-/// Runs `body` on a thread of its own for the life of the process.
+/// Runs `body` on a new thread that is never joined.
 void start_detached_thread(void (*body)());
 
-/// How many background threads exist now, idle ones included.
+/// Includes idle threads.
 std::size_t background_thread_count();
 
 } // namespace ravelin::platform

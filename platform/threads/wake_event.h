@@ -2,7 +2,7 @@
 
 namespace ravelin::platform {
 
-/// A descriptor that is readable from `set()` until `clear()`. Wakes a loop that polls.
+/// A descriptor that is readable from `set()` to `clear()`, to wake a poll loop.
 class WakeEvent {
 public:
   WakeEvent();
@@ -12,6 +12,8 @@ public:
 
   void set() noexcept;
   void clear() noexcept;
+  /// Blocks until it is set; may return early.
+  void wait() noexcept;
   int descriptor() const { return descriptor_; }
 
 private:

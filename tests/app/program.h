@@ -3,45 +3,45 @@
 #include "tests/harness/child_process.h"
 #include "tests/harness/temp_dir.h"
 
-#include <chrono>
+#include <atomic>
 #include <filesystem>
 #include <functional>
-#include <memory>
-#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
-
-#include <sys/types.h>
 
 namespace test {
 
-// The built program at work. What it says is kept apart: `out()` and `err()`.
-class Program {
-public:
-  struct Setting {
-    std::vector<std::string> wrapper{}; // a command that runs the program, such as env or setpriv
-    std::filesystem::path program{};    // empty: the one of this build
-  };
-
-  explicit Program(const std::vector<std::string>& arguments) : Program(arguments, Setting()) {}
-  Program(const std::vector<std::string>& arguments, const Setting& setting);
-
-  static constexpr int hung = -1;
-  // The exit status as a shell tells it, or `hung` when the time is over: it is killed then.
-  int wait(std::chrono::seconds at_most = std::chrono::seconds(60));
-  bool runs() { return !process_->poll(); }
-  void signal(int number) const;
-
-  std::string out() const { return dir_.read("out"); }
-  std::string err() const { return dir_.read("err"); }
-
-private:
-  TempDir dir_;
-  pid_t pid_ = 0;
-  std::unique_ptr<ChildProcess> process_; // last, so that it ends before its files go
+struct Ran {
+  int status; // 128 and the number of the signal that ended it; 124 when it hung
+  std::string out, err;
 };
 
-// Returns when the condition holds; throws after half a minute.
-void await(const std::function<bool()>& holds);
+// Runs a line of bash in a directory. `ravelin` is the program of this build, and $at where links
+// begin.
+inline Ran run(const std::filesystem::path& directory, const std::string& line,
+               const std::string& at = "") {
+  const TempDir said;
+  ChildProcess shell({"timeout", "-k1", "60", "bash", "-c",
+                      "PATH=" RAVELIN_DIRECTORY ":$PATH; "
+                      R"(export at=$2; cd "$1" && exec >"$0/out" 2>"$0/err" && )" +
+                          line,
+                      said.path(), directory, at});
+  const int status = shell.wait();
+  return {status, said.read("out"), said.read("err")};
+}
+
+// Calls `job` with 0, 1, 2 and so on, several at a time, until one call returns false.
+inline void in_parallel(const std::function<bool(int)>& job) {
+  std::atomic<int> next = 0;
+  std::atomic<bool> over = false;
+  std::vector<std::jthread> threads;
+  while (threads.size() < 6)
+    threads.emplace_back([&] {
+      while (!over && job(next++)) {
+      }
+      over = true;
+    });
+}
 
 } // namespace test

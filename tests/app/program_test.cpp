@@ -1,19 +1,13 @@
-#include "app/sha256.h"
 #include "tests/app/program.h"
 #include "tests/harness/patterns.h"
 #include "tests/harness/scripted_server.h"
 
-#include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <numeric>
 #include <regex>
 #include <set>
-#include <sstream>
 
 // The program as people and scripts meet it.
 
@@ -23,374 +17,250 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 const std::string body = pattern(400'003);
-const Reply quick{.body = body};
-const Reply slow{.body = body, .piece = 2000, .piece_delay = 50ms}; // two seconds in five parts
+const std::map<std::string, Reply> replies = {
+    {"ok", {.body = body}},
+    {"slow", {.body = body, .piece = 2000, .piece_delay = 50ms}},    // two seconds in five parts
+    {"slower", {.body = body, .piece = 2000, .piece_delay = 300ms}}, // twelve
+    {"cut", {.body = body, .cut_after = 5000}},
+    {"empty", {.accept_ranges = false}},
+    {"mute", {.header_delay = 1h}},
+    {"lost", {.close_at_once = true}},
+    {"moved", {.status = 302, .headers = {{"Location", "/elsewhere"}}}},
+    {"gone", {.status = 302, .headers = {{"Location", "http://127.0.0.1:1"}}}}, // refused there
+    {"named", {.headers = {{"Content-Disposition", "filename*=UTF-8''b%201"}}, .body = body}},
+    {"in7s", {.status = 503, .headers = {{"Retry-After", "7"}}}},
+    {"in9days", {.status = 503, .headers = {{"Retry-After", "777777"}}}}};
 
-struct Ran {
+// The query of a link tells what its server does. Of "first,later" the first request gets the one,
+// of "first+later" the first six do.
+Script links() {
+  return [seen = std::map<std::string, int>(), asked = 0L](const Request& request) mutable {
+    const auto& link = request.target;
+    auto query = link.find('?') == link.npos ? "ok" : link.substr(link.find('?') + 1);
+    if (const auto mark = query.find_first_of(",+"); mark != query.npos)
+      query = seen[link]++ < (query[mark] == ',' ? 1 : 6) ? query.substr(0, mark)
+                                                          : query.substr(mark + 1);
+    const auto header = [&](const char* name) { return request.header(name).value_or(""); };
+    if (const auto range = header("Range"); !range.empty() && query == "ok")
+      asked += 1 - std::stol(range.substr(6)) + std::stol(range.substr(range.find('-') + 1));
+    if (query == "asked")
+      return Reply{.body = std::to_string(asked), .accept_ranges = false};
+    if (query == "echo")
+      return Reply{.headers = {{"Content-Disposition", "attachment; filename=same"}},
+                   .body = header("X") + header("Y") + header("User-Agent") + link,
+                   .accept_ranges = false};
+    if (const auto known = replies.find(query); known != replies.end())
+      return known->second;
+    return Reply{.status = std::stoi(query), .body = "error page", .accept_ranges = false};
+  };
+}
+
+// `begin` returns when the first bytes have come, and `stop` with the exit status.
+const std::string commands = R"(
+get() { ravelin get -q "$@"; }
+get_for_1s() { timeout --foreground --preserve-status -s INT 1 ravelin get -q "$@"; }
+begin() { rm -f "$0/log"; env --default-signal=INT ravelin get --events "$@" >"$0/log" &
+  until grep -qs downloading "$0/log"; do sleep 0.01; done; }
+saved() { until grep -qs 'curr_bytes":[1-9]' .f.lgresume; do sleep 0.01; done; }
+stop() { kill -$1 $!; { wait $!; } 2>/dev/null; }
+)";
+const std::string wrong_sum = " --sha256 $(printf %064d 1)";
+
+// The names of the events that are printed, each of which is one line of JSON.
+std::string names_of(const std::string& events) {
+  std::string names;
+  std::istringstream in(events);
+  for (std::string line; std::getline(in, line);) {
+    const auto event = nlohmann::json::parse(line);
+    names += event.at("event").get<std::string>() + (event.value("final", true) ? " " : "... ");
+  }
+  return names;
+}
+
+// The regular files below a directory, each with what it holds where that is not `body`.
+std::string files_in(const TempDir& dir) {
+  std::set<std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(dir.path()))
+    if (const auto name = entry.path().lexically_relative(dir.path()); entry.is_regular_file())
+      files.insert(name.native() +
+                   (dir.read(name) == body ? " " : ":" + dir.read(name).substr(0, 30) + " "));
+  return std::accumulate(files.begin(), files.end(), std::string());
+}
+
+struct Row {
+  std::string line;
   int status;
-  std::string out, err;
+  std::string says;    // a pattern in its output, or the names of its events, and its errors
+  std::string files{}; // what is there afterwards
 };
-// `redirections` are the shell's, and take the place of the usual ones.
-Ran run(const std::vector<std::string>& arguments, const std::string& redirections = "") {
-  Program program(arguments, {.wrapper = {"bash", "-c", "exec \"$@\" " + redirections, "bash"}});
-  const int status = program.wait();
-  return {status, program.out(), program.err()};
-}
-bool says(const std::string& text, std::string_view words) {
-  return text.find(words) != text.npos;
-}
-void await_bytes(const Program& program) {
-  await([&] { return says(program.out(), "\"downloading\""); });
-}
-std::string read(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
-TEST(ProgramStatus, tells_how_it_ended) {
-  const ScriptedServer good(quick), bad(Reply{.status = 404}), late(slow);
-  const TempDir dir;
-  const std::string file = dir / "file.bin";
-  const std::pair<int, std::vector<std::string>> cases[] = {
-      {0, {"--version"}},
-      {0, {"get", "--help"}},
-      {0, {"get", "-q", "-o", file, good.url()}},
-      {0, {"clear", file}},
-      {1, {"status", file}},
-      {1, {"get", "-o", file, bad.url()}},
-      {1, {"get", "-o", file, "ftp://127.0.0.1/file.bin"}},
-      {1, {"get", "-o", dir.path(), good.url()}},
-      {1, {"get", "-o", dir / "none" / "file.bin", good.url()}},
-      {2, {}},
-      {2, {"get"}},
-      {2, {"get", "--no-such-option", good.url()}},
-      {2, {"get", "-c", "perhaps", good.url()}},
-      {2, {"get", "--sha256", "", "-o", file, good.url()}},
-      {2, {"get", "-o", "", good.url()}},
-      {2, {"get", "-i", "/dev/null"}},
-      {1, {"status", dir.path()}},
-      {2, {"get", "-o", file, good.url(), good.url()}}};
-  for (const auto& [status, arguments] : cases) {
-    const auto ran = run(arguments);
-    EXPECT_EQ(ran.status, status) << testing::PrintToString(arguments) << ran.err;
-    EXPECT_TRUE(status == 0 || says(ran.err, "ravelin: ") || says(ran.out, "no such download"));
-  }
-  for (const auto& [signal, status] : {std::pair{SIGINT, 130}, {SIGTERM, 143}, {SIGHUP, 130}}) {
-    Program program({"get", "--events", "-o", dir / std::to_string(signal), late.url()});
-    await_bytes(program);
-    program.signal(signal);
-    EXPECT_EQ(program.wait(), status);
-  }
-}
-
-TEST(ProgramGet, works_where_nobody_can_read_what_it_says) {
-  const ScriptedServer good(quick), bad(Reply{.status = 404});
-  for (const auto* const deaf : {"2>&-", "2>/dev/full", "2> >(true)", "0<&- 1>&- 2>&-"}) {
-    SCOPED_TRACE(deaf);
+void check(const std::vector<Row>& rows) {
+  in_parallel([&](int number) {
+    if (number >= std::ssize(rows))
+      return false;
+    const auto& row = rows[static_cast<std::size_t>(number)];
+    SCOPED_TRACE(row.line);
     const TempDir dir;
-    const auto file = dir / "file.bin";
-    EXPECT_EQ(run({"get", "-o", file, bad.url()}, deaf).status, 1);
-    EXPECT_EQ(run({"get"}, deaf).status, 2);
-    EXPECT_EQ(run({"get", "-o", file, good.url()}, deaf).status, 0);
-    EXPECT_TRUE(dir.read("file.bin") == body);
-    EXPECT_EQ(run({"get", "--help"}, ">/dev/full").status, 1);
-    const auto status = run({"status", file}, ">/dev/full");
-    EXPECT_EQ(status.status, 1);
-    EXPECT_TRUE(says(status.err, "standard output")) << status.err;
-  }
-}
-
-TEST(ProgramGet, says_that_one_piece_starts_anew) {
-  const ScriptedServer late(slow);
-  const TempDir dir;
-  Program program({"get", "--events", "--no-split", "-o", dir / "file.bin", late.url()});
-  await_bytes(program);
-  program.signal(SIGINT);
-  EXPECT_EQ(program.wait(), 130);
-  EXPECT_TRUE(says(run({"status", dir / "file.bin"}).out, "starts anew"));
-}
-
-TEST(ProgramGet, continues_with_the_missing_ranges_after_a_signal) {
-  std::atomic<bool> hurry = false;
-  const ScriptedServer server([&](const Request&) { return hurry ? quick : slow; });
-  const TempDir dir;
-  const std::vector<std::string> command{"get", "--events", "-o", dir / "file.bin", server.url()};
-  Program program(command);
-  await_bytes(program);
-  program.signal(SIGINT);
-  EXPECT_EQ(program.wait(), 130) << program.err();
-  const auto seen = server.requests().size();
-  const auto status = run({"status", dir / "file.bin"});
-  std::smatch bytes;
-  ASSERT_TRUE(std::regex_search(status.out, bytes, std::regex(R"(\((\d+) of 400003 bytes\))")))
-      << status.out;
-  hurry = true;
-  EXPECT_EQ(run(command).status, 0);
-  EXPECT_TRUE(dir.read("file.bin") == body);
-  long asked = 0;
-  for (auto requests = server.requests(); const auto& request : requests)
-    if (const auto range = request.header("Range"); range && request.index >= int(seen)) {
-      const auto dash = range->find('-');
-      asked += std::stol(range->substr(dash + 1)) - std::stol(range->substr(6)) + 1;
-    }
-  EXPECT_EQ(asked, 400'003 - std::stol(bytes[1]));
-  EXPECT_TRUE(says(run({"status", dir / "file.bin"}).out, "complete"));
-}
-
-TEST(ProgramGet, keeps_a_second_process_out_until_the_first_has_ended_or_been_killed) {
-  std::atomic<bool> hurry = false;
-  const ScriptedServer server([&](const Request&) { return hurry ? quick : slow; });
-  const TempDir dir;
-  const std::vector<std::string> command{"get", "--events", "-o", dir / "file.bin", server.url()};
-  Program first(command);
-  await_bytes(first);
-  const auto second = run(command);
-  EXPECT_EQ(second.status, 1);
-  EXPECT_TRUE(says(second.err, "another process")) << second.err;
-  EXPECT_TRUE(first.runs());
-  first.signal(SIGKILL);
-  EXPECT_EQ(first.wait(), 128 + SIGKILL);
-  hurry = true;
-  EXPECT_EQ(run(command).status, 0);
-  EXPECT_TRUE(dir.read("file.bin") == body);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1) << "a lock is left";
-}
-
-TEST(ProgramGet, compares_the_checksum) {
-  const ScriptedServer server(quick);
-  const TempDir dir;
-  const auto right = ravelin::app::sha256_of(dir.write("copy", body));
-  const auto get = [&](const std::string& sum) {
-    return run(
-        {"get", "-q", "-c", "replace", "--sha256", sum, "-o", dir / "file.bin", server.url()});
-  };
-  EXPECT_EQ(get(right).status, 0);
-  EXPECT_TRUE(dir.read("file.bin") == body);
-  const auto wrong = get(std::string(64, 'a'));
-  EXPECT_EQ(wrong.status, 1);
-  EXPECT_TRUE(says(wrong.err, right)) << wrong.err;
-  EXPECT_FALSE(fs::exists(dir / "file.bin"));
-  EXPECT_TRUE(dir.read("file.bin.sha256-mismatch") == body);
-}
-
-TEST(ProgramGet, prints_each_event_as_a_line_of_JSON) {
-  const ScriptedServer server(quick);
-  const TempDir dir;
-  std::istringstream lines(
-      run({"get", "--events", "-o", dir / "file.bin", server.url("/a%0Ab")}).out);
-  std::vector<std::string> names;
-  for (std::string line; std::getline(lines, line);) {
-    const auto event = nlohmann::json::parse(line, nullptr, false);
-    ASSERT_TRUE(event.is_object()) << line;
-    EXPECT_EQ(event.value("url", ""), server.url("/a%0Ab"));
-    EXPECT_EQ(event.value("dest_file", ""), (dir / "file.bin").native());
-    names.push_back(event.value("event", ""));
-  }
-  ASSERT_FALSE(names.empty());
-  EXPECT_EQ(names.front(), "connecting");
-  EXPECT_EQ(names.back(), "success");
-  const std::set<std::string> all(names.begin(), names.end());
-  const std::set<std::string> expected{"connecting", "files_are_created", "started", "downloading",
-                                       "success"};
-  EXPECT_EQ(all, expected);
-}
-
-TEST(ProgramGet, ends_its_events_with_the_fate_of_the_link) {
-  const ScriptedServer server([](const Request& request) {
-    return Reply{.body = body, .close_at_once = request.index == 0};
+    const ScriptedServer server(links());
+    const auto ran = run(dir.path(), commands + row.line, server.url(""));
+    const auto said = (ran.out.starts_with('{') ? names_of(ran.out) : ran.out) + ran.err;
+    EXPECT_EQ(ran.status, row.status);
+    EXPECT_TRUE(std::regex_search(said, std::regex(row.says))) << row.says << "\nsays: " << said;
+    EXPECT_EQ(files_in(dir), row.files);
+    return true;
   });
-  const TempDir dir;
-  const auto last_words = [&](const std::vector<std::string>& arguments) {
-    std::vector<std::string> command{"get", "-q", "--events", server.url()};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    std::istringstream lines(run(command).out);
-    std::string words;
-    for (std::string line; std::getline(lines, line);) {
-      const auto event = nlohmann::json::parse(line, nullptr, false);
-      const auto name = event.value("event", "");
-      if (name == "error")
-        words += event.value("final", false) ? "error " : "retry ";
-      else if (name == "success" || name == "cancelled")
-        words += name + " ";
-    }
-    return words;
-  };
-  EXPECT_EQ(last_words({"-o", dir / "file.bin"}), "retry success ");
-  EXPECT_EQ(last_words({"-o", dir / "other", "--sha256", std::string(64, 'a')}), "error ");
-  EXPECT_EQ(last_words({"-o", dir.path()}), "error ") << "it is a directory";
-  EXPECT_EQ(last_words({"-o", dir / "file.bin", "-c", "stop"}), "error ");
 }
 
-TEST(ProgramGet, ends_the_events_of_links_whose_name_it_was_asking_for) {
-  const ScriptedServer server(Reply{.header_delay = 1h});
-  const TempDir dir;
-  Program asking({"get", "--events", "-j", "1", "-d", dir.path(), server.url("/a/"),
-                  server.url("/b/"), server.url("/c")});
-  server.wait_for_requests(1);
-  asking.signal(SIGINT);
-  EXPECT_EQ(asking.wait(), 130);
-  const auto text = asking.out();
-  EXPECT_EQ(std::ranges::count(text, '\n'), 3) << text;
-  for (const char* link : {"/a/\"", "/b/\"", "/c\""})
-    EXPECT_TRUE(says(text, link) && says(text, "cancelled")) << text;
+std::string fails(const std::string& why) { // for good, and in one sentence
+  return "ravelin: .* -> .*" + why + ".*\n$";
+}
+std::string tries(const std::string& wait, const std::string& which = "1 of 1") {
+  return "ravelin: .*; retrying in " + wait + " s \\(" + which + "\\)\n";
 }
 
-TEST(ProgramGet, treats_a_file_that_is_there_as_it_is_told) {
-  const ScriptedServer server(quick);
-  const struct {
-    const char* policy;
-    int status;
-    bool stays; // what was there
-    int files;
-  } cases[] = {{"resume", 0, true, 1},
-               {"replace", 0, false, 1},
-               {"keep_both", 0, true, 2},
-               {"stop", 1, true, 1}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.policy);
-    const TempDir dir;
-    dir.write("file.bin", "old");
-    const auto ran = run({"get", "-q", "-c", c.policy, "-o", dir / "file.bin", server.url()});
-    EXPECT_EQ(ran.status, c.status) << ran.err;
-    EXPECT_EQ(dir.read("file.bin") == "old", c.stays);
-    int files = 0;
-    for (const auto& entry : fs::directory_iterator(dir.path())) {
-      files += 1;
-      EXPECT_TRUE(read(entry.path()) == "old" || read(entry.path()) == body) << entry.path();
-    }
-    EXPECT_EQ(files, c.files);
-  }
+TEST(Program, refuses_a_command_line_that_it_does_not_understand) {
+  const std::string complaint = "^ravelin: (.|\n)*\nTry 'ravelin --help'.\n$";
+  std::vector<Row> rows;
+  for (const std::string words : {"", "got", "get", "status", "get -i /dev/null"})
+    rows.push_back({"ravelin " + words, 2, complaint});
+  for (const std::string options :
+       {"--nonsense", "-c maybe", "-j 0", "--retry -1", "--retry x", "--timeout 0", "--timeout nan",
+        "--limit-rate 0", "--limit-rate fast", "--sha256 abc", "--sha256 ''", "-H A", "-H ': b'",
+        "-H $'A: b\\nC: d'", "-o f g", "-o ''", "g --sha256 $(printf %064d 1)", "-i /nowhere",
+        "-i ''"})
+    rows.push_back({"ravelin get h " + options, 2, complaint});
+  check(rows);
 }
 
-TEST(ProgramGet, takes_names_of_any_bytes) {
-  const ScriptedServer server([](const Request& request) {
-    return request.target == "/moved"
-               ? Reply{.status = 302, .headers = {{"Location", "/elsewhere"}}}
-               : quick;
-  });
-  const TempDir dir;
-  const std::pair<const char*, const char*> links[] = {
-      {"/a%20b", "a b"},         {"/line%0Aend", "line_end"}, {"/%FF%C3", "\xFF\xC3"},
-      {"/x%2F..%2Fy", "x_.._y"}, {"/moved", "moved"},         {"/q?name=r", "q"},
-      {"/", "download"}};
-  for (const auto& [link, name] : links) {
-    const auto ran = run({"get", "-q", "-d", dir.path(), server.url(link)});
-    EXPECT_EQ(ran.status, 0) << ran.err;
-    EXPECT_TRUE(fs::exists(dir / name) && dir.read(name) == body) << link;
-  }
-  for (const char* name : {"two\nlines", " \xFF\xFE ", "-dash", "$(touch x)"}) {
-    const auto ran = run({"get", "-q", "-o", dir / name, server.url()});
-    EXPECT_EQ(ran.status, 0) << ran.err;
-    EXPECT_TRUE(dir.read(name) == body) << name;
-    const auto again = run({"get", "-c", "stop", "-o", dir / name, server.url()});
-    EXPECT_EQ(again.status, 1);
-    EXPECT_FALSE(says(again.err, name) &&
-                 std::string_view(name).find_first_of("\n\xFF") != std::string_view::npos)
-        << again.err;
-  }
+TEST(Program, does_what_the_command_line_says) {
+  const std::string old = "echo -n old >f; ravelin get $at/f -c ";
+  check(
+      {{"ravelin --version", 0, "^ravelin \\d.*\n$"},
+       {"ravelin get $at/f", 0, "^(f: \\d+% .* of 390.6 KiB\\)\n)+f: done, 390.6 KiB\n$", "f "},
+       {"TERM=xterm script -qec 'ravelin get $at/f?slow' x; rm x", 0, "\x1b\\[1A\r.*=> .*%", "f "},
+       {"get $at/f && ravelin get $at/f", 0, "^f: already complete\n$", "f "},
+       {"ravelin get $at/f?empty", 0, "^f: done, 0 B\n$", "f: "},
+       {"mkdir d; get -d d -o g $at/f; get -d d $at/f", 0, "^$", "d/f d/g "},
+       {old + "resume", 1, "has 3 bytes, but .* has 400003", "f:old "},
+       {old + "replace", 0, "done", "f "},
+       {old + "keep_both", 0, "done", "f (1) f:old "},
+       {old + "stop", 1, "-> f: .*already exists and complete.*\n", "f:old "},
+       {"ravelin status f", 1, "^f: no such download\n$"},
+       {"ravelin status .", 1, "^ravelin: '.' is a directory"},
+       {"get $at/f; ravelin status f; ravelin clear f none; ravelin clear --complete f", 0,
+        "^f: complete(.|\n)*f: deleted\n(.*\n)*.*--complete.*\n.*does not exist\n$"},
+       {"get -H 'X:  a b ' -HY:c -A me $at/f?echo", 0, "^$", "f:a b cme/f?echo "},
+       {"get -A me -x $at http://h/f?echo", 0, "^$", "f:mehttp://h/f?echo "},
+       {"http_proxy=$at get -A me h/f?echo", 0, "^$", "f:mehttp://h/f?echo "},
+       {"get_for_1s --limit-rate 100k $at/f; echo $?; ravelin clear f", 0, "^130\n"},
+       {"get --limit-rate 1M $at/f", 0, "^$", "f "},
+       {"get $at/f; x=$(sha256sum f); get -c replace --sha256 ${x::64} $at/f", 0, "^$", "f "},
+       {"get $at/f" + wrong_sum, 1, "got [0-9a-f]{64};", "f.sha256-mismatch "},
+       {"get $at/f; get $at/f" + wrong_sum, 1, "kept as .*f'\n", "f "},
+       {"get $at/g; cat g >f; rm g; ravelin get $at/f; get $at/f" + wrong_sum, 1,
+        "^f: already complete\n.*kept as .*f'\n$", "f "},
+       {"get --no-safeguards $at/f?404", 0, "^$", "f:error page "},
+       {R"(printf '\xef\xbb\xbf%s\r\n' '# 2' $at/a '' " $at/b" $at/a | get -j 1 -i -)", 0, "^$",
+        "a a (1) b "},
+       {"mkdir d; seq -f $at/%g?echo 400 >list; ulimit -n 128; get -j 2 -d d -i list && ls d | "
+        "wc -l; rm -r d list",
+        0, "^400\n$"},
+       {"ravelin get --help >/dev/full", 1, "standard output"},
+       {"get $at/f; ravelin status f >/dev/full", 1, "standard output", "f "},
+       {"get --events $at/f >/dev/full", 1, "standard output", "f "},
+       {"for to in '2>&-' '2>/dev/full' '2> >(true)' '0<&- >&- 2>&-'; do eval get $to; echo $?; "
+        "eval get $at/g?404 $to; echo $?; eval get -c replace $at/f $to; echo $?; done",
+        0, "^(2\n1\n0\n){4}$", "f "},
+       {"x=${at/http/https}/f; get --cacert /no1 $x; CURL_CA_BUNDLE=/no2 get $x; CURL_CA_BUNDLE= "
+        "SSL_CERT_FILE=/no3 get $x",
+        1, "^.*/no1\n.*/no2\n.*/no3\n$"}});
 }
 
-TEST(ProgramGet, takes_the_name_that_the_server_tells) {
-  std::atomic<bool> hurry = false, busy = true;
-  const ScriptedServer server([&](const Request& request) {
-    if (request.target == "/lost" || (request.target == "/get" && busy.exchange(false)))
-      return Reply{.status = request.target == "/lost" ? 404 : 503};
-    auto reply = hurry ? quick : slow;
-    reply.headers = {{"Content-Disposition", "attachment; filename*=UTF-8''movie%201.mkv"}};
-    return reply;
-  });
-  const TempDir dir;
-  const std::vector<std::string> command{"get", "-J",       "--events",
-                                         "-d",  dir.path(), server.url("/get")};
-  Program first(command);
-  await_bytes(first);
-  first.signal(SIGINT);
-  EXPECT_EQ(first.wait(), 130) << first.err();
-  EXPECT_TRUE(says(run({"status", dir / "movie 1.mkv"}).out, "can be continued"));
-  hurry = true;
-  EXPECT_EQ(run(command).status, 0);
-  EXPECT_TRUE(dir.read("movie 1.mkv") == body);
-  const auto get = [&](std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"get", "-q", "-d", dir.path()});
-    return run(arguments).status;
-  };
-  EXPECT_EQ(get({"-o", "given", "-J", server.url("/get")}), 0);
-  EXPECT_EQ(get({server.url("/link"), server.url("/"), server.url("/")}), 0);
-  EXPECT_EQ(get({"-J", server.url("/lost"), server.url("/get")}), 1) << "and gets the other";
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(dir.path()))
-    names.insert(entry.path().filename());
-  EXPECT_EQ(names, (std::set<std::string>{"movie 1.mkv", "given", "link", "movie 1 (1).mkv"}));
+TEST(Program, names_its_files_safely) {
+  check({{"get $at/a%20b $at/line%0Aend $at/%FF%C3 $at/x%2F..%2Fy $at/m?moved $at/", 0, "^$",
+          "a b download line_end m x_.._y \uFFFD\uFFFD "},
+         {"get $at/f -o $'two\\n\\xFF'; get $at/f -c stop -o $'two\\n\\xFF'", 1,
+          fails("two\\?\uFFFD: .*"), "two\n\xFF "},
+         {"get $at/f -o '$(touch x)' && get -o ./-f $at/f", 0, "^$", "$(touch x) -f "},
+         {"get -J $at/f?503,named && get -J $at/f", 0, "503", "b 1 f "},
+         {"get $at/?named; get -J $at/other?named", 1, "from another link", "b 1 "},
+         {"get -J $at/f?404 $at/f?named; get -J -o g $at/f?named", 0, "404", "b 1 g "},
+         {"for i in 0 1 5; do get -J -A me --retry $i $at/0?500,echo $at/{1,2}?echo; done", 0,
+          "500", "same (1):me/2?echo same (2):me/0?500,echo same:me/1?echo "}});
 }
 
-TEST(ProgramGet, keeps_apart_links_of_one_name_though_one_was_not_known_at_first) {
-  std::atomic<bool> all_answer = false;
-  const ScriptedServer server([&](const Request& request) {
-    if (request.target == "/0" && !all_answer)
-      return Reply{.status = 500};
-    return Reply{.headers = {{"Content-Disposition", "attachment; filename=same.bin"}},
-                 .body = request.target};
-  });
-  const TempDir dir;
-  std::vector<std::string> command{"get", "-q", "-J", "--retry", "0", "-d", dir.path()};
-  for (const char* link : {"/0", "/1", "/2"})
-    command.push_back(server.url(link));
-  EXPECT_EQ(run(command).status, 1);
-  all_answer = true;
-  for (int runs = 0; runs < 2; ++runs) {
-    EXPECT_EQ(run(command).status, 0);
-    EXPECT_EQ(dir.read("same.bin"), "/1");
-    EXPECT_EQ(dir.read("same (1).bin"), "/2");
-    EXPECT_EQ(dir.read("same (2).bin"), "/0");
-  }
+TEST(Program, tries_again_what_may_pass) {
+  const std::string again = "get --retry 1 $at/f?", wait = "0\\.[2-5]";
+  check({{again + "404", 1, "^" + fails("404")},
+         {again + "403", 1, "^" + fails("403")},
+         {again + "408", 1, tries(wait) + fails("408")},
+         {again + "429", 1, tries(wait) + fails("429")},
+         {again + "500", 1, tries(wait) + fails("500")},
+         {again + "lost", 1, tries(wait) + fails("lost")},
+         {again + "mute --timeout 0.2", 1, tries(wait) + fails("timed out")},
+         {again + "lost,ok", 0, tries(wait) + "$", "f "},
+         {"get --retry 0 $at/f?lost", 1, "^" + fails("lost")},
+         {"get --retry 3 $at/f?500", 1,
+          tries(wait, "1 of 3") + tries("(0\\.[5-9]|1.0)", "2 of 3") + tries("[12]\\..", "3 of 3")},
+         {"get_for_1s --retry 1 $at/f?in7s", 130, tries("7.0")},
+         {"get_for_1s --retry 1 $at/f?in9days", 130, tries("300.0")},
+         {"get --retry 2 --patience 0 $at/f?cut+gone; ravelin clear f", 0,
+          tries(wait, "1 of 2") + ".*connect.*2 of 2"},
+         {"get ftp://h/f; get file:///f", 1, "^(.*only http and https.*\n){2}$"},
+         {"get $at/f -o .", 1, fails("is a directory")},
+         {"get $at/f -o none/f", 1, fails("none/f")},
+         {"mkfifo p; get $at/f -o p", 1, fails("a pipe or a device")},
+         {"get http://127.0.0.1:1/f", 1, fails("connect")}});
 }
 
-TEST(ProgramGet, needs_no_descriptor_for_each_link_of_a_list) {
-  const ScriptedServer server(Reply{.body = "body"});
-  const TempDir dir;
-  std::string links;
-  for (int i = 0; i < 400; ++i)
-    links += server.url("/" + std::to_string(i)) + "\n";
-  const auto list = dir.write("list", links);
-  Program all({"get", "-q", "-j", "2", "-d", dir.path(), "-i", list},
-              {.wrapper = {"prlimit", "--nofile=128"}});
-  EXPECT_EQ(all.wait(), 0) << all.err();
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 401);
+TEST(Program, prints_what_happens_as_lines_of_JSON) {
+  const std::string get = "get --events $at/f", old = "echo -n old >f; " + get;
+  const std::string start = "connecting files_are_created started (downloading )+";
+  check({{get, 0, "^" + start + "success $", "f "},
+         {get + "?lost,ok", 0, "^connecting error... " + start + "success ravelin", "f "},
+         {get + wrong_sum, 1, start + "error ravelin", "f.sha256-mismatch "},
+         {get + " -o .", 1, "^error ravelin: "},
+         {old + " -c stop", 1, "^error ravelin: ", "f:old "},
+         {old + " -c keep_both", 0, "^renamed " + start, "f (1) f:old "},
+         {get + " $at/g -j 1", 0, "pending .*success connecting", "f g "},
+         {"get_for_1s --events $at/f?mute", 130, "^connecting cancelling cancelled $"},
+         {"get_for_1s --events -j1 $at/{a,b}/?mute $at/c", 130, "^(cancelled ){3}$"}});
 }
 
-TEST(ProgramGet, downloads_every_link_of_a_list_and_clear_removes_them) {
-  const ScriptedServer server(quick);
-  const TempDir dir;
-  const auto list = dir.write("list", "# two\n" + server.url("/a") + "\r\n\n " + server.url("/b") +
-                                          "\n" + server.url("/a"));
-  EXPECT_EQ(run({"get", "-q", "-j", "1", "-d", dir.path(), "-i", list}).status, 0);
-  for (const char* name : {"a", "b", "a (1)"})
-    EXPECT_TRUE(dir.read(name) == body) << name;
-  EXPECT_EQ(run({"clear", dir / "a", dir / "b", dir / "a (1)"}).status, 0);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 1) << "only the list is left";
+TEST(Program, stops_and_continues) {
+  std::vector<Row> rows = {
+      {"begin --no-split $at/f?slow; stop TERM; ravelin status f; ravelin clear f", 0,
+       "restart.*\nf: deleted\n$"},
+      {"begin $at/f?slower; get $at/f; get -o f.b $at/f; stop KILL; echo $?; get -o f.b $at/f; "
+       "get $at/f && get -o f.b $at/f",
+       0, "^137\n(.*another download.*\n){2}.*unfinished file 'f'.*\n$", "f f.b "},
+      {"begin $at/f?slow; stop INT; x=$(ravelin status f); x=${x#*(}; get $at/f; "
+       "get -o g $at/?asked; echo $((${x%% *} + $(cat g))); rm g",
+       0, "^400003\n$", "f "},
+      {"for i in INT TERM HUP; do begin $at/$i?slow; stop $i; echo $?; ravelin status $i; get "
+       "$at/$i; done",
+       0, "^130\n.*can be resumed\n143\n.*resumed\n130\n.*resumed\n$", "HUP INT TERM "},
+      {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
+  for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
+    rows.push_back({"begin $at/f?slow; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
+  for (const std::string harm :
+       {">", "echo x >", "cp f", "sed -i 's/40000/30000/'", "sed -i 's/_bytes\":[1-9]/&99/g'",
+        "sed -i 's/_bytes\":/&-/g'", "sed -i 's/_expected\":8/_expected\":7/'"})
+    rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm +
+                        " .f.lgresume; get $at/f; echo $?; "
+                        "get -c replace $at/f",
+                    0, "^1\n.*resume data.*--on-conflict replace .*\n$", "f "});
+  check(rows);
 }
 
-TEST(ProgramManual, tells_every_option_and_every_exit_status) {
-  const fs::path source = SOURCE_DIR;
-  auto manual = read(source / "man" / "ravelin.1");
-  std::erase(manual, '\\');
-  const auto help = run({"get", "--help"}).out;
-  const std::regex option(R"(--([a-z0-9-]+))");
-  std::set<std::string> names;
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at)
-    names.insert((*at)[1]);
-  EXPECT_GT(names.size(), 15U);
-  for (const auto& name : names) {
-    EXPECT_TRUE(says(manual, "--" + name)) << name;
-    for (const char* file : {"_ravelin", "ravelin.bash", "ravelin.fish"}) {
-      const auto text = read(source / "completions" / file);
-      EXPECT_TRUE(name == "help" || says(text, "--" + name) || says(text, "-l " + name))
-          << name << " in " << file;
-    }
-  }
-  const auto statuses = manual.substr(manual.find(".SH EXIT STATUS"));
-  for (const char* status : {"0", "1", "2", "130", "143"})
-    EXPECT_TRUE(says(statuses, std::string("\n.B ") + status + "\n")) << status;
+TEST(Program, has_every_option_and_exit_status_in_its_manual_and_completions) {
+  check({{"cd " SOURCE_DIR
+          "; set -- $(ravelin get --help | grep -oE -e '--[a-z0-9-]+' | grep -v help); echo $#; "
+          "for word; do for file in man/ravelin.1 completions/*; do tr -d '\\\\' <$file | "
+          "grep -qE -e \"(--|-l )${word#--}\\b\" || echo $word in $file; done; done; "
+          "for status in 0 1 2 130 143; do sed '1,/EXIT STATUS/d' man/ravelin.1 | "
+          "grep -qxF \".B $status\" || echo $status; done",
+          0, "^[12][0-9]\n$"}});
 }
 
 } // namespace

@@ -1,24 +1,40 @@
 #pragma once
 
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace test {
 
-// A TCP socket on a free loopback port of the system's choice. It does not block, and programs
-// started by a test do not inherit it: they would keep it open without ever serving it.
+// A TCP socket on a free loopback port, which programs started by a test do not inherit.
 class LoopbackSocket {
 public:
-  enum class Use {
-    listen,
-    reserve, // only keeps the port from others, until a program listens there with SO_REUSEPORT
-  };
+  enum class Use { listen, reserve }; // reserve: for a program that listens with SO_REUSEPORT
 
-  explicit LoopbackSocket(Use use);
-  ~LoopbackSocket();
-  LoopbackSocket(const LoopbackSocket&) = delete;
-  LoopbackSocket& operator=(const LoopbackSocket&) = delete;
+  explicit LoopbackSocket(Use use) : number_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* const general = reinterpret_cast<sockaddr*>(&address);
+    const int shared = use == Use::reserve;
+    if (setsockopt(number_, SOL_SOCKET, SO_REUSEPORT, &shared, sizeof shared) != 0 ||
+        bind(number_, general, size) != 0 || getsockname(number_, general, &size) != 0 ||
+        (!shared && ::listen(number_, 512) != 0))
+      throw std::system_error(errno, std::generic_category(), "loopback socket");
+    port_ = ntohs(address.sin_port);
+  }
+  ~LoopbackSocket() { close(number_); }
+  LoopbackSocket& operator=(LoopbackSocket&&) = delete;
 
   unsigned short port() const { return port_; }
-  // The number of the descriptor, which the caller closes from now on.
-  int release();
+  int number() const { return number_; }
+  // The caller closes it from now on.
+  int release() { return std::exchange(number_, -1); }
 
 private:
   int number_;

@@ -1,9 +1,8 @@
 #pragma once
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
+#include <random>
 #include <string>
 
 namespace test {
@@ -12,14 +11,10 @@ namespace test {
 // A shorter pattern is the beginning of a longer one with the same seed.
 inline std::string pattern(std::size_t n, unsigned seed = 1) {
   std::string bytes(n, '\0');
-  // The odd constants keep the state away from zero, where xorshift would stay for ever.
-  std::uint64_t state = (std::uint64_t{seed} + 1) * 0x9e3779b97f4a7c15u;
-  for (std::size_t at = 0; at < n; at += sizeof state) {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
-    const std::uint64_t word = state * 0x2545f4914f6cdd1du;
-    std::memcpy(bytes.data() + at, &word, std::min(sizeof word, n - at));
+  std::mt19937_64 random(seed);
+  for (std::size_t at = 0; at < n; at += 8) {
+    const auto word = random();
+    std::memcpy(bytes.data() + at, &word, std::min<std::size_t>(8, n - at));
   }
   return bytes;
 }

@@ -1,47 +1,43 @@
 #pragma once
 
+#include "tests/harness/loopback_socket.h"
+
+#include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
+#include <condition_variable>
 #include <functional>
-#include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
-#include <string_view>
-#include <utility>
+#include <thread>
 #include <vector>
 
 namespace test {
 
 using Headers = std::vector<std::pair<std::string, std::string>>;
+using Position =
+    std::optional<std::size_t>; // in the body of one answer: in the range if it has one
 
-// One answer and what goes wrong with it. Positions count the bytes of the body that this answer
-// sends (the slice, when a range is served); of several positions the smallest one acts.
+// One answer and what goes wrong with it. Of several positions the smallest one acts.
 struct Reply {
   int status = 200;
-  std::string reason{}; // empty: the usual one
-  Headers headers{};    // sent besides those that the server makes itself
+  Headers headers{}; // besides those that the server makes itself
   std::string body{};
-
   bool accept_ranges = true;                   // announce byte ranges and serve a single one as 206
   bool honour_ranges = true;                   // false: announce, but send everything as 200
   std::optional<std::string> content_range{};  // instead of the true one; empty: leave it out
   std::optional<std::string> content_length{}; // instead of the true one
   bool send_length = true;
   bool chunked = false;
-
   std::chrono::milliseconds header_delay{0};
   std::size_t piece = 65536;                // the body goes out in pieces of this size...
   std::chrono::milliseconds piece_delay{0}; // ...with this pause between them
-
-  std::optional<std::size_t> cut_after{};   // orderly close after so many bytes
-  std::optional<std::size_t> reset_after{}; // RST, once the client's system has so many bytes
-  std::optional<std::size_t> stall_after{}; // silence, until the client leaves or the server ends
+  Position cut_after{};                     // orderly close after so many bytes
+  Position reset_after{};                   // RST, once the client's system has so many bytes
+  Position stall_after{};                   // silence, until the client leaves or the server ends
   std::optional<std::string> raw{};         // exactly these bytes instead of an answer, then close
   bool close_at_once = false;               // no byte at all
-
-  std::string date = "Tue, 10 Nov 2026 08:12:55 GMT"; // empty: no Date
-  bool close_after = true; // false: wait for another request, if the body's end can be told
 };
 
 struct Request {
@@ -49,37 +45,48 @@ struct Request {
   std::string target{};
   Headers headers{};
   int index = 0; // number of arrival, from 0
-
   // The first header of that name in any case of letters.
-  std::optional<std::string> header(std::string_view name) const;
+  std::optional<std::string> header(const char* name) const;
 };
 
-// Called for every request, for one at a time, on a thread of the server; it must not outlast the
-// test. An exception from it ends the program.
+// Called for one request at a time, in their order, on a thread of the server. It must not ask the
+// server anything or outlast the test. An exception from it ends the program.
 using Script = std::function<Reply(const Request&)>;
 
-// An HTTP/1.1 server on a loopback port of the system's choice. The destructor drops every
-// connection at once, whatever state it is in.
+// An HTTP/1.1 server on a free loopback port, with a thread and one request for each connection.
+// The destructor drops every connection at once, whatever state it is in.
 class ScriptedServer {
 public:
-  explicit ScriptedServer(Script script);
-  explicit ScriptedServer(Reply reply); // the same for every request
+  explicit ScriptedServer(Script script)
+      : script_(std::move(script)), acceptor_([this] { accept(); }) {}
+  explicit ScriptedServer(Reply reply) // the same for every request
+      : ScriptedServer(Script([reply = std::move(reply)](const Request&) { return reply; })) {}
   ~ScriptedServer();
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
 
-  std::string url(std::string_view path = "/file.bin") const;
-  unsigned short port() const;
-
+  std::string url(const std::string& path = "/file.bin") const {
+    return "http://127.0.0.1:" + std::to_string(port()) + path;
+  }
+  unsigned short port() const { return listener_.port(); }
   std::vector<Request> requests() const;
   // Returns when n requests have arrived in all; throws when they do not within ten seconds.
   void wait_for_requests(std::size_t n) const;
   // Body bytes handed to the system: never less than what the clients have received.
-  std::int64_t bytes_sent() const;
+  std::int64_t bytes_sent() const { return sent_; }
 
 private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  void accept();
+  void serve(int connection);
+  Reply ask_script(Request request);
+  void answer(int connection, const Reply& reply, const Request& request);
+
+  const LoopbackSocket listener_{LoopbackSocket::Use::listen};
+  const Script script_;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_; // a request has come, or a connection is gone
+  std::vector<Request> requests_;
+  std::set<int> connections_;
+  std::atomic<std::int64_t> sent_ = 0;
+  std::thread acceptor_; // last: it uses the others
 };
 
 } // namespace test

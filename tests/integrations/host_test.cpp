@@ -1,70 +1,105 @@
-#include "tests/integrations/download.h"
+#include "ravelin/main_queue.h"
+#include "ravelin/ravelin_operation.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
+#include "tests/harness/temp_dir.h"
+
+#include <gtest/gtest.h>
+#include <thread>
+
+// An application's event loop with its adapter: what lets it wait for something and see to it.
+std::function<void()> make_loop();
 
 namespace test {
+using namespace ravelin;
+using namespace std::chrono_literals;
 
-void stop_at_end(const Status& status) {
-  if (Download::is_final(status))
-    MainQueue::stop();
+// One download, started by and told to the thread that makes it.
+struct Download {
+  Download() {
+    operation->resume(URL(server.url()), URL::file(dir / "a"), true, OnConflict::resume,
+                      [this, own = std::this_thread::get_id()](const Status& status) {
+                        if (status.holds<Status::files_are_created>())
+                          return;
+                        EXPECT_EQ(std::this_thread::get_id(), own);
+                        last = status;
+                      });
+  }
+  bool succeeded() const { return last.holds<Status::success>() && dir.read("a") == body; }
+
+  const std::string body = pattern(300'000);
+  const ScriptedServer server{Reply{.body = body, .piece = 6'000, .piece_delay = 5ms}};
+  const TempDir dir;
+  std::shared_ptr<RavelinOperation> operation = std::make_shared<RavelinOperation>();
+  Status last{Status::pending{}};
+};
+
+TEST(EventLoop, brings_a_download_to_its_end_or_stops_it_or_is_left_itself) {
+  enum How { to_its_end, stopped, left };
+  const auto run = [](How how) {
+    const auto step = make_loop();
+    const Download download;
+    while (!download.last.holds<Status::downloading>())
+      step();
+    if (how == stopped)
+      download.operation->cancel();
+    while (how != left && download.operation->is_busy())
+      step();
+    return how == stopped ? download.last.holds<Status::cancelled>() : download.succeeded();
+  };
+  EXPECT_TRUE(run(to_its_end));
+  EXPECT_TRUE(run(stopped));
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT((run(left), std::exit(0)), testing::ExitedWithCode(0), "^$");
 }
 
-TEST(Host, may_have_its_main_thread_elsewhere) {
+TEST(EventLoop, runs_the_rest_of_the_queue_inside_a_callback) {
+  const auto step = make_loop();
+  bool inner = false, outer = false;
+  MainQueue::async([&] { // as a dialogue does
+    while (!inner)
+      step();
+    outer = true;
+  });
+  MainQueue::async([&] { inner = true; });
+  while (!outer)
+    step();
+}
+
+TEST(Host, may_have_its_main_thread_elsewhere_and_drop_its_operation) {
   std::thread([] {
     MainQueue::adopt_current_thread();
-    const Download download(std::nullopt, stop_at_end);
-    MainQueue::run();
+    Download download;
+    const std::weak_ptr operation = std::exchange(download.operation, nullptr);
+    while (!operation.expired()) // the library holds it until its end
+      MainQueue::drain();
     EXPECT_TRUE(download.succeeded());
   }).join();
   MainQueue::adopt_current_thread(); // for the tests after this one
 }
 
 TEST(Host, may_call_from_several_threads) {
-  constexpr int threads = 4;
-  const auto body = pattern(500'000);
-  const ScriptedServer server({.body = body});
+  const ScriptedServer server(Reply{.body = "body", .header_delay = 50ms});
   const TempDir dir;
   int ended = 0; // the main thread's
-  int succeeded = 0;
-  const auto count = [&](const Status& status) {
-    if (status.holds<Status::files_are_created>())
-      return;
-    succeeded += status.holds<Status::success>();
-    ended += Download::is_final(status);
-    if (ended == 2 * threads)
-      MainQueue::stop();
-  };
-  std::vector<std::thread> callers;
-  for (int i = 0; i < threads; ++i)
-    callers.emplace_back([&, name = std::to_string(i)] {
+  std::vector<std::jthread> callers;
+  for (const std::string name : {"kept", "gone", "kept too", "gone too"})
+    callers.emplace_back([&, name] {
       RavelinOperation::set_max_simultaneous_download_count(2);
-      const auto start = [&](const std::string& file) {
-        auto operation = std::make_shared<RavelinOperation>();
-        operation->resume(URL(server.url()), URL::file(dir / file), true, OnConflict::resume,
-                          count);
-        return operation;
-      };
-      start("cancelled" + name)->cancel_and_clear_files();
-      const auto kept = start(name);
-      EXPECT_TRUE(kept->is_busy() || kept->state().holds<State::successful>());
+      const auto operation = std::make_shared<RavelinOperation>();
+      operation->resume(URL(server.url()), URL::file(dir / name), true, OnConflict::resume,
+                        [&](const Status& status) {
+                          ended += status.holds<Status::success>();
+                          ended += status.holds<Status::cancelled>();
+                          if (ended == 4)
+                            MainQueue::stop();
+                        });
+      if (name.starts_with("gone"))
+        operation->cancel_and_clear_files();
     });
   MainQueue::run();
-  for (auto& caller : callers)
-    caller.join();
-  EXPECT_EQ(succeeded, threads);
-  for (int i = 0; i < threads; ++i)
-    EXPECT_TRUE(dir.read(std::to_string(i)) == body);
-}
-
-// A window that is closed while its download goes on.
-TEST(Host, may_drop_its_operation_while_it_runs) {
-  Download download(std::nullopt, [&](const Status& status) {
-    download.operation.reset();
-    stop_at_end(status);
-  });
-  const std::weak_ptr operation = download.operation;
-  MainQueue::run();
-  EXPECT_TRUE(download.succeeded());
-  while (!operation.expired()) // the library lets go of it a moment after the final event
-    std::this_thread::yield();
+  EXPECT_EQ(dir.read("kept") + dir.read("kept too"), "bodybody");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2);
 }
 
 } // namespace test

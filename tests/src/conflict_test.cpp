@@ -1,253 +1,253 @@
-#include "platform/threads/thread_pool.h"
 #include "tests/src/transfer_fixture.h"
 
-#include <atomic>
-
-// Several downloads, and destinations that exist already.
+// Several downloads, destinations that exist already, and cancelling.
 
 namespace test {
 namespace {
 
-const std::string begun = "connecting files_are_created started downloading";
-const std::string anew = begun + " success";
-const std::string cancelled = begun + " cancelling cancelled";
-const std::string continued = "connecting started downloading success";
-const std::string busy_text = "An operation is already in-progress for the destination file.";
+using enum OnConflict;
 
-class RavelinOperationConflictTest : public TransferTest {
+class ConflictTest : public TransferTest {
 protected:
-  // Each part stalls after 10 of its 100 bytes until `released` is set.
-  void serve_stalling() {
-    released = false;
-    serve([this](const Request&) {
-      Reply reply{.body = body};
-      if (!released)
-        reply.stall_after = 10;
-      return reply;
-    });
-  }
   Download& start_stalled(const std::string& name) { return start_until(50, {.name = name}); }
   Download& start_pending(const std::string& name) {
     auto& run = start({.name = name});
-    pump_until([&] { return run.story() == "pending" || run.ended(); });
+    pump_until([&] { return run.story == "p" || run.ended; });
     return run;
   }
-
-  const std::string body = pattern(500);
-  std::atomic<bool> released = false;
+  static std::string cancel(Download& run) {
+    run.opr->cancel();
+    return finish(run).story;
+  }
+  void limit(int count) { RavelinOperation::set_max_simultaneous_download_count(count); }
 };
 
-TEST_F(RavelinOperationConflictTest, does_what_the_policy_says) {
-  using enum OnConflict;
-  const std::string all = "all 0-99 100-199 200-299 300-399 400-499";
-  const struct {
-    char there; // n: nothing, c: complete, i: incomplete
-    OnConflict policy;
-    std::string story;
-    std::string asked;
-    std::string text; // of the error
-  } cases[] = {
-      {'n', resume, anew, all, ""},
-      {'n', replace, anew, all, ""},
-      {'n', keep_both, anew, all, ""},
-      {'n', stop, anew, all, ""},
-      {'c', resume, "success", "", ""},
-      {'c', replace, anew, all, ""},
-      {'c', keep_both, "renamed " + anew, all, ""},
-      {'c', stop, "error", "", "Destination file already exists and complete."},
-      {'i', resume, continued, "all 50-99 100-199 200-299 300-399 400-499", ""},
-      {'i', replace, anew, all, ""},
-      {'i', keep_both, "renamed " + anew, all, ""},
-      {'i', stop, "error", "", "Destination file already exists and incomplete."},
-  };
-  int number = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.there + (" " + c.story) + c.text);
-    serve(Reply{.body = body});
-    const auto name = std::to_string(number++);
-    if (c.there == 'i')
-      put_partial(body, {50}, name);
-    else if (c.there == 'c')
-      dir.write(name, "old");
-    const auto old = c.there == 'n' ? "" : dir.read(name);
-    auto& run = start({.name = name, .on_conflict = c.policy});
-    const bool renames = c.story.starts_with("renamed");
-    EXPECT_EQ(run.story(), renames ? "renamed" : "") << "before the main queue runs again";
-    EXPECT_EQ(run.dest, file(renames ? name + " (1)" : name));
-    EXPECT_EQ(finish(run).story(), c.story);
-    EXPECT_EQ(asked(), c.asked);
-    EXPECT_EQ(run.error_text(), c.text);
-    EXPECT_EQ(run.content(), c.asked.empty() ? old : body);
-    EXPECT_EQ(dir.read(name), c.asked.empty() || renames ? old : body);
-    EXPECT_EQ(fs::exists(dir / record_of(name)), c.there == 'i' && c.policy >= keep_both);
-  }
-}
-
-TEST_F(RavelinOperationConflictTest, does_what_the_policy_says_to_one_that_is_under_way) {
-  const struct {
-    OnConflict policy;
-    std::string before;
-    std::string story;
-  } cases[] = {{OnConflict::resume, cancelled, "pending " + continued},
-               {OnConflict::replace, cancelled, "pending " + anew},
-               {OnConflict::keep_both, begun, "renamed " + anew},
-               {OnConflict::stop, begun, "error"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.story);
+TEST_F(ConflictTest, does_what_the_policy_says) {
+  const std::string all = "0-99 100-199 200-299 300-399 400-499 all";
+  const std::string exists = "Destination file already exists and ";
+  const std::tuple<char, OnConflict, std::string, std::string, std::string> cases[] = {
+      {'n', resume, "cfsd+", all, ""}, // nothing, complete or incomplete
+      {'n', stop, "cfsd+", all, ""},
+      {'c', resume, "+", "", ""},
+      {'c', replace, "cfsd+", all, ""},
+      {'c', keep_both, "rcfsd+", all, ""},
+      {'c', stop, "!", "", exists + "complete."},
+      {'i', resume, "csd+", "10-99 110-199 210-299 310-399 410-499 all", ""},
+      {'i', replace, "cfsd+", all, ""},
+      {'i', keep_both, "rcfsd+", all, ""},
+      {'i', stop, "!", "", exists + "incomplete."}};
+  const auto opr = std::make_shared<RavelinOperation>(); // nothing of a run is left to the next
+  for (const auto& [there, policy, story, ranges, text] : cases) {
+    const auto name = there + std::to_string(static_cast<int>(policy));
+    SCOPED_TRACE(name);
     serve_stalling();
-    auto& first = start_stalled(c.story);
+    if (there == 'i')
+      cancel(start_stalled(name));
+    else if (there == 'c')
+      dir.write(name, "old");
+    serve(Reply{.body = body});
+    const auto old = there == 'n' ? "" : dir.read(name);
+    auto& run = start({.name = name, .on_conflict = policy, .opr = opr});
+    const bool renames = story.starts_with('r');
+    EXPECT_EQ(run.story, renames ? "r" : "") << "before the main queue runs again";
+    EXPECT_EQ(run.dest, file(renames ? name + " (1)" : name));
+    EXPECT_EQ(finish(run).story, story);
+    EXPECT_EQ(asked(), ranges);
+    EXPECT_EQ(run.error_text, text);
+    EXPECT_EQ(dir.read(run.dest.path()), ranges.empty() ? old : body);
+    EXPECT_EQ(dir.read(name), ranges.empty() || renames ? old : body);
+    EXPECT_EQ(fs::exists(record_of(file(name))), there == 'i' && policy >= keep_both);
+  }
+  fs::create_directory(dir / "file.bin");
+  EXPECT_EQ(download({.on_conflict = replace}).error_text, "Couldn't delete files during replace.");
+  EXPECT_TRUE(download({}).error_text.ends_with("file.bin': Is a directory"));
+}
+
+TEST_F(ConflictTest, does_what_the_policy_says_to_one_that_is_under_way) {
+  const std::string busy = "An operation is already in-progress for the destination file.";
+  const std::tuple<OnConflict, std::string, std::string, std::string> cases[] = {
+      {resume, "cfsdxX", "pcsd+", ""},
+      {replace, "cfsdxX", "pcfsd+", ""},
+      {keep_both, "cfsd", "rcfsd+", ""},
+      {stop, "cfsd", "!", busy}};
+  for (const auto& [policy, before, story, text] : cases) {
+    serve_stalling();
+    auto& first = start_stalled(story);
     released = true;
-    auto& second = download({.name = c.story, .on_conflict = c.policy});
-    EXPECT_EQ(second.story(), c.story) << second.error_text();
-    EXPECT_EQ(first.story(), c.before);
-    const auto end = first.last<Status::cancelled>();
-    EXPECT_EQ(end && end->also_cleared_files, c.policy == OnConflict::replace);
-    EXPECT_EQ(asked().ends_with("400-499 410-499"), c.policy == OnConflict::resume);
-    EXPECT_EQ(second.error_text() == busy_text, c.policy == OnConflict::stop);
-    EXPECT_EQ(second.content() == body, c.policy != OnConflict::stop);
-    if (!first.ended())
-      first.opr->cancel();
-    finish(first);
+    auto& second = download({.name = story, .on_conflict = policy});
+    EXPECT_EQ(second.story + second.error_text, story + text);
+    EXPECT_EQ(first.story, before) << story;
+    const auto* const end = first.last<Status::cancelled>();
+    EXPECT_EQ(end && end->also_cleared_files, policy == replace);
+    EXPECT_EQ(dir.read(second.dest.path()) == body, policy != stop) << story;
+    EXPECT_TRUE(policy != stop ||
+                download({.name = story, .on_conflict = stop}).error_text == busy);
+    if (!end)
+      cancel(first);
   }
 }
 
-TEST_F(RavelinOperationConflictTest, never_takes_a_name_that_another_one_has_claimed) {
+TEST_F(ConflictTest, never_takes_a_name_that_another_one_has_claimed) {
   serve_stalling();
-  dir.write("file.bin", "old");
-  auto& first = start_stalled("file (1).bin");
-  released = true;
-  fs::remove(first.dest.path());
-  EXPECT_EQ(download({.on_conflict = OnConflict::keep_both}).dest, file("file (2).bin"));
-  RavelinOperation::cancel_all(true);
-  finish(first);
+  dir.write("file", "old");
+  auto& first = start_stalled("file (1)");
+  fs::remove(dir / "file (1)");
+  Download* third = nullptr;
+  const auto take_it = [&](char event) {
+    if (event == 'r' && !third)
+      third = &start({.name = "file (2)"});
+  };
+  auto& second = start({.name = "file", .on_conflict = keep_both, .then = take_it});
+  EXPECT_EQ(second.dest, file("file (2) (1)"));
+  for (auto* const run : {&first, &second, third})
+    cancel(*run);
 }
 
-TEST_F(RavelinOperationConflictTest, refuses_what_cannot_be_deleted_completed_or_renamed) {
-  fs::create_directories(file().path());
-  EXPECT_EQ(download({.on_conflict = OnConflict::replace}).error_text(),
-            "Couldn't delete files during replace.");
-  EXPECT_TRUE(download({}).error_text().ends_with("file.bin': Is a directory"));
-  for (int i = 1; i <= 10'000; ++i)
-    fs::create_symlink("file.bin", dir / ("file (" + std::to_string(i) + ").bin"));
-  EXPECT_EQ(download({.on_conflict = OnConflict::keep_both}).error_text(),
-            "Destination file already exists and complete.");
-}
-
-TEST_F(RavelinOperationConflictTest, runs_no_more_at_once_than_allowed_and_wakes_in_order) {
+TEST_F(ConflictTest, runs_no_more_at_once_than_allowed_and_wakes_in_order) {
   serve_stalling();
-  RavelinOperation::set_max_simultaneous_download_count(2);
-  auto& a = start_stalled("a");
-  auto& b = start_stalled("b");
-  const auto threads = ravelin::platform::background_thread_count();
-  auto& c = start_pending("c");
-  auto& d = start_pending("d");
-  auto& e = start_pending("e");
-  std::vector<Download*> more;
-  for (int i = 0; i < 30; ++i)
-    more.push_back(&start_pending("more" + std::to_string(i)));
-  EXPECT_LE(ravelin::platform::background_thread_count(), threads) << "those that wait need none";
-  more.push_back(&d);
-  for (auto* const waiting : more) {
-    waiting->opr->cancel(); // ends without a request, and wakes nobody
-    EXPECT_EQ(finish(*waiting).story(), "pending cancelling cancelled");
+  for (const auto& [set, stored] : {std::pair{-3, 1}, {0, 1}, {2, 2}}) {
+    limit(set);
+    EXPECT_EQ(RavelinOperation::max_simultaneous_download_count(), stored);
   }
-  a.opr->cancel();
-  finish(a);
+  auto &a = start_stalled("a"), &b = start_stalled("b");
+  auto &c = start_pending("c"), &d = start_pending("d"), &e = start_pending("e");
+  EXPECT_EQ(cancel(d), "pxX") << "without a request, and wakes nobody";
+  cancel(a);
   pump_until([&] { return c.received() == 50; });
-  EXPECT_EQ(e.story(), "pending");
-  RavelinOperation::set_max_simultaneous_download_count(1); // stops neither b nor c
-  b.opr->cancel();
-  finish(b);
-  EXPECT_EQ(c.story(), "pending " + begun);
+  EXPECT_EQ(e.story, "p");
+  limit(1); // stops neither b nor c
+  cancel(b);
+  EXPECT_EQ(c.story, "pcfsd");
   released = true;
-  c.opr->cancel();
-  finish(c);
-  EXPECT_EQ(e.story(), "pending") << "woken, but the main queue has not run since";
-  EXPECT_EQ(finish(e).story(), "pending " + anew);
-  for (const auto& request : server->requests())
-    EXPECT_NE(request.target, "/d");
+  cancel(c);
+  EXPECT_EQ(e.story, "p") << "woken, but the main queue has not run since";
+  EXPECT_EQ(finish(e).story, "pcfsd+");
+  EXPECT_EQ(server->requests().size(), 4U * 6) << "none of d";
 }
 
-TEST_F(RavelinOperationConflictTest, ends_or_starts_one_that_is_woken_before_it_waits) {
+TEST_F(ConflictTest, ends_or_starts_one_that_is_woken_before_it_waits) {
   serve_stalling();
-  RavelinOperation::set_max_simultaneous_download_count(1);
+  limit(1);
   auto& running = start_stalled("running");
   auto& in_pending = start({.name = "a"});
-  in_pending.then = [&](const std::string& event) {
-    if (event == "pending")
+  in_pending.then = [&](char event) {
+    if (event == 'p')
       in_pending.opr->cancel();
   };
-  auto& at_once = start({.name = "b"});
-  at_once.opr->cancel();
-  EXPECT_EQ(finish(in_pending).story(), "pending cancelling cancelled");
-  EXPECT_EQ(finish(at_once).story(), "cancelling cancelled");
+  EXPECT_EQ(finish(in_pending).story, "pxX");
+  EXPECT_EQ(cancel(start({.name = "b"})), "xX");
   auto& leaving = start_pending("c");
   leaving.opr->cancel(); // its end is queued, and until then it counts
-  RavelinOperation::set_max_simultaneous_download_count(2);
+  limit(2);
   released = true;
-  auto& next = start({.name = "d"});
-  EXPECT_EQ(finish(next).story(), anew) << "its turn came before it could tell that it waits";
-  EXPECT_EQ(finish(leaving).story(), "pending cancelling cancelled");
-  running.opr->cancel();
-  finish(running);
+  EXPECT_EQ(download({.name = "d"}).story, "cfsd+") << "its turn came before it could wait";
+  EXPECT_EQ(finish(leaving).story, "pxX");
+  cancel(running);
 }
 
-// Three for one file, each of which ends the one before it.
-TEST_F(RavelinOperationConflictTest, hands_a_destination_on_from_one_to_the_next) {
-  for (const bool limit_reached : {false, true}) {
-    SCOPED_TRACE(limit_reached);
+// Three for one file, each of which ends the one before it; the last one may wait for a slot then.
+TEST_F(ConflictTest, hands_a_destination_on_from_one_to_the_next) {
+  for (const int later_limit : {2, 1}) {
     serve_stalling();
-    RavelinOperation::set_max_simultaneous_download_count(2);
-    const std::string name = limit_reached ? "x" : "y";
-    auto& other = start_stalled("other " + name);
-    auto& a = start_stalled(name);
-    auto& b = start_pending(name);
-    auto& c = start({.name = name});
-    EXPECT_EQ(b.story(), "pending cancelling") << "waits for the first one to end";
-    RavelinOperation::set_max_simultaneous_download_count(limit_reached ? 1 : 2);
+    limit(2);
+    auto &other = start_stalled("other"), &a = start_stalled("file");
+    auto &for_a_slot = start_pending("next"), &b = start({.name = "file"});
+    auto& c = start({.name = "file", .then = [&](char e) { EXPECT_TRUE(e != 'c' || a.ended); }});
+    EXPECT_EQ(cancel(for_a_slot), "pxX") << "which is no turn for those that wait for the file";
+    EXPECT_EQ(finish(a).story, "cfsdxX");
+    limit(later_limit);
     released = true;
-    EXPECT_EQ(finish(a).story(), cancelled);
-    EXPECT_EQ(finish(b).story(), "pending cancelling cancelled");
-    if (limit_reached) {
-      EXPECT_EQ(c.story(), "pending") << "now for the slot";
-      other.opr->cancel();
-    }
-    EXPECT_EQ(finish(c).story(), "pending " + continued);
-    EXPECT_EQ(c.content(), body);
-    if (!limit_reached)
-      other.opr->cancel();
+    EXPECT_EQ(finish(b).story, "xX");
+    EXPECT_EQ(c.story, "p");
+    pump_until([&] { return c.ended || later_limit == 1; });
+    other.opr->cancel_and_clear_files();
     finish(other);
+    EXPECT_EQ(finish(c).story, "pcsd+");
+    EXPECT_EQ(dir.read("file"), body);
+    RavelinOperation::clear_files(c.dest);
   }
 }
 
-TEST_F(RavelinOperationConflictTest, takes_over_from_one_that_waits_for_a_slot) {
+TEST_F(ConflictTest, takes_over_from_one_that_waits_or_that_a_callback_started_just_now) {
   serve_stalling();
-  RavelinOperation::set_max_simultaneous_download_count(1);
-  auto& other = start_stalled("other");
-  auto& a = start_pending("file.bin");
-  auto& b = start_pending("file.bin");
-  EXPECT_EQ(finish(a).story(), "pending cancelling cancelled");
-  EXPECT_EQ(b.story(), "pending");
-  released = true;
-  other.opr->cancel();
-  EXPECT_EQ(finish(b).story(), "pending " + anew);
-  finish(other);
-}
-
-TEST_F(RavelinOperationConflictTest, takes_over_from_one_that_a_callback_started_just_now) {
-  serve_stalling();
-  auto& a = start_stalled("file.bin");
+  limit(1);
+  auto &a = start_stalled("a"), &waiting = start_pending("b"), &next = start_pending("b");
+  EXPECT_EQ(finish(waiting).story, "pxX");
+  EXPECT_EQ(cancel(next), "pxX");
   Download* b = nullptr;
-  a.then = [&](const std::string& event) {
-    if (event == "cancelling")
-      b = &start({});
+  a.then = [&](char event) {
+    if (event == 'x')
+      b = &start({.name = "a"});
   };
-  auto& c = start({});
+  auto& c = start({.name = "a"});
   released = true;
   finish(a);
-  EXPECT_EQ(finish(*b).story(), "cancelling cancelled");
-  EXPECT_TRUE(finish(c).story().ends_with(continued));
-  EXPECT_EQ(c.content(), body);
+  EXPECT_EQ(finish(*b).story, "xX");
+  EXPECT_EQ(finish(c).story, "pcsd+");
+  EXPECT_EQ(dir.read("a"), body);
+}
+
+TEST_F(ConflictTest, cancels_in_whatever_phase_it_is) {
+  const auto opr = std::make_shared<RavelinOperation>(); // nothing of a run is left to the next
+  const std::pair<std::string, std::size_t> cases[] = {
+      {"c", 0}, {"cf", 1}, {"cfs", 6}, {"cfsd", 6}};
+  for (const auto& [story, max_requests] : cases) {
+    serve_stalling();
+    auto& run = start({.name = story, .opr = opr});
+    run.then = [&, moment = story.back()](char event) {
+      if (event == 'c' && moment == 'c')
+        opr->cancel_and_clear_files();
+      else if (event == moment || event == 'x')
+        opr->cancel();
+    };
+    EXPECT_EQ(finish(run).story, story + "xX");
+    EXPECT_EQ(run.last<Status::cancelled>()->also_cleared_files, story == "c");
+    EXPECT_EQ(run.last<Status::cancelled>()->progress.received_bytes, run.received());
+    EXPECT_LE(server->requests().size(), max_requests);
+  }
+}
+
+TEST_F(ConflictTest, cancels_before_it_begins_while_the_server_is_silent_and_after_the_end) {
+  serve(Reply{.header_delay = never});
+  const auto opr = std::make_shared<RavelinOperation>();
+  opr->cancel();
+  EXPECT_TRUE(opr->is_cancelled() && opr->state().holds<State::none>());
+  EXPECT_EQ(download({.opr = opr}).story, "X");
+  EXPECT_EQ(cancel(start({.opr = opr})), "xX");
+  EXPECT_TRUE(server->requests().empty());
+  auto& silent = start({.opr = opr});
+  pump_until([&] { return server->requests().size() == 1; });
+  in_background([&] { opr->cancel(); });
+  EXPECT_EQ(finish(silent).story, "cxX");
+  dir.write("complete", "old");
+  auto& complete = start({.name = "complete", .opr = opr}); // has succeeded, and not said so yet
+  opr->cancel_and_clear_files();
+  EXPECT_EQ(finish(complete).story, "xX");
+  EXPECT_EQ(*complete.last<Status::cancelled>(), (Status::cancelled{true, {0.0F, 0, false}}));
+  EXPECT_TRUE(fs::is_empty(dir.path()));
+}
+
+TEST_F(ConflictTest, cancels_all_that_run_or_wait) {
+  limit(1);
+  for (const bool clear : {true, false}) {
+    serve_stalling();
+    auto &running = start_stalled("a"), &for_a_slot = start_pending("b"),
+         &for_the_file = start_pending("a");
+    RavelinOperation::cancel_all(clear);
+    for (auto* const run : {&running, &for_a_slot, &for_the_file}) {
+      EXPECT_TRUE(finish(*run).story.ends_with("xX")) << run->story;
+      EXPECT_EQ(run->opr->state().get_if<State::cancelled>()->also_cleared_files,
+                clear && run != &running);
+    }
+    EXPECT_EQ(marks_of(file("a")), clear ? 0 : 2);
+    EXPECT_EQ(fs::exists(dir / "a"), !clear);
+  }
+  RavelinOperation::clear_files(file("a"));
+  EXPECT_TRUE(fs::is_empty(dir.path()));
+  dir.write(".a.lgresume", "of a file that cannot be deleted");
+  fs::create_directory(dir / "a");
+  RavelinOperation::clear_files(file("a"));
+  EXPECT_TRUE(fs::exists(dir / ".a.lgresume"));
 }
 
 } // namespace

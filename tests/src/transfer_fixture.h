@@ -1,133 +1,192 @@
 #pragma once
 
-#include "platform/files/file_calls.h"
-#include "ravelin/defaults.h"
+#include "bramblekit/main_thread.h"
+#include "platform/files/file_marks.h"
 #include "ravelin/main_queue.h"
+#include "ravelin/options.h"
 #include "ravelin/ravelin_operation.h"
-#include "ravelin/text_error.h"
+#include "src/FileProcessor.h"
+#include "tests/harness/faulty_files.h"
 #include "tests/harness/patterns.h"
 #include "tests/harness/scripted_server.h"
 #include "tests/harness/temp_dir.h"
 
 #include <gtest/gtest.h>
-
-#include <chrono>
-#include <deque>
-#include <filesystem>
-#include <functional>
-#include <mutex>
+#include <poll.h>
 
 namespace test {
 
-namespace fs = std::filesystem;
 using namespace ravelin;
 using namespace std::chrono_literals;
 
 constexpr auto never = 24h; // for a server to answer
 
 // Runs the main queue until the condition holds; throws when that takes too long.
-void pump_until(const std::function<bool()>& holds);
+template <class Condition> void pump_until(const Condition& holds) {
+  const auto limit = std::chrono::steady_clock::now() + 40s;
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > limit)
+      throw std::runtime_error("waited in vain");
+    pollfd readable{MainQueue::descriptor(), POLLIN, 0};
+    poll(&readable, 1, 5); // not everything that is waited for comes through the queue
+    MainQueue::drain();
+  }
+}
+
 // Runs the work on a thread of its own, and the main queue meanwhile.
-void in_background(const std::function<void()>& work);
+template <class Work> void in_background(const Work& work) {
+  std::atomic<bool> done = false;
+  const std::jthread thread([&] { work(), done = true; });
+  pump_until([&] { return done.load(); });
+}
+
 // 2 for an incomplete file: its attribute and its line in the list of hidden names.
-int marks_of(const URL& file);
+inline int marks_of(const URL& file) {
+  std::ifstream list(file.path().parent_path() / ".hidden");
+  int marks = ravelin::platform::extended_attribute(file, "lg_ignore") == "true";
+  for (std::string line; std::getline(list, line);)
+    marks += line == file.path().filename();
+  return marks;
+}
 
-// The system's file calls. Each first asks the hook, on any thread, with its own name and the path
-// that it works on; the answer true makes it fail with EIO.
-class HookedCalls : public platform::FileCalls {
-public:
-  using Hook = std::function<bool(std::string_view call, const std::string& path)>;
-  explicit HookedCalls(Hook hook) : hook_(std::move(hook)) { platform::set_file_calls(this); }
-  ~HookedCalls() override { platform::set_file_calls(nullptr); }
-
-  int open(const char* p, int flags, mode_t mode) override {
-    return fails("open", p) ? -1 : FileCalls::open(p, flags, mode);
-  }
-  ssize_t pwrite(int d, const void* bytes, std::size_t size, off_t offset) override {
-    return fails("pwrite", d) ? -1 : FileCalls::pwrite(d, bytes, size, offset);
-  }
-  int fdatasync(int d) override { return fails("fdatasync", d) ? -1 : FileCalls::fdatasync(d); }
-  int reserve(int d, off_t n) override {
-    return fails("reserve", d) ? -1 : FileCalls::reserve(d, n);
-  }
-  int rename(const char* from, const char* to) override {
-    return fails("rename", to) ? -1 : FileCalls::rename(from, to);
-  }
-  int unlink(const char* p) override { return fails("unlink", p) ? -1 : FileCalls::unlink(p); }
-
-private:
-  bool fails(std::string_view call, const std::string& path) const;
-  bool fails(std::string_view call, int descriptor) const;
-  Hook hook_;
-};
-
-// One run of an operation and what it reported. The callback keeps it alive.
+// One run of an operation. The callback keeps it alive.
 struct Download {
-  Download(std::shared_ptr<RavelinOperation> operation, URL file)
-      : opr(std::move(operation)), dest(std::move(file)) {}
-
-  void take(const Status& status);
-  // The events' names in order, those of the progress once; errors under the name of their kind.
-  std::string story() const;
-  bool ended() const;
-  std::string error_text() const;
-  std::int64_t received() const; // bytes
-  std::string content() const;   // of the destination
-  // Checks what holds for every run, and that the files fit its end.
-  void verify() const;
-  template <class Case> std::optional<Case> last() const {
-    const std::lock_guard lock(mutex);
-    for (auto event = events.rbegin(); event != events.rend(); ++event)
-      if (const auto* const found = event->first.get_if<Case>())
-        return *found;
-    return std::nullopt;
+  void take(const Status& status) {
+    const auto* const failed = status.get_if<Status::error>();
+    const char event =
+        failed ? "!TNL"[failed->custom_error.value.index()] : "rfsdX!pc+x"[status.value.index()];
+    EXPECT_EQ(MainQueue::is_main_thread(), event != 'f');
+    ravelin::bramblekit::main_sync([&] {
+      EXPECT_FALSE(ended) << event << " after the end of " << story;
+      if (const auto* const renamed = status.get_if<Status::renamed>())
+        dest = renamed->new_file_url;
+      error_text = failed ? failed->custom_error.text() : "";
+      events.push_back(status);
+      story += event == 'd' && story.ends_with('d') ? "" : std::string(1, event);
+      ended = failed || event == 'X' || event == '+';
+    });
+    if (then)
+      then(event);
+  }
+  // The last event of a kind, or null.
+  template <class Case> const Case* last() const {
+    const Case* found = nullptr;
+    for (const auto& event : events)
+      found = event.holds<Case>() ? event.get_if<Case>() : found;
+    return found;
+  }
+  std::int64_t received() const { // bytes
+    const auto* const event = last<Status::downloading>();
+    return event ? event->progress.received_bytes : 0;
   }
 
   std::shared_ptr<RavelinOperation> opr;
   URL dest;
-  std::function<void(const std::string& event)> then; // inside the callback, on its thread
-  mutable std::mutex mutex;                           // one event comes on a background thread
-  std::vector<std::pair<Status, bool>> events;        // and whether on the main thread
+  std::function<void(char event)> then{}; // inside the callback, on its thread
+  // A letter for each event: renamed, pending, connecting, files_are_created, started, downloading
+  // (once), x and X for cancelling and cancelled, + for success, and for an error, by its kind, T
+  // (timeout), N (no network), L (connection lost) or !.
+  std::string story{};
+  std::vector<Status> events{};
+  std::string error_text{};
+  bool ended = false;
 };
 
 // Downloads from a server that `serve` makes. The end of each test is verified: every run has ended
 // once, its files are as its end says, nothing is claimed, no descriptor is left.
 class TransferTest : public testing::Test {
 protected:
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    // The first request of the process makes what stays: the network thread and its descriptors.
+    download({.name = "first"});
+    descriptors_ = count_descriptors();
+    setenv("TMPDIR", dir.path().c_str(), 1); // for children that die without tidying up
+  }
+  void TearDown() override {
+    set_default_options({});
+    RavelinOperation::set_max_simultaneous_download_count(1);
+    RavelinOperation::cancel_all(false); // leaves its trace on whatever is still registered
+    for (const auto& run : runs_) {
+      SCOPED_TRACE(run->dest.text() + ": " + run->story);
+      EXPECT_TRUE(run->ended);
+      EXPECT_FALSE(run->opr && (run->opr->is_cancelled() || run->opr->is_busy()));
+      const bool has_record = fs::exists(record_of(run->dest));
+      EXPECT_FALSE(has_record && run->last<Status::success>());
+      EXPECT_TRUE(has_record || marks_of(run->dest) == 0);
+    }
+    // One that was cancelled before it begins ends at once, unless a leftover takes the only slot.
+    const auto probe = std::make_shared<RavelinOperation>();
+    probe->cancel();
+    EXPECT_EQ(download({.name = "probe", .opr = probe}).story, "X");
+    RavelinOperation::set_max_simultaneous_download_count(5);
+    for (const auto& entry : fs::directory_iterator(dir.path()))
+      EXPECT_NE(entry.path().extension(), ".tmp");
+    setenv("TMPDIR", dir.path().parent_path().c_str(), 1);
+    server.reset();
+    // The network thread tells the end of a request before it closes the connection.
+    pump_until([&] { return count_descriptors() <= descriptors_; });
+  }
+  static std::ptrdiff_t count_descriptors() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), {});
+  }
 
   void serve(Reply reply) { server.emplace(std::move(reply)); }
   void serve(Script script) { server.emplace(std::move(script)); }
-  void set_idle_timeout(std::chrono::milliseconds time);
+  // Each answer stalls after 10 bytes of `body`, until `released` is set.
+  void serve_stalling() {
+    released = false;
+    serve([this](const Request&) {
+      return Reply{.body = body, .stall_after = released ? Position() : Position(10)};
+    });
+  }
   URL file(const std::string& name = "file.bin") const { return URL::file(dir / name); }
-  std::string record_of(const std::string& name = "file.bin") const;
-  // An unfinished download of `body` in five parts, of which so many bytes each have come.
-  void put_partial(const std::string& body, const std::vector<std::int64_t>& bytes,
-                   const std::string& name = "file.bin");
-
-  struct Options {
+  static fs::path record_of(const URL& file) {
+    return FileProcessor::prepare_resume_file_url(file).path();
+  }
+  struct Start {
     std::string name = "file.bin";
     OnConflict on_conflict = OnConflict::resume;
     bool split = true;
-    std::shared_ptr<RavelinOperation> opr{};
-    std::string link{}; // empty: the name, at the server
+    std::shared_ptr<RavelinOperation> opr = std::make_shared<RavelinOperation>();
+    std::function<void(char)> then{};
   };
-  Download& start(const Options& options);
-  // Waits until so many bytes are there.
-  Download& start_until(std::int64_t bytes, const Options& options);
-  Download& finish(Download& run);
-  Download& download(const Options& options) { return finish(start(options)); }
+  Download& start(const Start& with) {
+    const auto run = std::make_shared<Download>(Download{with.opr, file(with.name), with.then});
+    runs_.push_back(run);
+    with.opr->resume(URL(server ? server->url() : "nonsense:"), run->dest, with.split,
+                     with.on_conflict, [run](const Status& status) { run->take(status); });
+    return *run;
+  }
+  // Returns when so many bytes are there.
+  Download& start_until(std::int64_t bytes, const Start& with) {
+    auto& run = start(with);
+    pump_until([&] { return run.received() == bytes || run.ended; });
+    EXPECT_FALSE(run.ended) << run.story << ' ' << run.error_text;
+    return run;
+  }
+  static Download& finish(Download& run) {
+    pump_until([&] { return run.ended; });
+    return run;
+  }
+  Download& download(const Start& with) { return finish(start(with)); }
+  // The ranges that the server was asked for, as sorted texts; "all" for a request without.
+  std::string asked() const {
+    std::multiset<std::string> ranges;
+    for (const auto& request : server->requests())
+      ranges.insert(request.header("Range").value_or("bytes=all").substr(6));
+    std::string text;
+    for (const auto& range : ranges)
+      text += (text.empty() ? "" : " ") + range;
+    return text;
+  }
 
-  // The ranges that the server was asked for, in ascending order; "all" for a request without.
-  std::string asked() const;
-
+  const std::string body = pattern(500);
   TempDir dir;
   std::optional<ScriptedServer> server;
+  std::atomic<bool> released = false;
 
 private:
-  void verify_that_nothing_is_claimed();
-  std::deque<std::shared_ptr<Download>> runs_;
+  std::vector<std::shared_ptr<Download>> runs_;
   std::ptrdiff_t descriptors_ = 0;
 };
 

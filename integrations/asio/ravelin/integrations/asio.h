@@ -6,27 +6,27 @@
 
 namespace ravelin {
 
-/// Runs the main queue inside an Asio context for as long as this object lives. Its wait counts as
-/// work: `run()` returns after `stop()`, or when this object has gone.
+/// Runs the main queue inside an Asio context while this object exists. It counts as work, so the
+/// context's `run()` does not return before `stop()` or the destruction of this object.
 ///
-/// `Descriptor` is `asio::posix::stream_descriptor`, or the same class of Boost.
+/// `Descriptor` is `asio::posix::stream_descriptor`, or Boost's class of that name.
 ///
-/// Threads: all of it belongs to the one thread that runs the context: the main thread.
+/// Threads: use it on the one thread that runs the context, which must be the main thread.
 /// Errors: an exception of queued work leaves through `run()`, which may be called again.
-/// Ownership: goes before the context does.
+/// Ownership: must be destroyed before the context.
 template <class Descriptor> class AsioAdapter {
 public:
-  /// With the executor of a context.
+  /// Takes an executor.
   explicit AsioAdapter(const typename Descriptor::executor_type& executor)
       : descriptor_(std::make_shared<Descriptor>(executor, MainQueue::descriptor())) {
     wait(descriptor_);
   }
-  /// With a context.
+  /// Takes a context.
   template <class Context>
   requires requires(Context& context) { context.get_executor(); }
   explicit AsioAdapter(Context& context) : AsioAdapter(context.get_executor()) {}
   ~AsioAdapter() {
-    descriptor_->release(); // the queue's own descriptor: not ours to close
+    descriptor_->release(); // the queue owns it and must not see it closed
   }
   AsioAdapter(const AsioAdapter&) = delete;
   AsioAdapter& operator=(const AsioAdapter&) = delete;
@@ -34,10 +34,10 @@ public:
 private:
   static void wait(const std::shared_ptr<Descriptor>& descriptor) {
     descriptor->async_wait(Descriptor::wait_read, [weak = std::weak_ptr(descriptor)](auto error) {
-      const auto alive = weak.lock(); // a wait that has ended may still be delivered
+      const auto alive = weak.lock(); // the handler may run after the adapter is destroyed
       if (error || !alive)
         return;
-      wait(alive); // first, for callbacks that throw or run the context themselves
+      wait(alive); // first, since callbacks may throw or run the context
       MainQueue::drain();
     });
   }

@@ -6,13 +6,13 @@
 
 namespace ravelin {
 
-/// Runs the main queue inside a GLib main loop, GTK's too, for as long as this object lives.
+/// Runs the main queue inside a GLib or GTK main loop while this object exists.
 ///
-/// Threads: all of it belongs to the thread that runs the loop, which must be the main thread.
-/// Errors: an exception of queued work cannot pass through GLib and ends the process.
+/// Threads: use it on the thread that runs the loop, which must be the main thread.
+/// Errors: an exception of queued work cannot pass through GLib and terminates the process.
 class GlibAdapter {
 public:
-  /// `context`: null for the default one.
+  /// Null is the default context.
   explicit GlibAdapter(GMainContext* context = nullptr)
       : source_(g_unix_fd_source_new(MainQueue::descriptor(), G_IO_IN)) {
     const GUnixFDSourceFunc drain = [](gint, GIOCondition, gpointer) noexcept -> gboolean {
@@ -20,7 +20,7 @@ public:
       return G_SOURCE_CONTINUE;
     };
     g_source_set_callback(source_, G_SOURCE_FUNC(drain), nullptr, nullptr);
-    g_source_set_can_recurse(source_, TRUE); // a status callback may run a dialogue's loop
+    g_source_set_can_recurse(source_, TRUE); // a status callback may run a dialog's loop
     g_source_attach(source_, context);
   }
   ~GlibAdapter() {

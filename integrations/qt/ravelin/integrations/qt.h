@@ -6,11 +6,11 @@
 
 namespace ravelin {
 
-/// Runs the main queue inside the event loop of Qt for as long as this object lives.
+/// Runs the main queue inside Qt's event loop while this object exists.
 ///
-/// Threads: made, used and destroyed on the thread whose loop is to run the queue: the main thread,
-/// with its application object already there.
-/// Errors: an exception of queued work cannot pass through Qt and ends the process.
+/// Threads: use it on the thread that runs the loop, which must be the main thread. Create it after
+/// the application object.
+/// Errors: an exception of queued work cannot pass through Qt and terminates the process.
 class QtAdapter {
 public:
   QtAdapter() : notifier_(MainQueue::descriptor(), QSocketNotifier::Read) {

@@ -8,17 +8,15 @@
 
 namespace ravelin {
 
-/// Runs the main queue inside a libuv loop for as long as this object lives, and keeps `uv_run`
-/// from returning for want of other handles.
+/// Runs the main queue inside a libuv loop while this object exists, and keeps the loop alive.
 ///
-/// Threads: all of it belongs to the thread that runs the loop, which must be the main thread.
-/// Errors: the constructor throws what libuv refuses, such as a second adapter on one loop. An
-/// exception of queued work cannot pass through libuv and ends the process.
-/// Ownership: goes before the loop does, which must be run once more to close the handle, as for
-/// every handle of libuv.
+/// Threads: use it on the thread that runs the loop, which must be the main thread.
+/// Errors: the constructor throws if libuv refuses, such as a second adapter on one loop. An
+/// exception of queued work cannot pass through libuv and terminates the process.
+/// Ownership: must be destroyed before the loop, which must run once more to close the handle.
 class UvAdapter {
 public:
-  /// `loop`: initialised already.
+  /// `loop` must be initialized.
   explicit UvAdapter(uv_loop_t* loop) {
     auto poll = std::make_unique<uv_poll_t>();
     if (const int refused = uv_poll_init(loop, poll.get(), MainQueue::descriptor()))

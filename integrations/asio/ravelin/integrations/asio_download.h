@@ -1,0 +1,31 @@
+#pragma once
+
+#include <ravelin/async.h>
+
+#include <asio/associated_executor.hpp>
+#include <asio/async_result.hpp>
+#include <asio/post.hpp>
+
+#include <memory>
+#include <utility>
+
+namespace ravelin {
+
+/// Starts a run and completes with its final event, for any completion token: a callback,
+/// `asio::use_future`, `asio::use_awaitable`, ... The handler runs on its associated executor, or
+/// else on `executor`.
+template <class Executor, class CompletionToken>
+auto async_download(const Executor& executor, std::shared_ptr<RavelinOperation> operation,
+                    DownloadRequest request, CompletionToken&& token) {
+  return ::asio::async_initiate<CompletionToken, void(Status)>(
+      [executor, operation = std::move(operation)](auto handler, DownloadRequest to_start) {
+        const auto on = ::asio::get_associated_executor(handler, executor);
+        const auto kept = std::make_shared<decltype(handler)>(std::move(handler));
+        start_download(operation, std::move(to_start), [kept, on](const Status& end) {
+          ::asio::post(on, [kept, end] { std::move (*kept)(end); });
+        });
+      },
+      token, std::move(request));
+}
+
+} // namespace ravelin

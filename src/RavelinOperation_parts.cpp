@@ -1,0 +1,191 @@
+#include "bramblekit/errors.h"
+#include "bramblekit/main_thread.h"
+#include "platform/fatal.h"
+#include "src/RavelinOperation_impl.h"
+#include "src/RetryPolicy.h"
+#include "src/SnapRule.h"
+
+#include <algorithm>
+#include <utility>
+
+// The parts of a transfer: starting them, what they receive, and how they end.
+
+namespace ravelin {
+
+using bramblekit::Exception;
+using bramblekit::main_sync;
+using bramblekit::to_error;
+using platform::checked_add;
+using platform::checked_subtract;
+using platform::Semaphore;
+
+namespace {
+
+ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData* record,
+                                std::int64_t index) {
+  if (!file_proc || !record || index < 0 ||
+      index >= static_cast<std::int64_t>(record->parts.size()))
+    platform::fatal("the resume record has no part " + std::to_string(index));
+  return *record->parts[static_cast<std::size_t>(index)];
+}
+
+} // namespace
+
+void RavelinOperation::Impl::start_parts(const URL& link, bool should_split) {
+  parts = PartSchedule(settings->options);
+  if (!should_split) {
+    start_download(link, 0, false);
+    return;
+  }
+  for (std::int64_t i = 0; i < split_count; ++i)
+    if (parts.may_open(partial_data_oprs.size()))
+      start_download(link, i, true);
+    else
+      parts.wait_for_connection(i);
+  start_waiting_parts(link);
+}
+
+void RavelinOperation::Impl::start_waiting_parts(const URL& link) {
+  while (!opr.is_cancelled() && parts.may_open(partial_data_oprs.size())) {
+    const auto next = parts.take_waiting();
+    if (!next)
+      return;
+    start_download(link, *next, true);
+  }
+}
+
+void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_index,
+                                            bool use_range) {
+  bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
+  std::optional<PartialDataOpr::BytesRange> range;
+  if (use_range) {
+    const auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
+    if (part.curr_bytes >= part.total_bytes_expected)
+      return;
+    const auto end = checked_add(part.begin_pos, part.total_bytes_expected);
+    range = {checked_add(part.begin_pos, part.curr_bytes), checked_subtract(end, 1)};
+  }
+  const auto request = std::make_shared<PartialDataOpr>();
+  request->settings = settings;
+  request->expected_version = probed_version;
+  request->expected_version->begun = file_proc->resume_data->server_side_date;
+  partial_data_oprs.insert(request);
+  if (!data_opr_sema)
+    data_opr_sema = std::make_shared<Semaphore>(0U);
+  parts.has_started(part_index, request);
+  using Event = PartialDataOpr::Status;
+  const auto handler = [this, keep = self(), link, part_index,
+                        request](const Event& event) MAIN_ONLY {
+    std::visit(match{
+                   [&](const Event::started& started) MAIN_ONLY {
+                     bramblekit::suppress_warns_for(started.content_length);
+                     if (!std::exchange(download_started, true))
+                       send(stat_closure, {Status::started{content_len}});
+                   },
+                   [](const Event::connecting&) {},
+                   [&](const Event::did_receive_data& received) MAIN_ONLY {
+                     did_receive_data(part_index, received.progress.data);
+                     replace_slow_part();
+                   },
+                   [&](const Event::bg_after_receive_data&) { bg_after_receive_data(*request); },
+                   [&](const Event::error& failed) MAIN_ONLY {
+                     if (!requeue_part(link, part_index, failed.error))
+                       download_exception = failed.error;
+                     end_part(link, part_index, request);
+                   },
+                   [&](const Event::success&) MAIN_ONLY { end_part(link, part_index, request); },
+                   [&](const Event::cancelled&) MAIN_ONLY {
+                     if (!parts.is_given_up(part_index) || opr.is_cancelled())
+                       download_exception = to_error(Exception());
+                     end_part(link, part_index, request);
+                   },
+               },
+               event.value);
+  };
+  request->request(link, range, handler);
+}
+
+void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const platform::Data& data) {
+  auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
+  file_proc->async_write_bytes(checked_add(part.begin_pos, part.curr_bytes), data);
+  part.curr_bytes = checked_add(part.curr_bytes, static_cast<std::int64_t>(data.size()));
+  parts.has_received(part_index, static_cast<std::int64_t>(data.size()));
+  is_record_behind = watch.elapsed_time() <= save_interval;
+  if (!is_record_behind) {
+    file_proc->async_update_resume_file();
+    watch.reset();
+  }
+  const auto progress = advance_progress();
+  speed_meter.note(progress.received_bytes);
+  report({State::downloading{progress}}, {Status::downloading{progress}});
+}
+
+Progress RavelinOperation::Impl::advance_progress() {
+  const auto& record = *file_proc->resume_data;
+  const auto received = record.received_bytes();
+  std::optional<float> value;
+  if (record.content_length)
+    value = static_cast<float>(received) / static_cast<float>(*record.content_length);
+  const auto snap = snap_rule(value, last_progress_snap_point, progress_snap_interval);
+  last_progress_snap_point = snap.next;
+  return {value, received, snap.is_at_snap_point, record.content_length};
+}
+
+void RavelinOperation::Impl::bg_after_receive_data(PartialDataOpr& request) {
+  file_proc->bg_wait_for_writes();
+  if (const auto failed = file_proc->exception.get())
+    main_sync([&]() MAIN_ONLY {
+      download_exception = failed;
+      request.cancel();
+    });
+}
+
+/// Whether the failed part is requested again, at once or when a connection is free, instead of
+/// ending the run.
+bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_index,
+                                          const Error& error) {
+  const bool is_split = file_proc->split_count.has_value();
+  if (!is_split || opr.is_cancelled() || download_exception || file_proc->exception.get())
+    return false;
+  if (is_refused_for_now(error) && parts.another_is_open(part_index) && settings->options.retry &&
+      settings->options.retry->max_attempts > 0) {
+    parts.limit_connections(partial_data_oprs.size() - 1);
+    parts.wait_for_connection(part_index);
+    log("'" + link.text() + "': using fewer connections: " + error.text());
+    return true;
+  }
+  if (!is_lost_connection(error) || !parts.may_replace(part_index))
+    return false;
+  parts.wait_for_connection(part_index);
+  log("'" + link.text() + "': retrying the rest of part " + std::to_string(part_index + 1) +
+      " of " + std::to_string(split_count) + ": " + error.text());
+  return true;
+}
+
+/// One of several connections may be on a bad path or to a bad server.
+void RavelinOperation::Impl::replace_slow_part() {
+  if (opr.is_cancelled() || download_exception)
+    return;
+  if (const auto slow = parts.take_slow()) {
+    log("replacing a slow connection");
+    slow->cancel();
+  }
+}
+
+void RavelinOperation::Impl::end_part(const URL& link, std::int64_t part_index,
+                                      const std::shared_ptr<PartialDataOpr>& request) {
+  partial_data_oprs.erase(request);
+  if (parts.has_ended(part_index) && !download_exception && !opr.is_cancelled())
+    parts.wait_for_connection(part_index); // its request was slow
+  if (!download_exception)
+    start_waiting_parts(link);
+  if (!partial_data_oprs.empty())
+    return;
+  if (parts.has_waiting() && !download_exception)
+    download_exception = to_error(Exception()); // cancelled before they could be restarted
+  if (!data_opr_sema)
+    platform::fatal("nothing waits for the parts of this download");
+  data_opr_sema->signal();
+}
+
+} // namespace ravelin

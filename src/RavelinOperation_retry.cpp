@@ -1,0 +1,74 @@
+#include "bramblekit/errors.h"
+#include "bramblekit/main_thread.h"
+#include "src/RavelinOperation_impl.h"
+#include "src/RetryPolicy.h"
+
+// The attempts of a run, and waiting between them.
+
+namespace ravelin {
+
+using bramblekit::Exception;
+using bramblekit::main_sync;
+
+/// Repeats attempts until the download is complete or must not be retried.
+void RavelinOperation::Impl::bg_download(Run& run) {
+  const auto limits = settings->options.retry.value_or(Retry{});
+  RetryPolicy policy(limits);
+  bool split = run.split_allowed;
+  for (;;) {
+    Error error = bramblekit::to_error(Exception());
+    try {
+      bg_request_http_header(run.link);
+      if (bg_is_complete(run))
+        return;
+      bg_start_connections(run, split);
+      return;
+    } catch (...) {
+      error = Error::current();
+    }
+    if (limits.max_attempts <= 0 || error.is<Exception>())
+      error.rethrow();
+    const auto remedy = main_sync([&]() MAIN_ONLY { return judge(policy, error, run, split); });
+    if (remedy == Remedy::give_up)
+      error.rethrow();
+    split = split && remedy != Remedy::try_in_one_piece;
+    bg_wait_to_retry(policy.wait());
+  }
+}
+
+Remedy RavelinOperation::Impl::judge(RetryPolicy& policy, const Error& error, const Run& run,
+                                     bool split) {
+  if (opr.is_cancelled())
+    return Remedy::give_up;
+  const auto custom_error = make_custom_error(error);
+  const auto received =
+      run.must_restart ? 0 : RavelinOperation::get_progress(run.destination).received_bytes;
+  const auto remedy = policy.judge(custom_error, received, split);
+  if (remedy == Remedy::give_up)
+    return remedy;
+  const auto what =
+      remedy == Remedy::try_in_one_piece ? "retrying over one connection" : policy.describe_retry();
+  log("'" + run.link.text() + "': " + custom_error.text() + "; " + what);
+  const auto notify = [&]() noexcept {
+    if (const auto& on_retry = settings->options.on_retry)
+      on_retry({custom_error, policy.wait(), what});
+  };
+  notify();
+  retry_wait = std::make_shared<platform::RetryWait>();
+  if (opr.is_cancelled()) // by the callback
+    retry_wait->interrupt();
+  return remedy;
+}
+
+void RavelinOperation::Impl::bg_wait_to_retry(std::chrono::milliseconds time) {
+  const auto wait = main_sync([&]() MAIN_ONLY { return retry_wait; });
+  wait->wait(time);
+  main_sync([&]() MAIN_ONLY { retry_wait = nullptr; });
+}
+
+void RavelinOperation::Impl::log(const std::string& line) const noexcept {
+  if (settings->options.log)
+    settings->options.log(line);
+}
+
+} // namespace ravelin

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "ravelin/options.h"
+#include "ravelin/status.h"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace ravelin {
+
+/// What to do about a failed attempt.
+enum class Remedy { give_up, try_again, try_in_one_piece };
+
+/// Decides whether failed attempts of one run are retried.
+///
+/// Threads: the main thread.
+class RetryPolicy {
+public:
+  using Clock = std::chrono::system_clock; // keeps running while the machine is suspended
+
+  explicit RetryPolicy(Retry limits) : limits_(limits) {}
+
+  /// `received`: bytes in the record after the attempt. `split`: whether it could use ranges.
+  Remedy judge(const CustomError& error, std::int64_t received, bool split,
+               Clock::time_point now = Clock::now());
+  /// How long to wait before the attempt that `judge()` allowed.
+  std::chrono::milliseconds wait() const { return wait_; }
+  /// Such as "retrying in 1.5 s (2 of 5)".
+  std::string describe_retry() const;
+
+private:
+  bool may_retry(const CustomError& error, Clock::time_point now);
+
+  const Retry limits_;
+  int attempt_ = 0;
+  std::int64_t received_ = 0;
+  std::optional<Clock::time_point> failing_since_; // since the last progress
+  bool beyond_attempts_ = false;                   // allowed by `patience` only
+  std::chrono::milliseconds wait_{0};
+};
+
+/// Whether the server may just refuse that many connections (403, 429, 503).
+bool is_refused_for_now(const Error& error);
+/// Whether the connection was lost or timed out.
+bool is_lost_connection(const Error& error);
+
+} // namespace ravelin
