@@ -68,7 +68,8 @@ public:
   }
 };
 
-void add_get_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
+/// What to download, and where to.
+void add_file_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.add_option("URL", options.links, "Links to download (http or https)")->type_name("");
   get.add_option("-o,--output", raw.output, "Write to this file (default: the name in the link)")
       ->type_name("FILE")
@@ -94,6 +95,10 @@ void add_get_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.add_option("--sha256", raw.sha256, "Check the finished file against this checksum")
       ->type_name("HEX")
       ->check(not_empty);
+}
+
+/// How to talk to servers.
+void add_network_options(CLI::App& get, RawOptions& raw) {
   get.add_option("--retry", raw.retries,
                  "Retry up to N times after a lost connection, a timeout or a busy server; resets "
                  "on progress (default 5, 0 turns retries off)")
@@ -127,6 +132,9 @@ void add_get_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.add_flag("--no-safeguards", raw.no_safeguards,
                "Accept whatever the server sends: error pages, wrong ranges, changed content, and "
                "redirects from https to http");
+}
+
+void add_output_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.add_flag("-q,--quiet", options.quiet, "Print errors only");
   get.add_flag("--events", options.events, "Print every event as a line of JSON");
   get.add_option("--events-interval", raw.events_interval,
@@ -284,7 +292,9 @@ Parsed parse_arguments(int argc, const char* const* argv) {
       parser.add_subcommand("status", "Show how much of each file has been downloaded");
   auto* const clear =
       parser.add_subcommand("clear", "Delete unfinished files and their resume records");
-  add_get_options(*get, options.get_options, raw);
+  add_file_options(*get, options.get_options, raw);
+  add_network_options(*get, raw);
+  add_output_options(*get, options.get_options, raw);
   std::vector<std::string> files;
   clear->add_flag("--complete", options.clear_complete,
                   "Also delete complete files and files of other programs");
