@@ -51,6 +51,45 @@ Request receive(int connection) {
   return request;
 }
 
+// What is sent of the body.
+struct Slice {
+  int status;
+  std::string_view body;
+  std::string range{};
+};
+
+Slice slice_of(const Reply& reply, const Request& request) {
+  std::size_t first = 0, last = reply.body.npos;
+  const auto range = request.header("Range").value_or("");
+  if (reply.status != 200 || !reply.accept_ranges || !reply.honour_ranges ||
+      std::sscanf(range.c_str(), "bytes=%zu-%zu", &first, &last) < 1)
+    return {reply.status, reply.body};
+  const auto total = "/" + std::to_string(reply.body.size());
+  if (first >= reply.body.size())
+    return {416, "", "bytes *" + total};
+  const auto size = std::max(last, last + 1) - first; // which an open end must not overflow
+  const auto body = std::string_view(reply.body).substr(first, size);
+  last = first + body.size() - 1;
+  return {206, body, "bytes " + std::to_string(first) + "-" + std::to_string(last) + total};
+}
+
+std::string head_of(const Reply& reply, const Slice& slice) {
+  auto headers = reply.headers;
+  headers.insert(headers.end(), {{"Connection", "close"},
+                                 {"Date", "Tue, 10 Nov 2026 08:12:55 GMT"},
+                                 {"Accept-Ranges", reply.accept_ranges ? "bytes" : ""},
+                                 {"Transfer-Encoding", reply.chunked ? "chunked" : ""}});
+  if (!slice.range.empty())
+    headers.emplace_back("Content-Range", reply.content_range.value_or(slice.range));
+  if (reply.content_length || (reply.send_length && !reply.chunked))
+    headers.emplace_back("Content-Length",
+                         reply.content_length.value_or(std::to_string(slice.body.size())));
+  std::string head = "HTTP/1.1 " + std::to_string(slice.status) + " " + reply.reason + "\r\n";
+  for (const auto& [name, value] : headers)
+    head += value.empty() ? "" : name + ": " + value + "\r\n";
+  return head + "\r\n";
+}
+
 } // namespace
 
 std::optional<std::string> Request::header(const char* name) const {
@@ -114,52 +153,23 @@ void ScriptedServer::answer(int connection, const Reply& reply, const Request& r
   if (reply.raw || reply.close_at_once)
     return send(connection, reply.raw.value_or(""));
 
-  int status = reply.status;
-  std::string_view body = reply.body;
-  std::string range;
-  std::size_t first = 0, last = body.npos;
-  const auto asked = request.header("Range").value_or("");
-  if (status == 200 && reply.accept_ranges && reply.honour_ranges &&
-      std::sscanf(asked.c_str(), "bytes=%zu-%zu", &first, &last) > 0) {
-    status = first < body.size() ? 206 : 416;
-    last = std::min(last, body.size() - 1);
-    range = status == 206 ? std::to_string(first) + "-" + std::to_string(last) : "*";
-    range = "bytes " + range + "/" + std::to_string(body.size());
-    body = status == 206 ? body.substr(first, last - first + 1) : "";
-  }
-  auto headers = reply.headers;
-  headers.insert(headers.end(),
-                 {{"Connection", "close"},
-                  {"Date", "Tue, 10 Nov 2026 08:12:55 GMT"},
-                  {"Accept-Ranges", reply.accept_ranges ? "bytes" : ""},
-                  {"Content-Range", range.empty() ? "" : reply.content_range.value_or(range)},
-                  {"Transfer-Encoding", reply.chunked ? "chunked" : ""}});
-  if (reply.content_length || (reply.send_length && !reply.chunked))
-    headers.emplace_back("Content-Length",
-                         reply.content_length.value_or(std::to_string(body.size())));
-  std::string head = "HTTP/1.1 " + std::to_string(status) + " \r\n";
-  for (const auto& [name, value] : headers)
-    head += value.empty() ? "" : name + ": " + value + "\r\n";
+  const auto slice = slice_of(reply, request);
   const int on = 1;
   setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  send(connection, head + "\r\n");
-
-  const auto end =
-      std::min({reply.cut_after.value_or(body.npos), reply.reset_after.value_or(body.npos),
-                reply.stall_after.value_or(body.npos)});
-  body = body.substr(0, end);
+  send(connection, head_of(reply, slice));
+  const auto npos = std::string::npos;
+  const auto end = std::min({reply.cut_after.value_or(npos), reply.reset_after.value_or(npos),
+                             reply.stall_after.value_or(npos)});
+  const auto body = slice.body.substr(0, end);
   for (std::size_t at = 0; at < body.size(); at += reply.piece) {
     pause(connection, at == 0 ? 0ms : reply.piece_delay);
-    const auto part = body.substr(at, reply.piece);
-    sent_ += static_cast<std::int64_t>(part.size());
-    std::ostringstream text;
-    if (reply.chunked)
-      text << std::hex << part.size() << "\r\n" << part << "\r\n";
-    else
-      text << part;
-    send(connection, text.str());
+    const auto piece = body.substr(at, reply.piece);
+    sent_ += static_cast<std::int64_t>(piece.size());
+    std::ostringstream chunk;
+    chunk << std::hex << piece.size() << "\r\n" << piece << "\r\n";
+    send(connection, reply.chunked ? chunk.str() : std::string(piece));
   }
-  if (reply.chunked && end == body.npos)
+  if (reply.chunked && end == npos)
     send(connection, "0\r\n\r\n");
   if (reply.stall_after == end)
     pause(connection, 24h);

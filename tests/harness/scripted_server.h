@@ -16,12 +16,12 @@
 namespace test {
 
 using Headers = std::vector<std::pair<std::string, std::string>>;
-using Position =
-    std::optional<std::size_t>; // in the body of one answer: in the range if it has one
+using Position = std::optional<std::size_t>; // in the body of one answer, or its range
 
 // One answer and what goes wrong with it. Of several positions the smallest one acts.
 struct Reply {
   int status = 200;
+  std::string reason{};
   Headers headers{}; // besides those that the server makes itself
   std::string body{};
   bool accept_ranges = true;                   // announce byte ranges and serve a single one as 206

@@ -62,6 +62,10 @@ struct Download {
         dest = renamed->new_file_url;
       error_text = failed ? failed->custom_error.text() : "";
       events.push_back(status);
+      if (const auto* const data = status.get_if<Status::downloading>()) {
+        received = data->progress.received_bytes;
+        snap_points += data->progress.is_at_snap_point;
+      }
       story += event == 'd' && story.ends_with('d') ? "" : std::string(1, event);
       ended = failed || event == 'X' || event == '+';
     });
@@ -75,10 +79,6 @@ struct Download {
       found = event.holds<Case>() ? event.get_if<Case>() : found;
     return found;
   }
-  std::int64_t received() const { // bytes
-    const auto* const event = last<Status::downloading>();
-    return event ? event->progress.received_bytes : 0;
-  }
 
   std::shared_ptr<RavelinOperation> opr;
   URL dest;
@@ -89,6 +89,8 @@ struct Download {
   std::string story{};
   std::vector<Status> events{};
   std::string error_text{};
+  std::int64_t received = 0; // bytes
+  int snap_points = 0;
   bool ended = false;
 };
 
@@ -108,7 +110,7 @@ protected:
     RavelinOperation::cancel_all(false); // leaves its trace on whatever is still registered
     for (const auto& run : runs_) {
       SCOPED_TRACE(run->dest.text() + ": " + run->story);
-      EXPECT_TRUE(run->ended);
+      EXPECT_TRUE(run->ended && run.use_count() == 1) << "the callback is still held";
       EXPECT_FALSE(run->opr && (run->opr->is_cancelled() || run->opr->is_busy()));
       const bool has_record = fs::exists(record_of(run->dest));
       EXPECT_FALSE(has_record && run->last<Status::success>());
@@ -160,7 +162,7 @@ protected:
   // Returns when so many bytes are there.
   Download& start_until(std::int64_t bytes, const Start& with) {
     auto& run = start(with);
-    pump_until([&] { return run.received() == bytes || run.ended; });
+    pump_until([&] { return run.received == bytes || run.ended; });
     EXPECT_FALSE(run.ended) << run.story << ' ' << run.error_text;
     return run;
   }
