@@ -25,14 +25,16 @@ struct Source {
   }
   // How much it has sent, in files, once it knows that no answer is under way.
   double sent() const {
-    const auto ran = run(server.root(),
-                         "until curl -s $at/state | grep -q 'Active connections: 1 '; do :; done; "
-                         "awk '$2 == \"/file.bin\" { n += $4 } END { printf \"%.0f\\n\", n }' "
-                         "../access.log; stat -c %s file.bin",
-                         server.url(""));
+    const auto ran =
+        run(server.root(),
+            "until curl -s $at/state | grep -q 'Active connections: 1 '; do sleep 0.01; done; "
+            "awk '$2 == \"/file.bin\" { n += $4 } END { printf \"%.0f\\n\", n }' "
+            "../access.log; stat -c %s file.bin",
+            server.url(""));
     std::istringstream numbers(ran.out);
     double bytes = 0, size = 0;
-    numbers >> bytes >> size;
+    if (!(numbers >> bytes >> size))
+      throw std::runtime_error("the server does not tell what it has sent: " + ran.err);
     return bytes / size;
   }
   // Kills so many runs at random times, those that have not ended by then, and lets one finish.

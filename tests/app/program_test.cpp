@@ -153,7 +153,6 @@ TEST(Program, does_what_the_command_line_says) {
        {"get -A me -x $at http://h/f?echo", 0, "^$", "f:mehttp://h/f?echo "},
        {"http_proxy=$at get -A me h/f?echo", 0, "^$", "f:mehttp://h/f?echo "},
        {"get_for_1s --limit-rate 100k $at/f; echo $?; ravelin clear f", 0, "^130\n"},
-       {"get --limit-rate 1M $at/f", 0, "^$", "f "},
        {"get $at/f; x=$(sha256sum f); get -c replace --sha256 ${x::64} $at/f", 0, "^$", "f "},
        {"get $at/f" + wrong_sum, 1, "got [0-9a-f]{64};", "f.sha256-mismatch "},
        {"get $at/f; get $at/f" + wrong_sum, 1, "kept as .*f'\n", "f "},
@@ -169,8 +168,10 @@ TEST(Program, does_what_the_command_line_says) {
        {"get $at/f; ravelin status f >/dev/full", 1, "standard output", "f "},
        {"get --events $at/f >/dev/full", 1, "standard output", "f "},
        {"for to in '2>&-' '2>/dev/full' '2> >(true)' '0<&- >&- 2>&-'; do eval get $to; echo $?; "
-        "eval get $at/g?404 $to; echo $?; eval get -c replace $at/f $to; echo $?; done",
-        0, "^(2\n1\n0\n){4}$", "f "},
+        "eval get $at/g?404 $to; echo $?; eval ravelin get -c replace $at/f $to; echo $?; done; "
+        "ravelin get $at/h?slow <&- >&- 2>&- & until [ -e .h.lgresume ]; do sleep 0.01; done; "
+        "readlink /proc/$!/fd/[0-2]; wait",
+        0, "^(2\n1\n0\n){4}(/dev/null\n){3}$", "f h "},
        {"x=${at/http/https}/f; get --cacert /no1 $x; CURL_CA_BUNDLE=/no2 get $x; CURL_CA_BUNDLE= "
         "SSL_CERT_FILE=/no3 get $x",
         1, "^.*/no1\n.*/no2\n.*/no3\n$"}});
@@ -194,7 +195,6 @@ TEST(Program, tries_again_what_may_pass) {
   check({{again + "404", 1, "^" + fails("404")},
          {again + "403", 1, "^" + fails("403")},
          {again + "408", 1, tries(wait) + fails("408")},
-         {again + "429", 1, tries(wait) + fails("429")},
          {again + "500", 1, tries(wait) + fails("500")},
          {again + "lost", 1, tries(wait) + fails("lost")},
          {again + "mute --timeout 0.2", 1, tries(wait) + fails("timed out")},
@@ -207,10 +207,10 @@ TEST(Program, tries_again_what_may_pass) {
          {"get --retry 2 --patience 0 $at/f?cut+gone; ravelin clear f", 0,
           tries(wait, "1 of 2") + ".*connect.*2 of 2"},
          {"get ftp://h/f; get file:///f", 1, "^(.*only http and https.*\n){2}$"},
-         {"get $at/f -o .", 1, fails("is a directory")},
-         {"get $at/f -o none/f", 1, fails("none/f")},
-         {"mkfifo p; get $at/f -o p", 1, fails("a pipe or a device")},
-         {"get http://127.0.0.1:1/f", 1, fails("connect")}});
+         {"get $at/f -o .", 1, "^" + fails("is a directory")},
+         {"get $at/f -o none/f", 1, "^" + fails("none/f")},
+         {"mkfifo p; get $at/f -o p", 1, "^" + fails("a pipe or a device")},
+         {"get http://127.0.0.1:1/f", 1, "^" + fails("connect")}});
 }
 
 TEST(Program, prints_what_happens_as_lines_of_JSON) {
@@ -242,7 +242,7 @@ TEST(Program, stops_and_continues) {
        0, "^130\n.*can be resumed\n143\n.*resumed\n130\n.*resumed\n$", "HUP INT TERM "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
-    rows.push_back({"begin $at/f?slow; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
+    rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
   for (const std::string harm :
        {">", "echo x >", "cp f", "sed -i 's/40000/30000/'", "sed -i 's/_bytes\":[1-9]/&99/g'",
         "sed -i 's/_bytes\":/&-/g'", "sed -i 's/_expected\":8/_expected\":7/'"})
