@@ -36,7 +36,7 @@ struct Sample : Convertible<Sample> {
 
 TEST(Convertible, takes_equivalent_json_and_refuses_everything_else) {
   const std::string a = R"({"name":"a","count":)", z = R"(,"on":false,"list":[]})";
-  for (const auto& good : {R"( {"count" : 1, "name":"\u00e4","more":{"a":[1,null]})" + z,
+  for (const auto& good : {R"( {"count" : 1,"limit":null,"name":"\u00e4","more":[null])" + z,
                            a + R"(-9223372036854775808,"limit":9223372036854775807)" + z})
     EXPECT_NO_THROW(Sample::instance(good + " ")) << good;
   for (const auto& bad :

@@ -102,7 +102,6 @@ TEST(URLSession, tells_what_came_and_how_it_ended) {
   const std::string ok = "HTTP/1.1 200 OK\r\n", field = "A: " + std::string(60'000, 'x') + "\r\n";
   const std::pair<Reply, std::string> answers[] = {
       {{.body = big, .piece = 999}, "0 200 100000"},
-      {{.body = big, .send_length = false}, "0 200 100000"},
       {{.body = "a byte at once", .piece = 1, .piece_delay = 50ms}, "0 200 a byte at once"},
       {{.body = "length", .content_length = "abc"}, "0 200 length"},
       {{.raw = "HTTP/1.1 103 Hints\r\nE: 1\r\n\r\n" + ok + "\r\ninterim"}, "0 200 interim"},
@@ -194,8 +193,8 @@ TEST(DataTask, waits_for_a_slow_delegate_and_ends_when_cancelled_or_alone) {
       {disallow, cut, "-999 200 "},
       {cancel_data, stalls, "-999 200 bo"}};
   for (const auto& [when, reply, outcome] : cases) {
-    for (int i = 0; i < 99; ++i)
-      note_flush(when == slow_data ? 1ms : 0ms); // which is worth larger chunks
+    for (int i = 0; i < 99; ++i) // slow storage is worth larger chunks, one slow flush is not
+      note_flush(when == slow_data || i == 98 ? 1ms : 0ms);
     const ScriptedServer server(reply);
     const auto request = std::make_shared<Fetch>();
     request->options.idle_timeout = 1s;

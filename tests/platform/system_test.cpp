@@ -8,6 +8,7 @@
 #include "tests/harness/temp_dir.h"
 
 #include <algorithm>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <latch>
 #include <poll.h>
@@ -18,7 +19,6 @@ namespace ravelin::platform {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 
 /// A disk that is full at the nth call. What may be interrupted is, and writes are short.
 struct FullDisk : FileCalls {
@@ -125,9 +125,6 @@ bool is_readable() {
 }
 
 TEST(MainQueue, runs_work_in_order_and_is_readable_exactly_while_there_is_some) {
-  MainQueue::stop();
-  EXPECT_FALSE(is_readable()) << "nobody waits for that";
-  MainQueue::run(); // returns at once
   MainQueue::async([] { MainQueue::async([] { throw 7; }); });
   MainQueue::async([] { EXPECT_TRUE(is_readable()) << "a loop in here would sleep"; });
   EXPECT_EQ(2U, MainQueue::drain());
@@ -144,14 +141,18 @@ TEST(MainQueue, runs_work_in_order_and_is_readable_exactly_while_there_is_some) 
       MainQueue::run(); // stops alone
       MainQueue::async([] {});
     });
-    std::this_thread::sleep_for(300ms);
+    std::string state;
+    for (int i = 0; i < 99'999 && state != "S"; ++i)
+      std::ifstream("/proc/self/stat") >> state >> state >> state; // of the main thread
+    EXPECT_EQ("S", state) << "does not sleep";
     MainQueue::stop();
   });
-  const auto begin = std::clock();
   MainQueue::run();
-  EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC / 5) << "does not sleep";
   EXPECT_TRUE(order.size() == 100 && order[0] == 0 && std::ranges::is_sorted(order));
   EXPECT_FALSE(is_readable());
+  MainQueue::stop();
+  EXPECT_FALSE(is_readable()) << "nobody waits for that";
+  MainQueue::run(); // returns at once
 }
 
 TEST(SerialQueue, runs_jobs_in_order_beside_other_queues_on_threads_that_go_when_idle) {
@@ -172,7 +173,7 @@ TEST(SerialQueue, runs_jobs_in_order_beside_other_queues_on_threads_that_go_when
   for (const auto& mine : order)
     EXPECT_TRUE(mine.size() == 20 && std::ranges::is_sorted(mine));
   for (int i = 0; i < 375 && background_thread_count() > 0; ++i)
-    std::this_thread::sleep_for(20ms); // nothing tells of a thread's end
+    usleep(20'000); // nothing tells of a thread's end
   EXPECT_EQ(0U, background_thread_count());
 }
 
