@@ -55,6 +55,63 @@ TEST_F(DownloadTest, lets_the_other_parts_end_when_one_fails_and_then_asks_for_w
   }
 }
 
+// The whole is sent once, although a part fails or the server refuses so many connections.
+TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is_free) {
+  const std::string twice = "0-99 100-199 200-299 300-399 300-399 400-499 all";
+  const Reply slow{.body = body, .piece = 10, .piece_delay = 10ms};
+  Reply reset = slow, cut = slow, stall = slow, early = slow;
+  reset.reset_after = cut.cut_after = stall.stall_after = 40, early.cut_after = 0;
+  const struct {
+    std::string end; // of the range of which the first requests fail
+    int count;
+    Reply fault;
+    std::string instead; // of `all_ranges`
+    std::string story = "cfsd+";
+    int connections = 5;
+    std::int64_t sent_before = 0; // the last request
+    int max_attempts = 1;
+  } cases[] = {
+      {"199", 1, reset, "0-99 100-199 140-199 200-299 300-399 400-499 all"},
+      {"199", 1, cut, "0-99 100-199 140-199 200-299 300-399 400-499 all"},
+      {"199", 1, stall, "0-99 100-199 140-199 200-299 300-399 400-499 all"},
+      {"199", 2, early, "0-99 100-199 100-199 100-199 200-299 300-399 400-499 all"},
+      {"499", 2, reset, "0-99 100-199 200-299 300-399 400-499 440-499 480-499 all", "cfsd+", 2},
+      {"399", 1, {.status = 403}, twice, "cfsd+", 5, 100},
+      {"399", 1, {.status = 429}, twice, "cfsd+", 5, 100},
+      {"399", 1, {.status = 503}, twice, "cfsd+", 4, 200},
+      {"", 0, {}, all_ranges, "cfsd+", 2, 300},
+      {"", 0, {}, all_ranges, "cfsd+", 1, 400},
+      {"199", 1, reset, all_ranges, "cfsdL", 5, 0, 0},
+      {"199", 1, {.status = 503}, all_ranges, "cfsd!", 5, 0, 0}};
+  for (const auto& c : cases) {
+    auto values = Options::careful();
+    values.idle_timeout = 300ms;
+    values.max_connections = c.connections;
+    values.retry = Retry{.max_attempts = c.max_attempts};
+    values.on_retry = [](const RetryNotice& notice) { ADD_FAILURE() << notice.text; };
+    set_default_options(values);
+    std::int64_t sent_before = 0;
+    serve([&, left = c.count](const Request& request) mutable {
+      const auto range = request.header("Range").value_or("");
+      if (range.empty())
+        return Reply{.body = body, .stall_after = 0};
+      sent_before = server->bytes_sent();
+      return range.ends_with("-" + c.end) && left-- > 0 ? c.fault : slow;
+    });
+    const auto& run = download({});
+    SCOPED_TRACE(&c - cases);
+    EXPECT_EQ(run.story, c.story) << run.error_text;
+    EXPECT_EQ(asked(), c.instead);
+    EXPECT_GE(sent_before, c.sent_before);
+    if (c.max_attempts > 0) {
+      EXPECT_EQ(server->bytes_sent(), 500);
+      EXPECT_EQ(dir.read("file.bin"), body);
+    }
+    server.reset();
+    RavelinOperation::clear_files(file());
+  }
+}
+
 TEST_F(DownloadTest, continues_with_every_byte_that_came_unless_the_content_has_changed) {
   set_default_options(Options::careful());
   std::string tag = "\"one\"";
