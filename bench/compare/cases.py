@@ -1,12 +1,16 @@
 """The measured cases. Each returns its samples by client and other data for its tables."""
 
+import contextlib
+import filecmp
 import json
 import os
+import random
 import re
 import signal
 import subprocess
 import time
 
+from .relay import Relay
 from .trial import Entry, Trial, median
 
 MIB, GIB = 1 << 20, 1 << 30
@@ -69,6 +73,77 @@ def small_cases(bench):
     return {f"{size // 1024} KiB, {name}": small(bench, size, where)
             for size in (64 * 1024, MIB) for name, where in (("RAM", bench.ram),
                                                              ("disk", bench.disk))}
+
+
+def through_relays(bench, files, base, names, rounds, flushes=False, **line):
+    """Each client has a relay of its own, which counts its connections."""
+    size = sum(served.stat().st_size for served in files.values())
+    with Trial(bench, bench.ram, rounds) as trial, contextlib.ExitStack() as stack:
+        relays = {name: stack.enter_context(Relay(base, **line)) for name in names}
+        entries = {name: Entry(bench.clients[name], relays[name].base, files) for name in names}
+        clients = trial.measure(list(entries.values()))
+        for name, entry in entries.items():
+            one = clients[entry.client.name]
+            one["connections"] = relays[name].connections / (rounds + 1)  # with the warm-up
+            if flushes and entry.client.ours:
+                one["flushes"] = trial.count_flushes(entry)
+    return {"bytes": size, "files": len(files), "clients": clients}
+
+
+def far(bench):
+    """Short downloads from a server whose answers take 60 ms."""
+    folder = bench.served_folder(64 * 1024, 40)
+    many_files = {f"/{folder.name}/{one.name}": one for one in sorted(folder.iterdir())}
+    one_name = ["ours", "curl", "aria2"]
+    result = {}
+    for title, files, names in (
+            ("40 files of 64 KiB", many_files,
+             ["ours split list", "ours list", "aria2 list", "curl list"]),
+            ("1 MiB", {f"/{MIB}.bin": bench.served(MIB)}, one_name),
+            ("20 MiB", {f"/{20 * MIB}.bin": bench.served(20 * MIB)}, one_name)):
+        result[title] = through_relays(bench, files, bench.server.tls, names, bench.rounds,
+                                       delay=0.03)
+    probe = bench.served(bench.size(800 * MIB))
+    result["relay"] = through_relays(bench, {f"/{probe.name}": probe}, bench.server.tls, ["curl"],
+                                     1, delay=0.03)
+    return result
+
+
+def home(bench):
+    """A line of 40 Mbit/s."""
+    served = bench.served(bench.size(40_000_000))
+    return {"rounds": 2, **through_relays(bench, {f"/{served.name}": served}, bench.server.tls,
+                                          ["ours", "curl", "aria2"], 2, flushes=True, delay=0.01,
+                                          rate=5_000_000)}
+
+
+def kills(bench):
+    """How much is received for a file if the download is killed three times on the way."""
+    served = bench.served(100_000_000)
+    repetitions = 3 if bench.quick else 9
+    result = {}
+    for title, burst in (("evenly", None), ("in bursts", 0.1)):
+        moments = random.Random(1)  # the same ones each time
+        with Relay(bench.server.plain, rate=50_000_000, burst=burst) as relay:
+            costs = [killed_download(bench, served, relay, moments) for _ in range(repetitions)]
+        result[title] = costs
+        bench.say(f"  {title}: " + ", ".join(f"{cost:.3f}" for cost in costs))
+    return {"bytes": 100_000_000, "rounds": repetitions, "costs": result}
+
+
+def killed_download(bench, served, relay, moments):
+    with Trial(bench, bench.disk, 1) as trial:
+        file, before = trial.folder / "file", relay.received
+        command = [bench.ravelin, "get", "-q", f"{relay.base}/{served.name}", "-o", file]
+        environment = {"PATH": os.environ["PATH"], "HOME": str(trial.folder)}
+        for _ in range(3):
+            with subprocess.Popen(command, env=environment) as process:
+                time.sleep(moments.uniform(0.25, 0.65))
+                process.kill()
+        subprocess.run(command, env=environment, check=True)
+        if process.returncode != -signal.SIGKILL or not filecmp.cmp(file, served, shallow=False):
+            raise SystemExit("bench: a killed download did not resume correctly")
+        return (relay.received - before) / served.stat().st_size
 
 
 def many(bench):
@@ -247,5 +322,5 @@ def waiting(bench):
 
 
 CASES = {"ram": ram, "disk": disk, "tls": tls, "limited": limited, "split": split,
-         "small": small_cases, "many": many, "memory": memory, "resume": resume,
+         "far": far, "home": home, "kills": kills, "small": small_cases, "many": many, "memory": memory, "resume": resume,
          "main-thread": main_thread, "micro": micro, "waiting": waiting}

@@ -24,6 +24,12 @@ class Job:
     def file(self):
         return self.folder / "file"
 
+    def trusting(self, option):
+        """The option that names the certificate, in one or two words, if there is TLS."""
+        if not self.link.startswith("https:"):
+            return []
+        return [f"{option}{self.ca}"] if option.endswith("=") else [option, self.ca]
+
 
 @dataclasses.dataclass
 class Client:
@@ -48,19 +54,21 @@ def programs(ravelin):
                             "-o", job.file, job.link]
 
     def ours_list(*options):
-        return lambda job: [ravelin, "get", "-q", *options, "-d", job.folder, "-i", job.list]
+        return lambda job: [ravelin, "get", "-q", *job.trusting("--cacert"), *options,
+                            "-d", job.folder, "-i", job.list]
 
     def aria2_one(*options):
         return lambda job: [*aria2, f"--ca-certificate={job.ca}", *options,
                             "-d", job.folder, "-o", "file", job.link]
 
     def aria2_list(*options):
-        return lambda job: [*aria2, "--file-allocation=none", *options,
-                            "-d", job.folder, "-i", job.list]
+        return lambda job: [*aria2, "--file-allocation=none",
+                            *job.trusting("--ca-certificate="), *options, "-d", job.folder, "-i", job.list]
 
     def curl_list(parallel):
         return lambda job: ["curl", "-q", "-sS", "-f", "-Z", "--parallel-max", str(parallel),
-                            "--remote-name-all", "--output-dir", job.folder, *job.links]
+                            *job.trusting("--cacert"), "--remote-name-all", "--output-dir",
+                            job.folder, *job.links]
 
     def wget2(*options):
         return lambda job: ["wget2", "-q", "--no-hsts", f"--ca-certificate={job.ca}", *options,
@@ -79,6 +87,7 @@ def programs(ravelin):
             "-o", job.file, job.link]),
         "wget2": Client("wget2", wget2()),
         "wget2 split": Client("wget2 --chunk-size", wget2("--chunk-size=64M", "--max-threads=5")),
+        "ours split list": Client("ravelin -j5", ours_list("-j5"), True),
         "ours list": Client("ravelin -j5 --no-split", ours_list("-j5", "--no-split"), True),
         "aria2 list": Client("aria2 -j5", aria2_list("-j5")),
         "curl list": Client("curl -Z", curl_list(5)),

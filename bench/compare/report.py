@@ -12,7 +12,9 @@ MIB, GIB = 1 << 20, 1 << 30
 TITLES = {
     "ram": "One file to RAM", "disk": "One file to disk", "tls": "TLS, to RAM",
     "limited": "Server limited to 10 MiB/s per connection",
-    "split": "Five connections or one, to RAM", "small": "Many small files, five at once",
+    "split": "Five connections or one, to RAM",
+    "far": "A server 60 ms away, TLS, to RAM", "home": "A line of 40 Mbit/s, TLS, to RAM",
+    "kills": "Killed three times, to disk", "small": "Many small files, five at once",
     "many": "1, 10 and 100 downloads at once", "memory": "Peak memory by file size",
     "resume": "Resuming 10 GiB that are nearly complete",
     "main-thread": "Time that the main thread is blocked", "micro": "Single steps",
@@ -26,6 +28,11 @@ NOTES = {
             "before they are on disk; `then sync` includes the time until they are.",
     "tls": "All clients use the same cipher (TLS 1.3, AES-256-GCM).",
     "split": "The cost or gain of four more connections when the network is not the limit.",
+    "far": "A relay delays each byte by 30 ms in either direction. The TCP handshake is not "
+           "delayed. The connections are those of one run.",
+    "home": "All connections share the line, which delays each byte by 10 ms.",
+    "kills": "A relay passes on 50 MB/s. The program is killed three times in the course of the "
+             "download and then allowed to finish. In bursts: 5 MB every 0.1 s.",
     "small": "One process, one connection per file.",
     "many": "The same number of bytes as 1, 10 and 100 files in one process, with a raised limit.",
     "resume": "The record is from a real interrupted download, edited so that only the last MiB of "
@@ -87,8 +94,10 @@ def client_table(case):
     ours = median(next(iter(clients.values())), "wall")
     flushes = any("flushes" in one for one in clients.values())
     threads = any(max(one.get("threads", [0])) for one in clients.values())
+    connections = any("connections" in one for one in clients.values())
     head = ["", "wall s", "min to max", "MiB/s", "ours is", "CPU s", "CPU s per GiB",
-            "peak MiB"] + ["flushes"] * flushes + ["threads"] * threads
+            "peak MiB"] + ["flushes"] * flushes + ["threads"] * threads \
+        + ["connections"] * connections
     rows = []
     for name, one in clients.items():
         wall, cpu = median(one, "wall"), median(one, "cpu")
@@ -97,6 +106,7 @@ def client_table(case):
                f"{median(one, 'peak') / MIB:.1f}"]
         row += [str(one.get("flushes", ""))] * flushes
         row += [f"{median(one, 'threads'):.0f}"] * threads
+        row += [f"{one.get('connections', 0):.3g}"] * connections
         rows.append(row)
     return table(head, rows)
 
@@ -116,6 +126,21 @@ def many_table(case):
 def small_table(cases):
     return "\n".join(f"{case['files']} files of {name}:\n\n{client_table(case)}"
                      for name, case in cases.items() if isinstance(case, dict))
+
+
+def far_table(cases):
+    text = "\n".join(f"{name}:\n\n{client_table(case)}" for name, case in cases.items()
+                     if isinstance(case, dict) and name != "relay")
+    probe = cases["relay"]
+    speed = probe["bytes"] / MIB / median(probe["clients"]["curl"], "wall")
+    return text + f"\nThe relay passes {speed:.0f} MiB/s over one connection.\n"
+
+
+def kills_table(case):
+    return table(["bytes received per byte of file", "median", "least", "most"],
+                 [[f"bytes come {name}"] + [f"{value:.3f}" for value in (
+                     statistics.median(costs), min(costs), max(costs))]
+                  for name, costs in case["costs"].items()])
 
 
 def memory_table(case):
@@ -176,7 +201,7 @@ def waiting_table(case):
         f"{figures['cancel_all_until_ended_ms']:.0f} ms until all had ended.\n")
 
 
-TABLES = {"small": small_table, "many": many_table, "memory": memory_table, "resume": resume_table,
+TABLES = {"far": far_table, "kills": kills_table, "small": small_table, "many": many_table, "memory": memory_table, "resume": resume_table,
           "main-thread": main_thread_table, "micro": micro_table, "waiting": waiting_table}
 
 

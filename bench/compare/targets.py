@@ -2,6 +2,7 @@
 of cases that were not measured are omitted."""
 
 import dataclasses
+import statistics
 
 from .trial import median
 
@@ -54,6 +55,28 @@ def limited_targets(case):
                  ratio(case, "ravelin", "ravelin --no-split"), 0.21)
 
 
+def far_targets(cases):
+    many, one, twenty = (cases[name] for name in ("40 files of 64 KiB", "1 MiB", "20 MiB"))
+    for name in ("ravelin -j5", "ravelin -j5 --no-split"):
+        yield Target(f"60 ms away, 40 files of 64 KiB, {name}, wall, vs. aria2 -j5",
+                     ratio(many, name, "aria2 -j5"), 1.8)
+        yield Target(f"60 ms away, 40 files of 64 KiB, {name}, connections",
+                     many["clients"][name]["connections"], 60)
+    yield Target("60 ms away, 1 MiB, wall, vs. curl", ratio(one, "ravelin", "curl"), 1.8)
+    yield Target("60 ms away, 20 MiB, wall, vs. aria2", ratio(twenty, "ravelin", "aria2 -x5"), 1.2)
+
+
+def home_targets(case):
+    yield Target("40 Mbit/s, flushes", case["clients"]["ravelin"]["flushes"], 150)
+    yield Target("40 Mbit/s, wall, vs. curl", ratio(case, "ravelin", "curl"), 1.03)
+
+
+def kills_targets(case):
+    for name, costs in case["costs"].items():
+        yield Target(f"three kills, bytes that come {name}, received per byte of file",
+                     statistics.median(costs), 1.12)
+
+
 def small_targets(cases):
     for name, case in cases.items():
         if isinstance(case, dict):
@@ -90,6 +113,7 @@ def waiting_targets(case):
 
 
 ALL = {"ram": ram_targets, "disk": disk_targets, "tls": tls_targets, "limited": limited_targets,
+       "far": far_targets, "home": home_targets, "kills": kills_targets,
        "small": small_targets, "many": many_targets, "memory": memory_targets,
        "main-thread": main_thread_targets, "waiting": waiting_targets}
 

@@ -1,0 +1,110 @@
+"""Passes TCP connections on to a server as a distant or slow one would: bytes arrive late, at a
+limited rate, or in bursts. TLS passes through unchanged. The TCP handshake itself is not delayed."""
+
+import asyncio
+import collections
+import contextlib
+import math
+import threading
+import urllib.parse
+
+MAX_UNDERWAY = 16 << 20  # bytes of one direction of a connection, like a large TCP window
+
+
+class Link:
+    """One direction of the line that all connections share."""
+
+    def __init__(self, delay, rate=None, burst=None):
+        self.delay, self.rate, self.burst = delay, rate, burst  # seconds, bytes per second, seconds
+        self.free_at = 0
+        self.bytes = 0
+        # A slow line takes turns among the connections every two milliseconds.
+        self.piece = max(1460, int(rate * 0.002)) if rate else 256 << 10
+
+    def schedule(self, size, now):
+        """When the next bytes may be read, and when these arrive."""
+        if self.rate:  # a timer that fires late must not make the line slower
+            now = self.free_at = max(self.free_at, now - 0.02) + size / self.rate
+        arrival = math.ceil(now / self.burst) * self.burst if self.burst else now
+        return self.free_at, arrival + self.delay
+
+
+class Relay:
+    """Listens on a port of its own. `connections` counts those accepted, `received` the bytes of
+    the server that were passed on."""
+
+    def __init__(self, server, delay=0, rate=None, burst=None):
+        link = urllib.parse.urlsplit(server)
+        self._server = link.hostname, link.port
+        self._up, self._down = Link(delay), Link(delay, rate, burst)
+        self.connections = 0
+        self._loop = asyncio.new_event_loop()
+        listening = self._loop.run_until_complete(
+            asyncio.start_server(self._accept, "127.0.0.1", 0, limit=1 << 20))
+        self.base = f"{link.scheme}://127.0.0.1:{listening.sockets[0].getsockname()[1]}"
+        self._thread = threading.Thread(target=self._loop.run_forever, daemon=True)
+
+    def __enter__(self):
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._loop.call_soon_threadsafe(self._loop.stop)
+        self._thread.join()
+        for task in asyncio.all_tasks(self._loop):
+            task.cancel()
+        self._loop.run_until_complete(asyncio.sleep(0.01))
+        self._loop.close()
+
+    @property
+    def received(self):
+        return self._down.bytes
+
+    async def _accept(self, reader, writer):
+        self.connections += 1
+        with contextlib.suppress(asyncio.CancelledError, OSError):
+            server_reader, server_writer = await asyncio.open_connection(*self._server,
+                                                                         limit=1 << 20)
+            await asyncio.gather(self._pass_on(reader, server_writer, self._up),
+                                 self._pass_on(server_reader, writer, self._down))
+        writer.close()
+
+    async def _pass_on(self, reader, writer, link):
+        underway = collections.deque()  # arrival time and bytes
+        changed = asyncio.Event()
+        sender = asyncio.ensure_future(self._send(underway, changed, writer, link))
+        try:
+            while not sender.done():
+                data = await reader.read(link.piece)
+                read_at, arrival = link.schedule(len(data), self._loop.time())
+                underway.append((arrival, data))
+                changed.set()
+                if not data:
+                    break
+                await asyncio.sleep(read_at - self._loop.time() if link.rate else 0)
+                while sum(len(data) for _, data in underway) > MAX_UNDERWAY and not sender.done():
+                    await asyncio.sleep(0.001)
+        except OSError:
+            underway.append((0, b""))
+            changed.set()
+        await sender
+
+    async def _send(self, underway, changed, writer, link):
+        """An empty piece closes the connection."""
+        try:
+            while True:
+                while not underway:
+                    changed.clear()
+                    await changed.wait()
+                arrival, data = underway[0]
+                if arrival > self._loop.time():
+                    await asyncio.sleep(arrival - self._loop.time())
+                if not data:
+                    break
+                writer.write(data)
+                await writer.drain()
+                underway.popleft()
+                link.bytes += len(data)
+        except OSError:
+            pass
+        writer.close()
