@@ -201,6 +201,7 @@ void check_combination(const GetOptions& options, const std::string& input) {
 void apply(const RawOptions& raw, GetOptions& options) {
   auto& values = options.download;
   values = Options::careful();
+  values.reuse_header_response = true;
   if (raw.no_safeguards) {
     values.reject_http_errors = false;
     values.require_exact_ranges = false;

@@ -315,6 +315,9 @@ void ravelin_options_set_idle_timeout(ravelin_options* options, int64_t millisec
 void ravelin_options_set_max_connections(ravelin_options* options, int count) {
   options->options.max_connections = count;
 }
+void ravelin_options_set_reuse_header_response(ravelin_options* options, bool on) {
+  options->options.reuse_header_response = on;
+}
 void ravelin_options_set_retry(ravelin_options* options, int max_attempts, int64_t patience) {
   options->options.retry =
       Retry{.max_attempts = max_attempts, .patience = std::chrono::milliseconds(patience)};

@@ -87,7 +87,7 @@ void HeaderOpr::cancel() {
   });
 }
 
-void HeaderOpr::urlSession(URLSession&, platform::DataTask&,
+void HeaderOpr::urlSession(URLSession&, platform::DataTask& dataTask,
                            const platform::URLResponse& didReceive,
                            platform::ResponseHandler completionHandler) {
   if (recieved_response)
@@ -111,6 +111,12 @@ void HeaderOpr::urlSession(URLSession&, platform::DataTask&,
   ranges_accepted = ranges && ranges->find("bytes") != std::string::npos;
   content_len = announced_length(*http_header);
   server_side_date = case_insensitive(*http_header, "Date").value_or("");
+  if (holds_response && holds_response(required_result())) {
+    held_response = std::make_unique<platform::HeldResponse>(dataTask, didReceive,
+                                                             std::move(completionHandler));
+    sema->signal(); // the task does not end before the response is decided on
+    return;
+  }
   completionHandler(ResponseDisposition::cancel);
 }
 

@@ -49,8 +49,14 @@ public:
   /// Set before `request`; null for the default options of the process.
   std::shared_ptr<const platform::RequestSettings> settings;
 
+  /// Whether a response with this result is held for another request instead of being refused; set
+  /// before `request`. Called on the delegate queue.
+  std::function<bool(const Result& result)> holds_response;
+
   /// The full response, after success.
   platform::URLResponse response;
+  /// The same, if it is held.
+  std::unique_ptr<platform::HeldResponse> held_response;
 
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
                   const platform::URLResponse& didReceive,

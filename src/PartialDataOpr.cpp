@@ -53,13 +53,18 @@ void PartialDataOpr::start_task(const URL& url, const StatusClosure& status_clos
   total_fetched_bytes = 0;
   received_bytes = 0;
   status_closure({Status::connecting{}});
-  platform::URLRequest request(url);
-  request.cache_policy = platform::CachePolicy::use_protocol_cache_policy;
-  request.time_out_interval = std::chrono::milliseconds(60'000);
-  request.range = asked_range;
-  auto task = ephemeral_session->data_task(std::move(request));
-  task->resume();
-  data_task = std::move(task);
+  if (held_response) {
+    data_task = std::exchange(held_response, nullptr)
+                    ->hand_over(std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
+  } else {
+    platform::URLRequest request(url);
+    request.cache_policy = platform::CachePolicy::use_protocol_cache_policy;
+    request.time_out_interval = std::chrono::milliseconds(60'000);
+    request.range = asked_range;
+    auto task = ephemeral_session->data_task(std::move(request));
+    task->resume();
+    data_task = std::move(task);
+  }
   if (is_cancelled()) // by the callback, before there was a task
     data_task->cancel();
 }

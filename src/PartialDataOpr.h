@@ -55,6 +55,10 @@ public:
   /// Set before `request`; null for the default options of the process.
   std::shared_ptr<const platform::RequestSettings> settings;
 
+  /// The response to the header request, to use instead of sending another request. Set before
+  /// `request`, which must then be for the whole content of the same link.
+  std::unique_ptr<platform::HeldResponse> held_response;
+
   /// The version that the response must have, if changed content is rejected. Set before `request`.
   std::optional<ContentVersion> expected_version;
 

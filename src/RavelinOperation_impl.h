@@ -115,8 +115,9 @@ public:
   void check_finished_file() const MAIN_ONLY;
 
   // The transfer.
-  void bg_request_http_header(const URL& link) BG_ONLY;
-  void bg_start_connections(Run& run, bool split_allowed) BG_ONLY;
+  using HeldResponse = std::unique_ptr<platform::HeldResponse>;
+  HeldResponse bg_request_http_header(const URL& link, bool split_allowed) BG_ONLY;
+  void bg_start_connections(Run& run, bool split_allowed, HeldResponse held_response) BG_ONLY;
   bool bg_prepare_files(Run& run, bool split_allowed) BG_ONLY;
   void check_content(const URL& link) MAIN_ONLY;
   void save_if_behind() MAIN_ONLY;
@@ -124,9 +125,10 @@ public:
   void save_received() noexcept MAIN_ONLY;
 
   // The parts of the transfer.
-  void start_parts(const URL& link, bool should_split) MAIN_ONLY;
+  void start_parts(const URL& link, bool should_split, HeldResponse held_response) MAIN_ONLY;
   void start_waiting_parts(const URL& link) MAIN_ONLY;
-  void start_download(const URL& link, std::int64_t part_index, bool use_range) MAIN_ONLY;
+  void start_download(const URL& link, std::int64_t part_index, bool use_range,
+                      HeldResponse held_response = nullptr) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;
   Progress advance_progress() MAIN_ONLY;
   void bg_after_receive_data(PartialDataOpr& request) BG_ONLY;

@@ -31,10 +31,11 @@ ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData
 
 } // namespace
 
-void RavelinOperation::Impl::start_parts(const URL& link, bool should_split) {
+void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
+                                         HeldResponse held_response) {
   parts = PartSchedule(settings->options);
   if (!should_split) {
-    start_download(link, 0, false);
+    start_download(link, 0, false, std::move(held_response));
     return;
   }
   for (std::int64_t i = 0; i < split_count; ++i)
@@ -55,7 +56,7 @@ void RavelinOperation::Impl::start_waiting_parts(const URL& link) {
 }
 
 void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_index,
-                                            bool use_range) {
+                                            bool use_range, HeldResponse held_response) {
   bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
   std::optional<PartialDataOpr::BytesRange> range;
   if (use_range) {
@@ -67,6 +68,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
   }
   const auto request = std::make_shared<PartialDataOpr>();
   request->settings = settings;
+  request->held_response = std::move(held_response);
   request->expected_version = probed_version;
   request->expected_version->begun = file_proc->resume_data->server_side_date;
   partial_data_oprs.insert(request);

@@ -18,10 +18,10 @@ void RavelinOperation::Impl::bg_download(Run& run) {
   for (;;) {
     Error error = bramblekit::to_error(Exception());
     try {
-      bg_request_http_header(run.link);
+      auto held_response = bg_request_http_header(run.link, split);
       if (bg_is_complete(run))
         return;
-      bg_start_connections(run, split);
+      bg_start_connections(run, split, std::move(held_response));
       return;
     } catch (...) {
       error = Error::current();

@@ -27,10 +27,17 @@ constexpr auto save_check_interval = std::chrono::milliseconds(50);
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 
+bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int64_t> length) {
+  return split_allowed && ranges_accepted && length.value_or(0) > 0;
+}
+
 } // namespace
 
-void RavelinOperation::Impl::bg_request_http_header(const URL& link) {
+/// Returns the response if the content is to be taken from it.
+RavelinOperation::Impl::HeldResponse
+RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allowed) {
   std::optional<HeaderOpr::Status> result;
+  HeldResponse held_response;
   bool has_header = false;
   bramblekit::wait_signal_main([&](Semaphore& sema) MAIN_ONLY {
     is_header_received = false;
@@ -45,6 +52,10 @@ void RavelinOperation::Impl::bg_request_http_header(const URL& link) {
       throw Exception(); // by the callback, before there was a request to cancel
     header_opr = std::make_shared<HeaderOpr>();
     header_opr->settings = settings;
+    if (settings->options.reuse_header_response.value_or(false))
+      header_opr->holds_response = [split_allowed](const HeaderOpr::Result& header) {
+        return !can_split(split_allowed, header.ranges_accepted, header.content_length);
+      };
     // Last: if anything threw after it, the request would outlive the locals that it refers to.
     header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
       result = status;
@@ -56,6 +67,7 @@ void RavelinOperation::Impl::bg_request_http_header(const URL& link) {
           content_len = success->result.content_length;
         server_side_date = success->result.server_side_date;
         response = make_response(request->response, success->result);
+        held_response = std::move(request->held_response);
         probed_version = ContentVersion::of_whole(success->result.header);
       }
       has_header = is_header_received;
@@ -74,9 +86,11 @@ void RavelinOperation::Impl::bg_request_http_header(const URL& link) {
     throw error_msg("File content has zero length.", source_file, header_function, 259);
   if (!has_header)
     throw error_msg("Couldn't receive http header.", source_file, header_function, 271);
+  return held_response;
 }
 
-void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed) {
+void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
+                                                  HeldResponse held_response) {
   bg_check_unfinished(run);
   const bool should_split = bg_prepare_files(run, split_allowed);
   std::optional<Error> error;
@@ -89,7 +103,7 @@ void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed) 
       if (opr.is_cancelled())
         throw Exception();
       check_content(run.link);
-      start_parts(run.link, should_split);
+      start_parts(run.link, should_split, std::move(held_response));
       return data_opr_sema;
     });
     while (running && !running->wait_for(save_check_interval))
@@ -114,7 +128,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
     download_exception.reset();
     download_started = false;
     speed_meter.reset();
-    const bool split = split_allowed && ranges_accepted && content_len.value_or(0) > 0;
+    const bool split = can_split(split_allowed, ranges_accepted, content_len);
     file_proc = std::make_shared<FileProcessor>(opr);
     if (split)
       file_proc->split_count = split_count;

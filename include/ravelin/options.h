@@ -85,6 +85,10 @@ struct [[gnu::visibility("default")]] Options {
   std::optional<Retry> retry;
   /// Maximum connections of one download, 1 to 5. Unset: 5.
   std::optional<int> max_connections;
+  /// Content that is not split is taken from the response that told its length, instead of being
+  /// requested again. One request less, and links that work only once can be downloaded. Unset:
+  /// off.
+  std::optional<bool> reuse_header_response;
 
   /// Called on the main thread before a run waits to retry. It may cancel the operation.
   std::function<void(const RetryNotice& notice)> on_retry;

@@ -192,6 +192,9 @@ void ravelin_options_set_rate_limit(ravelin_options* options, int64_t bytes_per_
 void ravelin_options_set_idle_timeout(ravelin_options* options, int64_t milliseconds);
 /** Maximum connections of one download, 1 to 5. */
 void ravelin_options_set_max_connections(ravelin_options* options, int count);
+/** Takes content that is not split from the response that told its length, instead of requesting it
+ * again. Links that work only once can then be downloaded. Off unless set. */
+void ravelin_options_set_reuse_header_response(ravelin_options* options, bool on);
 /** Retries after errors that may be temporary: up to `max_attempts` times without progress and,
  * once bytes have arrived, for up to `patience` milliseconds without progress. 0 and 0: never. */
 void ravelin_options_set_retry(ravelin_options* options, int max_attempts, int64_t patience);

@@ -46,6 +46,18 @@ void DataTask::receive_response(URLResponse response) {
   });
 }
 
+void DataTask::hand_over(std::weak_ptr<URLSessionDelegate> next, URLResponse response,
+                         ResponseHandler handler) {
+  session_->delegate_queue_.async([self = shared_from_this(), next = std::move(next),
+                                   response = std::move(response), handler = std::move(handler)] {
+    self->session_->delegate_ = next;
+    if (const auto delegate = next.lock())
+      delegate->urlSession(*self->session_, *self, response, handler);
+    else
+      handler(ResponseDisposition::cancel);
+  });
+}
+
 void DataTask::decide(ResponseDisposition disposition) {
   const bool refused = disposition == ResponseDisposition::cancel;
   if (refused)

@@ -89,7 +89,7 @@ private:
   URLSession(URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate);
 
   const URLSessionConfiguration configuration_;
-  const std::weak_ptr<URLSessionDelegate> delegate_;
+  std::weak_ptr<URLSessionDelegate> delegate_; // belongs to the delegate queue
   SerialQueue delegate_queue_;
 };
 

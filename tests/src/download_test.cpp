@@ -35,6 +35,60 @@ TEST_F(DownloadTest, fetches_five_ranges_where_it_can_and_else_the_whole) {
   }
 }
 
+// The server answers one request; the option decides whether that is enough.
+TEST_F(DownloadTest, takes_what_is_not_split_from_the_first_answer_if_told_to) {
+  const std::tuple<bool, bool, Reply, std::string, std::string> cases[] = {
+      {true, true, {.accept_ranges = false}, "cfsd+", "all"},
+      {true, false, {}, "cfsd+", "all"},
+      {true, true, {.send_length = false, .piece = 50, .piece_delay = 1ms}, "cfsd+", "all"},
+      {true, true, {.accept_ranges = false, .cut_after = 50}, "cfsdc!", "all all"},
+      {true, true, {.accept_ranges = false, .content_length = "0"}, "c!", "all"},
+      {true, true, {}, "cfc!", all_ranges + " all"},
+      {false, true, {.accept_ranges = false}, "cf!", "all all"}};
+  for (const auto& [reuse, split, reply, story, requests] : cases) {
+    SCOPED_TRACE(requests + (reuse ? ", reusing" : ""));
+    Options options;
+    options.reject_http_errors = true;
+    options.retry = Retry{.max_attempts = 1};
+    options.reuse_header_response = reuse;
+    serve([&](const Request& request) {
+      auto answer = request.index == 0 ? reply : Reply{.status = 410};
+      if (request.index == 0)
+        answer.body = body;
+      return answer;
+    });
+    const auto& run =
+        download({.split = split, .opr = std::make_shared<RavelinOperation>(options)});
+    EXPECT_EQ(run.story, story) << run.error_text;
+    EXPECT_EQ(asked(), requests);
+    if (run.story.ends_with('+')) {
+      EXPECT_EQ(dir.read("file.bin"), body);
+    }
+    RavelinOperation::clear_files(file());
+  }
+}
+
+// It ends the answer that it held, which the end of the test verifies.
+TEST_F(DownloadTest, drops_the_first_answer_if_it_does_not_get_to_the_content) {
+  serve(Reply{.body = body, .accept_ranges = false, .stall_after = 10});
+  Options options;
+  options.reuse_header_response = true;
+  for (const char at : {'c', 'f', 's', 'd'}) {
+    const auto opr = std::make_shared<RavelinOperation>(options);
+    const auto& run = download({.opr = opr, .then = [&](char event) {
+                                  if (event == at)
+                                    opr->cancel();
+                                }});
+    EXPECT_EQ(run.story, std::string("cfsd").substr(0, std::string("cfsd").find(at) + 1) + "xX");
+    RavelinOperation::clear_files(file());
+  }
+  const FaultyFiles calls([](std::string_view call, const std::string& path) {
+    return call == "open" && path.ends_with("file.bin");
+  });
+  EXPECT_EQ(download({.opr = std::make_shared<RavelinOperation>(options)}).story, "cf!");
+  RavelinOperation::clear_files(file());
+}
+
 TEST_F(DownloadTest, lets_the_other_parts_end_when_one_fails_and_then_asks_for_what_is_missing) {
   const std::pair<std::vector<std::size_t>, std::string> cases[] = {
       {{0, 0, 0, 0, 0}, all_ranges},
