@@ -86,7 +86,7 @@ def through_relays(bench, files, base, names, rounds, flushes=False, **line):
             one = clients[entry.client.name]
             one["connections"] = relays[name].connections / (rounds + 1)  # with the warm-up
             if flushes and entry.client.ours:
-                one["flushes"] = trial.count_flushes(entry)
+                one["flushes"] = trial.count_flushes(entry, of_files=True)
     return {"bytes": size, "files": len(files), "clients": clients}
 
 
@@ -322,5 +322,6 @@ def waiting(bench):
 
 
 CASES = {"ram": ram, "disk": disk, "tls": tls, "limited": limited, "split": split,
-         "far": far, "home": home, "kills": kills, "small": small_cases, "many": many, "memory": memory, "resume": resume,
+         "far": far, "home": home, "kills": kills, "small": small_cases, "many": many,
+         "memory": memory, "resume": resume,
          "main-thread": main_thread, "micro": micro, "waiting": waiting}

@@ -63,7 +63,8 @@ def programs(ravelin):
 
     def aria2_list(*options):
         return lambda job: [*aria2, "--file-allocation=none",
-                            *job.trusting("--ca-certificate="), *options, "-d", job.folder, "-i", job.list]
+                            *job.trusting("--ca-certificate="), *options,
+                            "-d", job.folder, "-i", job.list]
 
     def curl_list(parallel):
         return lambda job: ["curl", "-q", "-sS", "-f", "-Z", "--parallel-max", str(parallel),

@@ -1,5 +1,5 @@
 """Passes TCP connections on to a server as a distant or slow one would: bytes arrive late, at a
-limited rate, or in bursts. TLS passes through unchanged. The TCP handshake itself is not delayed."""
+limited rate, or in bursts. TLS passes through unchanged. The TCP handshake is not delayed."""
 
 import asyncio
 import collections

@@ -30,7 +30,8 @@ NOTES = {
     "split": "The cost or gain of four more connections when the network is not the limit.",
     "far": "A relay delays each byte by 30 ms in either direction. The TCP handshake is not "
            "delayed. The connections are those of one run.",
-    "home": "All connections share the line, which delays each byte by 10 ms.",
+    "home": "All connections share the line, which delays each byte by 10 ms. The flushes are "
+            "those of the file; the record has two more each time that it is saved.",
     "kills": "A relay passes on 50 MB/s. The program is killed three times in the course of the "
              "download and then allowed to finish. In bursts: 5 MB every 0.1 s.",
     "small": "One process, one connection per file.",
@@ -201,7 +202,8 @@ def waiting_table(case):
         f"{figures['cancel_all_until_ended_ms']:.0f} ms until all had ended.\n")
 
 
-TABLES = {"far": far_table, "kills": kills_table, "small": small_table, "many": many_table, "memory": memory_table, "resume": resume_table,
+TABLES = {"far": far_table, "kills": kills_table, "small": small_table, "many": many_table,
+          "memory": memory_table, "resume": resume_table,
           "main-thread": main_thread_table, "micro": micro_table, "waiting": waiting_table}
 
 

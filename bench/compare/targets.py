@@ -67,7 +67,7 @@ def far_targets(cases):
 
 
 def home_targets(case):
-    yield Target("40 Mbit/s, flushes", case["clients"]["ravelin"]["flushes"], 150)
+    yield Target("40 Mbit/s, flushes of the file", case["clients"]["ravelin"]["flushes"], 150)
     yield Target("40 Mbit/s, wall, vs. curl", ratio(case, "ravelin", "curl"), 1.03)
 
 

@@ -62,14 +62,16 @@ class Trial:
         return {"wall": float(fields[1]), "cpu": float(fields[2]), "peak": int(fields[3]) * 1024,
                 "threads": int(fields[4])}
 
-    def count_flushes(self, entry):
-        """In a separate run, since tracing is slow."""
+    def count_flushes(self, entry, of_files=False):
+        """All, or only those of the downloaded files and not of records and directories. In a
+        separate run, since tracing is slow."""
         with self._job(entry) as job:
             log = self.folder / "flushes"
-            self._call(["strace", "-f", "--seccomp-bpf", "-c", "-o", log,
+            self._call(["strace", "-f", "--seccomp-bpf", "-y", "-o", log,
                         "-e", "trace=fsync,fdatasync", *entry.client.command(job)], check=True)
-            return sum(int(line.split()[3]) for line in log.read_text().splitlines()
-                       if re.search(r"\b(fsync|fdatasync)$", line))
+            flushed = re.findall(r"\b(?:fsync|fdatasync)\(\d+<([^>]*)>", log.read_text())
+            names = {job.file.name, *(pathlib.PurePath(path).name for path in entry.files)}
+            return sum(not of_files or pathlib.PurePath(path).name in names for path in flushed)
 
     def _call(self, command, **options):
         environment = {"PATH": os.environ["PATH"], "LC_ALL": "C", "HOME": str(self.folder),
