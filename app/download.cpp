@@ -1,12 +1,13 @@
 #include "app/download.h"
 
 #include "app/event_lines.h"
+#include "app/finished_file.h"
 #include "app/naming.h"
 #include "app/output.h"
-#include "app/sha256.h"
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <thread>
 #include <utility>
 
@@ -36,28 +37,48 @@ std::string describe_reason(const CustomError& error) {
 
 } // namespace
 
-Download::Download(std::string link, fs::path file, const GetOptions& options, ProgressView& view)
-    : link_(std::move(link)), file_(std::move(file)), options_(options), view_(view),
+Download::Download(Link link, fs::path file, const GetOptions& options, ProgressView& view)
+    : link_(std::move(link.url)), checksum_(std::move(link.checksum)), file_(std::move(file)),
+      options_(options), view_(view),
       row_(view.add(file_.filename().native(), [this] { return speed(); })) {}
 
 void Download::start(std::function<void(End)> on_end) {
   on_end_ = std::move(on_end);
-  std::error_code ignored;
-  if (link_.starts_with("file:"))
-    return fail("only http and https links are supported");
-  if (fs::is_directory(file_, ignored))
-    return fail("the destination is a directory; name a file with --output, or use --dir");
-  if (fs::exists(file_, ignored) && !fs::is_regular_file(file_, ignored))
-    return fail("the destination is a pipe or a device; name a file with --output");
+  if (options_.checksum_list && !checksum_)
+    checksum_ = find_checksum(options_.checksum_list_text, file_.filename().native());
+  if (options_.checksum_list && !checksum_)
+    checksum_ =
+        find_checksum(options_.checksum_list_text, suggested_name(URL(link_)).value_or(no_name));
+  if (const auto reason = refusal())
+    return fail(*reason);
   if (cancelled_)
     return stop();
   started_ = true;
+  began_at_ = std::chrono::steady_clock::now();
+  begin(options_.on_conflict);
+}
+
+/// Why the download cannot start.
+std::optional<std::string> Download::refusal() const {
+  std::error_code ignored;
+  if (link_.starts_with("file:"))
+    return "only http and https links are supported";
+  if (fs::is_directory(file_, ignored))
+    return "the destination is a directory; name a file with --output, or use --dir";
+  if (fs::exists(file_, ignored) && !fs::is_regular_file(file_, ignored))
+    return "the destination is a pipe or a device; name a file with --output";
+  if (options_.checksum_list && !checksum_)
+    return "'" + shown_link(*options_.checksum_list) + "' has no checksum of this file";
+  return std::nullopt;
+}
+
+void Download::begin(OnConflict on_conflict) {
   auto options = options_.download;
   options.on_retry = [self = shared_from_this()](const RetryNotice& notice) {
     self->on_retry(notice);
   };
   operation_ = std::make_shared<RavelinOperation>(std::move(options));
-  operation_->resume(URL(link_), URL::file(file_), options_.split, options_.on_conflict,
+  operation_->resume(URL(link_), URL::file(file_), options_.split, on_conflict,
                      [self = shared_from_this()](const Status& status) {
                        if (MainQueue::is_main_thread())
                          self->on_status(status);
@@ -75,8 +96,12 @@ void Download::on_status(const Status& status) {
         renamed_ = true;
         view_.rename(row_, file_.filename().native());
       },
-      [](const Status::files_are_created&) {},
-      [&](const Status::started&) { is_downloaded_ = true; },
+      [&](const Status::files_are_created&) { is_new_ = true; },
+      [&](const Status::started&) {
+        is_downloaded_ = true;
+        if (!is_new_)
+          resumed_at_ = RavelinOperation::get_progress(URL::file(file_)).received_bytes;
+      },
       [&](const Status::downloading& e) { show_progress(e.progress); },
       [&](const Status::cancelled&) { stop(); },
       [&](const Status::error& e) { fail(e.custom_error); },
@@ -93,6 +118,7 @@ RavelinOperation::Speed Download::speed() const {
 
 void Download::show_progress(const Progress& progress) {
   view_.show_progress(row_, progress);
+  received_ = std::max<std::int64_t>(progress.received_bytes - resumed_at_, received_);
   const auto now = std::chrono::steady_clock::now();
   const bool is_complete = progress.content_length == progress.received_bytes;
   if (!is_complete && now - last_progress_event_ < options_.events_interval)
@@ -114,8 +140,27 @@ void Download::cancel() {
     operation_->cancel();
 }
 
+/// Content that has changed since the download was begun is downloaded from its beginning, once.
+bool Download::restarts_after(const CustomError& error) {
+  const auto* const other = error.get_if<CustomError::other>();
+  const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
+  if (!loading || loading->refusal != URLLoadingError::Refusal::changed_content ||
+      !options_.restart_changed || std::exchange(restarted_, true))
+    return false;
+  view_.print_message(fmt::format("ravelin: {}: {}; downloading it again", shown_link(link_),
+                                  printable(error.text())));
+  print_event({Status::error{error}}, false);
+  resumed_at_ = 0;
+  is_new_ = true;
+  begin(OnConflict::replace);
+  return true;
+}
+
 void Download::on_success() {
-  if (options_.sha256)
+  const auto response = operation_->response();
+  if (!checksum_ && is_downloaded_ && options_.check_digests && response)
+    checksum_ = digest_of(*response);
+  if (checksum_)
     verify_checksum();
   else
     succeed(describe_success());
@@ -124,34 +169,35 @@ void Download::on_success() {
 void Download::verify_checksum() {
   view_.show_state(row_, "checking the checksum");
   std::thread([self = shared_from_this()]() mutable {
-    std::string sha256;
+    Checksum found;
     std::string error;
     try {
-      sha256 = sha256_of(self->file_);
+      found = checksum_of(self->file_, self->checksum_->algorithm);
     } catch (const std::exception& e) {
       error = e.what();
     }
-    MainQueue::async([self = std::move(self), sha256, error] {
+    MainQueue::async([self = std::move(self), found, error] {
       if (!error.empty())
         self->fail(error);
-      else if (sha256 == *self->options_.sha256)
+      else if (found.digits == self->checksum_->digits)
         self->succeed(self->describe_success() + ", checksum OK");
       else
-        self->fail_checksum(sha256);
+        self->fail_checksum(found);
     });
   }).detach();
 }
 
-void Download::fail_checksum(const std::string& sha256) {
+void Download::fail_checksum(const Checksum& found) {
   auto kept_as = file_;
   if (is_downloaded_) { // a file that existed before is not ours to rename
     std::error_code error;
-    kept_as += ".sha256-mismatch";
+    kept_as += found.algorithm == Checksum::sha256 ? ".sha256-mismatch" : ".sha512-mismatch";
     fs::rename(file_, kept_as, error);
     if (error)
       kept_as = file_;
   }
-  fail("SHA-256 mismatch: got " + sha256 + "; the file was kept as '" + kept_as.native() + "'");
+  fail(found.name() + " mismatch: got " + found.digits + "; the file was kept as '" +
+       kept_as.native() + "'");
 }
 
 std::string Download::describe_success() const {
@@ -159,7 +205,10 @@ std::string Download::describe_success() const {
     return "already complete";
   std::error_code error;
   const auto size = fs::file_size(file_, error);
-  return error ? "done" : "done, " + human_size(static_cast<std::int64_t>(size));
+  if (error)
+    return "done";
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - began_at_;
+  return "done, " + human_size(static_cast<std::int64_t>(size)) + describe_average(received_, time);
 }
 
 std::string Download::describe_interruption() const {
@@ -180,6 +229,11 @@ void Download::print_event(const Status& status, bool is_final) {
 }
 
 void Download::succeed(const std::string& summary) {
+  if (is_downloaded_ && options_.remote_time)
+    if (const auto response = operation_->response())
+      set_remote_time(file_, *response);
+  if (is_downloaded_ && options_.note_origin)
+    note_origin_link(file_, link_);
   print_event({Status::success{}});
   end(End::success, summary);
 }
@@ -192,6 +246,8 @@ void Download::stop() {
 void Download::fail(const CustomError& error) {
   if (cancelled_)
     return stop();
+  if (restarts_after(error))
+    return;
   print_event({Status::error{error}});
   show_failure(describe_reason(error));
 }

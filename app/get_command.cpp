@@ -1,5 +1,6 @@
 #include "app/get_command.h"
 
+#include "app/checksum_list.h"
 #include "app/download.h"
 #include "app/event_lines.h"
 #include "app/name_request.h"
@@ -7,6 +8,8 @@
 #include "app/output.h"
 
 #include <ravelin/ravelin.hpp>
+
+#include <fmt/core.h>
 
 #include <csignal>
 #include <deque>
@@ -26,12 +29,13 @@ namespace fs = std::filesystem;
 /// Threads: main thread.
 class Batch {
 public:
-  explicit Batch(const GetOptions& options)
-      : options_(options), view_(options.quiet || options.events), files_(options.links.size()) {}
+  explicit Batch(GetOptions options)
+      : options_(std::move(options)), view_(options_.quiet || options_.events),
+        files_(options_.links.size()) {}
 
   void start() {
     for (std::size_t i = 0; i < files_.size(); ++i) {
-      const auto& link = options_.links[i];
+      const auto& link = options_.links[i].url;
       const fs::path name = options_.output.value_or(suggested_name(URL(link)).value_or(no_name));
       if (!options_.output && (options_.remote_names || name == no_name))
         name_requests_.emplace_back(i, std::make_unique<NameRequest>(link, options_, view_));
@@ -53,9 +57,11 @@ public:
 
   int exit_status() {
     view_.close();
+    if (files_.size() > 1 && !options_.quiet && !options_.events)
+      print_summary();
     if (signal_)
       return signal_ == SIGTERM ? terminated : interrupted;
-    return any_failed_ ? failed : success;
+    return failed_.empty() ? success : failed;
   }
 
 private:
@@ -84,18 +90,19 @@ private:
     if (!options_.directory.empty())
       fs::create_directories(options_.directory, ignored);
     for (const auto& link : options_.links)
-      ++same_paths_[path_of(link)];
+      ++same_paths_[path_of(link.url)];
     const bool in_list = files_.size() > 1;
     for (std::size_t i = 0; i < files_.size() && !signal_; ++i) {
-      any_failed_ = any_failed_ || !files_[i];
-      if (!files_[i])
+      const auto& link = options_.links[i];
+      if (!files_[i]) {
+        failed_.push_back(shown_link(link.url));
         continue;
+      }
       auto file = *files_[i];
       if (file.is_relative() && !options_.directory.empty())
         file = options_.directory / file;
-      const auto& link = options_.links[i];
       downloads_.push_back(std::make_shared<Download>(
-          link, in_list ? choose_file(file, link) : file, options_, view_));
+          link, in_list ? choose_file(file, link.url) : file, options_, view_));
     }
     unfinished_ = downloads_.size();
     for (const auto& download : downloads_) {
@@ -118,7 +125,7 @@ private:
     for (std::size_t i = 0; i < files_.size() && options_.events; ++i)
       if (!reported.contains(i))
         print_line(event_line({Status::cancelled{false, Progress()}},
-                              {.link = options_.links[i], .dest_file = ""}));
+                              {.link = options_.links[i].url, .dest_file = ""}));
   }
 
   /// Adds a number if another link has the same name. A link gets the number of an earlier run,
@@ -174,7 +181,10 @@ private:
   }
 
   void on_end(Download::End how, Queue& queue) {
-    any_failed_ = any_failed_ || how == Download::End::failure;
+    if (how == Download::End::failure)
+      failed_.push_back(printable(queue.front()->file().native()));
+    else if (how == Download::End::success)
+      ++succeeded_;
     queue.pop_front();
     if (!queue.empty()) {
       start_first(queue);
@@ -186,7 +196,24 @@ private:
       MainQueue::stop();
   }
 
-  const GetOptions& options_;
+  void print_summary() const {
+    std::int64_t bytes = 0;
+    for (const auto& download : downloads_)
+      bytes += download->received();
+    std::string text;
+    for (const auto& name : failed_)
+      text += "failed: " + name + "\n";
+    text += fmt::format("{} files: {} done", files_.size(), succeeded_);
+    if (!failed_.empty())
+      text += fmt::format(", {} failed", failed_.size());
+    if (const auto others = files_.size() - succeeded_ - failed_.size())
+      text += fmt::format(", {} not finished", others);
+    print_to_stderr(text + "; " + human_size(bytes) +
+                    describe_average(bytes, std::chrono::steady_clock::now() - began_at_) + "\n");
+  }
+
+  const GetOptions options_;
+  const std::chrono::steady_clock::time_point began_at_ = std::chrono::steady_clock::now();
   ProgressView view_;
   std::vector<std::optional<fs::path>> files_; // by index of the link
   std::vector<std::pair<std::size_t, std::unique_ptr<NameRequest>>> name_requests_;
@@ -200,7 +227,8 @@ private:
   std::deque<Queue*> waiting_;         // in the order of the links
   std::int64_t started_ = 0;           // queues that were started and are not empty
   std::size_t unfinished_ = 0;         // downloads
-  bool any_failed_ = false;
+  std::size_t succeeded_ = 0;
+  std::vector<std::string> failed_; // names of files, or links without one
   int signal_ = 0;
 };
 
@@ -240,7 +268,16 @@ void refresh_every_second(Batch& batch) {
 
 } // namespace
 
-int run_get(const GetOptions& options) {
+int run_get(GetOptions options) {
+  if (const auto& list = options.checksum_list) {
+    try {
+      options.checksum_list_text = read_checksum_list(*list, options.download);
+    } catch (const std::exception& error) {
+      print_to_stderr(fmt::format("ravelin: could not read the checksums in '{}': {}\n",
+                                  shown_link(*list), printable(error.what())));
+      return failed;
+    }
+  }
   const auto signals = signals_to_handle();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr); // before the first thread, which inherits it
   auto process_options = default_options();

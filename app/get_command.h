@@ -5,6 +5,6 @@
 namespace ravelin::app {
 
 /// Downloads all links and returns the exit status. Runs the main queue.
-int run_get(const GetOptions& options);
+int run_get(GetOptions options);
 
 } // namespace ravelin::app

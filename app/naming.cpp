@@ -4,6 +4,7 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <array>
 
 namespace ravelin::app {
@@ -26,6 +27,21 @@ std::string human_size(std::int64_t bytes) {
   for (; value >= 1024 && unit + 1 < units.size(); ++unit)
     value /= 1024;
   return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, units[unit]);
+}
+
+std::string human_time(std::chrono::seconds time) {
+  const auto whole = time.count();
+  if (whole >= 3600)
+    return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+  return fmt::format("{:02}:{:02}", whole / 60, whole % 60);
+}
+
+std::string describe_average(std::int64_t bytes, std::chrono::duration<double> time) {
+  const auto rate = static_cast<double>(bytes) / std::max(time.count(), 1e-3);
+  const auto shown = time.count() < 60
+                         ? fmt::format("{:.1f} s", time.count())
+                         : human_time(std::chrono::duration_cast<std::chrono::seconds>(time));
+  return fmt::format(" in {} ({}/s)", shown, human_size(static_cast<std::int64_t>(rate)));
 }
 
 } // namespace ravelin::app

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -16,5 +17,11 @@ std::string shown_link(const std::string& link);
 
 /// "12.3 MiB".
 std::string human_size(std::int64_t bytes);
+
+/// "12:34", with hours from an hour on.
+std::string human_time(std::chrono::seconds time);
+
+/// " in 4.2 s (2.9 MiB/s)".
+std::string describe_average(std::int64_t bytes, std::chrono::duration<double> time);
 
 } // namespace ravelin::app

@@ -7,6 +7,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -25,9 +26,12 @@ const std::map<std::string, OnConflict> policies = {{"resume", OnConflict::resum
 /// Option values as given, before they are checked and converted.
 struct RawOptions {
   std::string policy = "resume";
+  std::vector<std::string> links;
   std::vector<std::string> headers;
   std::string rate;
   std::string sha256;
+  std::string sha256_from;
+  std::string on_change = "restart";
   std::string proxy, ca_file, user_agent, output, directory, input;
   double timeout = 0;
   double events_interval = 0;
@@ -70,7 +74,8 @@ public:
 
 /// What to download, and where to.
 void add_file_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
-  get.add_option("URL", options.links, "Links to download (http or https)")->type_name("");
+  get.option_defaults()->group("Files");
+  get.add_option("URL", raw.links, "Links to download (http or https)")->type_name("");
   get.add_option("-o,--output", raw.output, "Write to this file (default: the name in the link)")
       ->type_name("FILE")
       ->check(not_empty);
@@ -80,25 +85,44 @@ void add_file_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.add_flag("-J,--remote-header-name", options.remote_names,
                "Ask the server for the file name; always done if the link has none");
   get.add_option("-i,--input-file", raw.input,
-                 "Read links from this file, one per line (- for standard input)")
+                 "Read links from this file, one per line (- for standard input); a SHA-256 "
+                 "checksum may follow a link")
       ->type_name("FILE")
       ->check(not_empty);
   get.add_option("-c,--on-conflict", raw.policy,
                  "What to do if the file exists: resume (default), replace, keep_both or stop")
       ->type_name("POLICY")
       ->check(CLI::IsMember(policies).description(""));
-  get.add_flag("--no-split", raw.no_split, "Use one connection instead of five");
+  get.add_option("--on-change", raw.on_change,
+                 "What to do if the content has changed since the download was begun: restart "
+                 "(default) or fail")
+      ->type_name("ACTION")
+      ->check(CLI::IsMember({"restart", "fail"}).description(""));
   get.add_option("-j,--max-downloads", options.max_downloads,
                  "Maximum number of files to download at once (default 5)")
       ->type_name("N")
       ->check(range(std::int64_t{1}, std::int64_t{1000}));
+  get.add_flag("-R,--remote-time", options.remote_time,
+               "Set the file's time to the one that the server tells");
+  get.add_flag("--xattr", options.note_origin,
+               "Note the link in the file's extended attributes, without password and query");
+}
+
+void add_checksum_options(CLI::App& get, RawOptions& raw) {
+  get.option_defaults()->group("Checksums");
   get.add_option("--sha256", raw.sha256, "Check the finished file against this checksum")
       ->type_name("HEX")
+      ->check(not_empty);
+  get.add_option("--sha256-from", raw.sha256_from,
+                 "Look up the checksums of the files in this list, as written by sha256sum")
+      ->type_name("FILE|URL")
       ->check(not_empty);
 }
 
 /// How to talk to servers.
 void add_network_options(CLI::App& get, RawOptions& raw) {
+  get.option_defaults()->group("Network");
+  get.add_flag("--no-split", raw.no_split, "Use one connection instead of five");
   get.add_option("--retry", raw.retries,
                  "Retry up to N times after a lost connection, a timeout or a busy server; resets "
                  "on progress (default 5, 0 turns retries off)")
@@ -129,12 +153,14 @@ void add_network_options(CLI::App& get, RawOptions& raw) {
       ->check([](const std::string& text) {
         return std::isnan(std::strtod(text.c_str(), nullptr)) ? "is not a number" : std::string();
       });
-  get.add_flag("--no-safeguards", raw.no_safeguards,
-               "Accept whatever the server sends: error pages, wrong ranges, changed content, and "
-               "redirects from https to http");
+  get.add_flag(
+      "--no-safeguards", raw.no_safeguards,
+      "Accept whatever the server sends: error pages, wrong ranges, changed content, wrong "
+      "digests, and redirects from https to http");
 }
 
 void add_output_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
+  get.option_defaults()->group("Output");
   get.add_flag("-q,--quiet", options.quiet, "Print errors only");
   get.add_flag("--events", options.events, "Print every event as a line of JSON");
   get.add_option("--events-interval", raw.events_interval,
@@ -160,7 +186,17 @@ void add_headers(ravelin::Options& values, const std::vector<std::string>& heade
   }
 }
 
-void read_links(const std::string& from, std::vector<std::string>& links) {
+/// A line of a list: a link, after which a checksum may follow.
+Link parse_link(const std::string& line) {
+  const auto blank = line.find_last_of(" \t");
+  const auto checksum =
+      blank == std::string::npos ? std::nullopt : parse_sha256(line.substr(blank + 1));
+  if (!checksum)
+    return {complete_link(line), std::nullopt};
+  return {complete_link(line.substr(0, line.find_last_not_of(" \t", blank) + 1)), checksum};
+}
+
+void read_links(const std::string& from, std::vector<Link>& links) {
   std::ifstream file;
   if (from != "-") {
     file.open(from);
@@ -174,27 +210,18 @@ void read_links(const std::string& from, std::vector<std::string>& links) {
     const auto begin = line.find_first_not_of(" \t\r");
     if (begin == std::string::npos || line[begin] == '#')
       continue;
-    links.push_back(line.substr(begin, line.find_last_not_of(" \t\r") - begin + 1));
+    links.push_back(parse_link(line.substr(begin, line.find_last_not_of(" \t\r") - begin + 1)));
   }
 }
 
-std::string parse_sha256(std::string text) {
-  std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
-  const bool well_formed =
-      text.size() == 64 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
-  if (!well_formed)
-    throw CLI::ValidationError("--sha256", "a SHA-256 checksum has 64 hexadecimal digits");
-  return text;
-}
-
-void check_combination(const GetOptions& options, const std::string& input) {
-  if (options.links.empty() && !input.empty())
-    throw CLI::ValidationError("--input-file", "'" + input + "' contains no links");
+void check_combination(const GetOptions& options, const RawOptions& raw) {
+  if (options.links.empty() && !raw.input.empty())
+    throw CLI::ValidationError("--input-file", "'" + raw.input + "' contains no links");
   if (options.links.empty())
     throw CLI::RequiredError("URL");
   if (options.links.size() > 1 && options.output)
     throw CLI::ValidationError("--output", "cannot write several links to one file; use --dir");
-  if (options.links.size() > 1 && options.sha256)
+  if (options.links.size() > 1 && !raw.sha256.empty())
     throw CLI::ValidationError("--sha256", "cannot check several links against one checksum");
 }
 
@@ -207,19 +234,20 @@ void apply(const RawOptions& raw, GetOptions& options) {
     values.require_exact_ranges = false;
     values.reject_changed_content = false;
     values.refuse_tls_downgrade = false;
+    options.check_digests = false;
   }
   options.on_conflict = policies.at(raw.policy);
+  options.restart_changed = raw.on_change == "restart" && options.on_conflict == OnConflict::resume;
   options.split = !raw.no_split;
   options.events_interval =
       std::chrono::milliseconds(static_cast<std::int64_t>(raw.events_interval * 1000));
   options.directory = raw.directory;
   if (!raw.output.empty())
     options.output = raw.output;
-  if (!raw.sha256.empty())
-    options.sha256 = parse_sha256(raw.sha256);
+  for (const auto& link : raw.links)
+    options.links.push_back({complete_link(link), std::nullopt});
   if (!raw.input.empty())
     read_links(raw.input, options.links);
-  std::ranges::transform(options.links, options.links.begin(), complete_link);
   values.retry =
       Retry{.max_attempts = raw.retries,
             .patience = std::chrono::milliseconds(static_cast<std::int64_t>(raw.patience * 1000)),
@@ -242,12 +270,24 @@ void apply(const RawOptions& raw, GetOptions& options) {
       values.ca_bundle = file;
 }
 
+void apply_checksums(const RawOptions& raw, GetOptions& options) {
+  if (!raw.sha256_from.empty())
+    options.checksum_list = raw.sha256_from;
+  if (raw.sha256.empty())
+    return;
+  options.links.front().checksum = parse_sha256(raw.sha256);
+  if (!options.links.front().checksum)
+    throw CLI::ValidationError("--sha256", "a SHA-256 checksum has 64 hexadecimal digits");
+}
+
 int print_parse_error(const CLI::App& parser, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) { // help and version
     std::ostringstream text;
     parser.exit(error, text);
     auto line = text.str();
     line.erase(line.find_last_not_of('\n') + 1);
+    for (auto gap = line.find("\n\n\n"); gap != std::string::npos; gap = line.find("\n\n\n"))
+      line.erase(gap, 1);
     print_line(line);
     return output_succeeded() ? success : failed;
   }
@@ -281,6 +321,31 @@ std::optional<std::int64_t> parse_size(const std::string& text) {
   return static_cast<std::int64_t>(bytes);
 }
 
+namespace {
+
+constexpr const char* examples = R"(Examples:
+  ravelin get https://example.com/image.iso
+  ravelin get -d isos -j 2 -i links.txt
+  ravelin get --sha256-from SHA256SUMS -R https://example.com/image.iso
+  ravelin get -H 'Authorization: Bearer TOKEN' -o data.bin https://example.com/d
+
+The same command resumes an interrupted download.)";
+
+/// The arguments in the order that the parser wants: last first. A link or an option of `get` in
+/// place of a command means `get`.
+std::vector<std::string> reversed_arguments(int argc, const char* const* argv) {
+  std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+  constexpr std::array own = {"-h", "--help", "-V", "--version"};
+  if (!arguments.empty() && std::ranges::find(own, arguments.front()) == own.end() &&
+      (arguments.front().starts_with('-') ||
+       arguments.front().find_first_of(".:/") != std::string::npos))
+    arguments.insert(arguments.begin(), "get");
+  std::ranges::reverse(arguments);
+  return arguments;
+}
+
+} // namespace
+
 Parsed parse_arguments(int argc, const char* const* argv) {
   CLI::App parser("Downloads files over HTTP and HTTPS, and resumes them.", "ravelin");
   parser.formatter(std::make_shared<HelpFormatter>());
@@ -293,7 +358,9 @@ Parsed parse_arguments(int argc, const char* const* argv) {
       parser.add_subcommand("status", "Show how much of each file has been downloaded");
   auto* const clear =
       parser.add_subcommand("clear", "Delete unfinished files and their resume records");
+  get->footer(examples);
   add_file_options(*get, options.get_options, raw);
+  add_checksum_options(*get, raw);
   add_network_options(*get, raw);
   add_output_options(*get, options.get_options, raw);
   std::vector<std::string> files;
@@ -302,11 +369,12 @@ Parsed parse_arguments(int argc, const char* const* argv) {
   for (auto* const command : {status, clear})
     command->add_option("FILE", files, "Destination files")->type_name("")->required();
   try {
-    parser.parse(argc, argv);
+    parser.parse(reversed_arguments(argc, argv));
     if (get->parsed()) {
       options.command = Arguments::get;
       apply(raw, options.get_options);
-      check_combination(options.get_options, raw.input);
+      check_combination(options.get_options, raw);
+      apply_checksums(raw, options.get_options);
     } else {
       options.command = status->parsed() ? Arguments::status : Arguments::clear;
       options.files.assign(files.begin(), files.end());

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/checksum.h"
+
 #include <ravelin/ravelin.hpp>
 
 #include <chrono>
@@ -13,15 +15,25 @@ namespace ravelin::app {
 
 enum ExitStatus { success = 0, failed = 1, usage_error = 2, interrupted = 130, terminated = 143 };
 
+struct Link {
+  std::string url;
+  std::optional<Checksum> checksum; // as given, not the server's
+};
+
 struct GetOptions {
-  std::vector<std::string> links;
+  std::vector<Link> links;
   std::optional<std::filesystem::path> output;
   std::filesystem::path directory;
   bool remote_names = false;
   OnConflict on_conflict = OnConflict::resume;
   bool split = true;
   std::int64_t max_downloads = 5;
-  std::optional<std::string> sha256;      // lower case
+  std::optional<std::string> checksum_list; // a file or a link
+  std::string checksum_list_text;
+  bool restart_changed = true; // if the content has changed since it was begun
+  bool check_digests = true;   // that servers send
+  bool remote_time = false;
+  bool note_origin = false;               // in an extended attribute
   std::optional<std::int64_t> rate_limit; // bytes per second, for all downloads together
   bool quiet = false;
   bool events = false;

@@ -1,5 +1,6 @@
 #include "app/progress_view.h"
 
+#include "app/columns.h"
 #include "app/naming.h"
 #include "app/output.h"
 
@@ -8,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <cwchar>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -34,13 +34,8 @@ bool use_colours() {
   return (!no_colour || !*no_colour) && isatty(STDERR_FILENO);
 }
 
-std::string human_time(const std::optional<std::chrono::seconds>& time) {
-  if (!time || time->count() > 359'999)
-    return "--:--";
-  const auto whole = static_cast<long>(time->count());
-  if (whole >= 3600)
-    return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
-  return fmt::format("{:02}:{:02}", whole / 60, whole % 60);
+std::string time_left(const std::optional<std::chrono::seconds>& time) {
+  return time && time->count() < 360'000 ? human_time(*time) : "--:--";
 }
 
 std::string bar(double share, std::size_t width) {
@@ -53,26 +48,6 @@ std::string bar(double share, std::size_t width) {
 }
 
 } // namespace
-
-std::string fitted(const std::string& text, std::size_t columns) {
-  std::string result;
-  std::size_t used = 0;
-  std::mbstate_t state{};
-  for (std::size_t i = 0; i < text.size();) {
-    wchar_t letter = 0;
-    const auto length = std::mbrtowc(&letter, text.data() + i, text.size() - i, &state);
-    const bool readable = length != 0 && length <= text.size() - i;
-    const auto width = readable ? static_cast<std::size_t>(std::max(wcwidth(letter), 0)) : 1;
-    if (used + width > columns)
-      break;
-    result += readable ? text.substr(i, length) : "?";
-    used += width;
-    i += readable ? length : 1;
-    if (!readable)
-      state = {};
-  }
-  return result + std::string(columns - used, ' ');
-}
 
 ProgressView::ProgressView(bool quiet) : quiet_(quiet) {
   const auto* const terminal = std::getenv("TERM");
@@ -130,37 +105,43 @@ void ProgressView::print_message(const std::string& line) {
 }
 
 void ProgressView::close() {
+  closed_ = true;
   draw(true);
-  drawn_lines_ = 0;
+  drawn_.clear();
 }
 
 void ProgressView::erase() {
-  if (drawn_lines_ > 0)
-    print_to_stderr(fmt::format("\x1b[{}A\r\x1b[J", drawn_lines_));
-  drawn_lines_ = 0;
+  // A terminal that has become narrower has wrapped them.
+  const auto width = std::max<std::size_t>(terminal_width(), 1);
+  std::size_t lines = 0;
+  for (const auto columns : drawn_)
+    lines += columns == 0 ? 1 : (columns - 1) / width + 1;
+  if (lines > 0)
+    print_to_stderr(fmt::format("\x1b[{}A\r\x1b[J", std::min(lines, terminal_height())));
+  drawn_.clear();
 }
 
 std::string ProgressView::describe_row(const Row& row, std::size_t width) const {
   const auto name_width = std::clamp<std::size_t>(width / 4, 8, 40);
   const auto name = fitted(row.name, name_width);
   if (!row.progress || !row.state.empty())
-    return name + " " + row.state;
+    return shortened(name + " " + row.state, width);
   const auto& progress = *row.progress;
   const auto size = human_size(progress.received_bytes);
   const auto speed = row.speed();
   const auto rate =
       fmt::format("{}/s", human_size(static_cast<std::int64_t>(speed.bytes_per_second)));
   if (!progress.prog_value || !progress.content_length)
-    return fmt::format("{} {:>10} {:>12}", name, size, rate);
+    return shortened(fmt::format("{} {:>10} {:>12}", name, size, rate), width);
   const double share = static_cast<double>(*progress.prog_value);
   const auto numbers =
       fmt::format(" {:3.0f}% {:>20} {:>12} {}", std::floor(share * 100),
                   size + "/" + human_size(*progress.content_length), rate,
-                  human_time(speed.left)); // fixed width, so that the bars are aligned
+                  time_left(speed.left)); // fixed width, so that the bars are aligned
   const auto room =
       width > name_width + numbers.size() + 4 ? width - name_width - numbers.size() - 4 : 0;
   if (room < 5)
-    return name + fmt::format(" {:3.0f}% {}", std::floor(share * 100), size);
+    return shortened(name + fmt::format(" {:3.0f}% {}", std::floor(share * 100), size), width);
   const auto drawn = bar(share, std::min<std::size_t>(room, 60));
   return name + " " + (use_colours() ? "\x1b[32m" + drawn + "\x1b[0m" : drawn) + numbers;
 }
@@ -193,15 +174,14 @@ void ProgressView::draw(bool now) {
       if (row.finished == finished && shown.size() < max_rows)
         shown.push_back(&row);
   std::ranges::sort(shown);
-  for (const auto* const row : shown) {
-    const auto text = describe_row(*row, width);
-    output += (text.find('\x1b') == std::string::npos ? fitted(text, width) : text) + "\n";
-  }
-  drawn_lines_ = shown.size();
-  if (rows_.size() > 1) {
-    output += fitted(describe_total(), width) + "\n";
-    ++drawn_lines_;
-  }
+  const auto add = [&](const std::string& text) {
+    output += text + "\n";
+    drawn_.push_back(display_width(text));
+  };
+  for (const auto* const row : shown)
+    add(describe_row(*row, width));
+  if (rows_.size() > 1 && !closed_)
+    add(shortened(describe_total(), width));
   print_to_stderr(output);
 }
 

@@ -31,7 +31,7 @@ public:
   void finish(std::size_t row, const std::string& summary);
   /// Prints a line above the live lines.
   void print_message(const std::string& line);
-  /// Draws a last time.
+  /// Draws a last time, without the total.
   void close();
 
 private:
@@ -52,12 +52,10 @@ private:
 
   bool quiet_;
   bool live_;
+  bool closed_ = false;
   std::vector<Row> rows_;
-  std::size_t drawn_lines_ = 0;
+  std::vector<std::size_t> drawn_; // columns of each line
   Clock::time_point drawn_at_{};
 };
-
-/// `text` cut or padded to `columns` terminal columns.
-std::string fitted(const std::string& text, std::size_t columns);
 
 } // namespace ravelin::app

@@ -2,9 +2,10 @@
 _ravelin() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local commands="get status clear"
-  local options="--output --dir --remote-header-name --input-file --on-conflict --no-split
-    --max-downloads --sha256 --retry --patience --header --limit-rate --proxy --cacert --user-agent
-    --timeout --no-safeguards --quiet --events --events-interval --help"
+  local options="--output --dir --remote-header-name --input-file --on-conflict --on-change
+    --remote-time --xattr --no-split --max-downloads --sha256 --sha256-from --retry --patience
+    --header --limit-rate --proxy --cacert --user-agent --timeout --no-safeguards --quiet --events
+    --events-interval --help"
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$word")
@@ -15,7 +16,11 @@ _ravelin() {
     mapfile -t COMPREPLY < <(compgen -W "resume replace keep_both stop" -- "$word")
     return
     ;;
-  -o | --output | -i | --input-file | --cacert)
+  --on-change)
+    mapfile -t COMPREPLY < <(compgen -W "restart fail" -- "$word")
+    return
+    ;;
+  -o | --output | -i | --input-file | --cacert | --sha256-from)
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
     return
     ;;

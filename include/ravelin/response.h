@@ -19,7 +19,7 @@ struct [[gnu::visibility("default")]] Response {
   URL url;        ///< after redirects
   int status = 0; ///< HTTP status
   /// Names and values. Names are as the server sent them; values of repeated fields are joined with
-  /// ", ".
+  /// ", ". A "Digest" that came with a redirect is included if the response has none.
   std::vector<std::pair<std::string, std::string>> header_fields;
   std::optional<std::int64_t> content_length; ///< bytes
   bool accepts_ranges = false;                ///< the server supports byte ranges

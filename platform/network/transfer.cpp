@@ -212,8 +212,11 @@ std::optional<Transfer::Outcome> Transfer::follow_redirect() {
   if (++redirects_ > max_redirects)
     return Outcome{url_error(URLError::too_many_redirects,
                              "more than " + std::to_string(max_redirects) + " redirects")};
+  const auto& fields = headers_.response().header_fields;
+  if (const auto* const digest = find_field(fields, "Digest"))
+    redirect_digest_ = *digest;
   try {
-    const auto next = link_.follow(*find_field(headers_.response().header_fields, "Location"));
+    const auto next = link_.follow(*find_field(fields, "Location"));
     if (task_->options().refuse_tls_downgrade.value_or(false) && link_.is_secure() &&
         !next.is_secure())
       throw URLLoadingError(URLError::secure_connection_failed,
@@ -312,6 +315,8 @@ void Transfer::report_response() {
   response_reported_ = true;
   response.is_http = !link_.is_file();
   response.url = link_.text();
+  if (!redirect_digest_.empty())
+    response.header_fields.try_emplace("Digest", redirect_digest_);
   task_->receive_response(response);
 }
 

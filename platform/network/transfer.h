@@ -87,6 +87,7 @@ private:
   char error_text_[CURL_ERROR_SIZE] = "";
   WebLink link_; // after the redirects so far
   int redirects_ = 0;
+  std::string redirect_digest_; // of the content, sent by a mirror network with its redirect
   std::optional<Clock::time_point> redirect_deadline_; // set while the response leads elsewhere
   bool has_bad_length_ = false;
   bool left_origin_ = false; // was redirected to another scheme, host or port

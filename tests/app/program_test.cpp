@@ -17,10 +17,16 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 const std::string body = pattern(400'003);
+const std::string sum = std::string(43, 'A') + "="; // of nothing here
 const std::map<std::string, Reply> replies = {
     {"ok", {.body = body}},
     {"slow", {.body = body, .piece = 2000, .piece_delay = 50ms}},    // two seconds in five parts
     {"slower", {.body = body, .piece = 2000, .piece_delay = 300ms}}, // twelve
+    {"v1", {.headers = {{"ETag", "\"1\""}}, .body = body, .piece = 2000, .piece_delay = 50ms}},
+    {"v2",
+     {.headers = {{"ETag", "\"2\""}, {"Last-Modified", "Thu, 01 Jan 1970 00:01:40 GMT"}},
+      .body = body}},
+    {"digest", {.status = 302, .headers = {{"Location", "/"}, {"Digest", "sha-256=" + sum}}}},
     {"cut", {.body = body, .cut_after = 5000}},
     {"empty", {.accept_ranges = false}},
     {"mute", {.header_delay = 1h}},
@@ -136,10 +142,14 @@ TEST(Program, does_what_the_command_line_says) {
   const std::string old = "echo -n old >f; ravelin get $at/f -c ";
   check(
       {{"ravelin --version", 0, "^ravelin \\d.*\n$"},
-       {"ravelin get $at/f", 0, "^(f: \\d+% .* of 390.6 KiB\\)\n)+f: done, 390.6 KiB\n$", "f "},
+       {"ravelin $at/f", 0,
+        "^(f: \\d+% .* of 390.6 KiB\\)\n)+f: done, 390.6 KiB in .* s \\(.*/s\\)\n$", "f "},
        {"TERM=xterm script -qec 'ravelin get $at/f?slow' x; rm x", 0, "\x1b\\[1A\r.*=> .*%", "f "},
        {"get $at/f && ravelin get $at/f", 0, "^f: already complete\n$", "f "},
-       {"ravelin get $at/f?empty", 0, "^f: done, 0 B\n$", "f: "},
+       {"ravelin get $at/f?empty", 0, "^f: done, 0 B in .*\n$", "f: "},
+       {"get -R --xattr ${at/'//'/'//u:p@'}/f?v2 && stat -c %Y f && python3 -c 'import os; "
+        "print(os.getxattr(\"f\", \"user.xdg.origin.url\").decode())'",
+        0, "^100\nhttp://127[^@?]*/f\n$", "f "},
        {"mkdir d; get -d d -o g $at/f; get -d d $at/f", 0, "^$", "d/f d/g "},
        {old + "resume", 1, "has 3 bytes, but .* has 400003", "f:old "},
        {old + "replace", 0, "done", "f "},
@@ -158,6 +168,13 @@ TEST(Program, does_what_the_command_line_says) {
        {"get $at/f; get $at/f" + wrong_sum, 1, "kept as .*f'\n", "f "},
        {"get $at/g; cat g >f; rm g; ravelin get $at/f; get $at/f" + wrong_sum, 1,
         "^f: already complete\n.*kept as .*f'\n$", "f "},
+       {"get $at/f?digest; get --no-safeguards $at/g?digest", 0, "mismatch",
+        "f.sha256-mismatch g "},
+       {"get $at/f; sha256sum f >list; get --sha256-from list -o g $at/f && "
+        "get --sha256-from list $at/h; get --sha256-from none $at/h; rm list",
+        0, "^.*no checksum of this file\n.*'none'.*No such file.*\n$", "f g "},
+       {"echo $at/a $(printf %064d 1) | ravelin get $at/b -i -", 1,
+        "failed: a\n2 files: 1 done, 1 failed; 781.3 KiB in .*\n$", "a.sha256-mismatch b "},
        {"get --no-safeguards $at/f?404", 0, "^$", "f:error page "},
        {R"(printf '\xef\xbb\xbf%s\r\n' '# 2' $at/a '' " $at/b" $at/a | get -j 1 -i -)", 0, "^$",
         "a a (1) b "},
@@ -240,6 +257,8 @@ TEST(Program, stops_and_continues) {
       {"for i in INT TERM HUP; do begin $at/$i?slow; stop $i; echo $?; ravelin status $i; get "
        "$at/$i; done",
        0, "^130\n.*can be resumed\n143\n.*resumed\n130\n.*resumed\n$", "HUP INT TERM "},
+      {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
+       "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
     rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});

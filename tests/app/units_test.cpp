@@ -1,7 +1,8 @@
+#include "app/checksum.h"
+#include "app/columns.h"
 #include "app/event_lines.h"
 #include "app/naming.h"
 #include "app/options.h"
-#include "app/progress_view.h"
 
 #include <clocale>
 #include <gtest/gtest.h>
@@ -36,14 +37,35 @@ TEST(Texts, are_fit_for_a_terminal) {
                      "\xF4\x90\x80\x80 -> " + lost + lost + lost + lost});
   ASSERT_TRUE(std::setlocale(LC_CTYPE, "C.UTF-8"));
   expect([](const auto& text) { return fitted(text, 6); },
-         {"abc -> abc   ", "abcdefgh -> abcdef", "\u00E4\u00F6 -> \u00E4\u00F6    ", " ->       ",
-          "\u65E5\u672C\u8A9E\u3067 -> \u65E5\u672C\u8A9E", "abcde\u65E5 -> abcde ",
-          "a\xFF!b\xC3 -> a?!b? "});
+         {"abc -> abc   ", "abcdefgh -> abcde\u2026", "\u00E4\u00F6 -> \u00E4\u00F6    ",
+          " ->       ", "\u65E5\u672C\u8A9E\u3067 -> \u65E5\u672C\u2026 ",
+          "abcde\u65E5 -> abcde\u2026", "a\xFF!b\xC3 -> a?!b? "});
   expect([](const auto& size) { return human_size(std::stoll(size)); },
          {"1023 -> 1023 B", "12897485 -> 12.3 MiB", "9223372036854775807 -> 8192.0 PiB"});
   expect([](const auto& text) { return std::to_string(parse_size(text).value_or(-1)); },
          {"7 -> 7", "1k -> 1024", "1.5MB -> 1572864", "2G -> 2147483648", "k -> -1", "1kk -> -1",
           "1KiB -> -1", "-1 -> -1", "nan -> -1", " -> -1", "9000000000G -> -1"});
+}
+
+TEST(Checksum, is_found_in_lists_and_fields) {
+  const std::string a(64, 'a'), b(64, 'B'), c = std::string(63, 'c') + "_";
+  const auto find = [](const std::string& list) {
+    return find_checksum(list, "x y").value_or(Checksum{{}, "none"}).digits.substr(0, 4);
+  };
+  expect(find, {a + "  x y -> aaaa", b + " *d/x y\r\n" + a + "  z -> bbbb",
+                "SHA256 (x y) = " + b + " -> bbbb", a + "\n -> aaaa", a + "\n" + b + " -> none",
+                a + "  z -> none", c + "  x y -> none", a + "a  x y -> none", " -> none"});
+  const auto name = [](const std::string& field) {
+    Response response;
+    response.header_fields = {{"repr-digest", field}};
+    const auto digest = digest_of(response);
+    return digest ? digest->name() + " " + digest->digits.substr(0, 6) : "none";
+  };
+  const std::string short_sum = "////" + std::string(39, 'A') + "=", long_sum(86, '/');
+  expect(name, {"sha-256=:" + short_sum + ": -> SHA-256 ffffff",
+                "md5=:aaaa:, sha-512=:" + long_sum + "==: -> SHA-512 ffffff",
+                "SHA-256=" + short_sum + ",unixsum=1 -> SHA-256 ffffff", "sha-256=:////: -> none",
+                "sha-256=:" + short_sum + " -> none", "xsha-256=:" + short_sum + ": -> none"});
 }
 
 TEST(EventLine, is_one_object_of_JSON) {
