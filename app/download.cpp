@@ -249,7 +249,19 @@ void Download::fail(const CustomError& error) {
   if (restarts_after(error))
     return;
   print_event({Status::error{error}});
-  show_failure(describe_reason(error));
+  show_failure(describe_reason(error) + describe_expiry(error));
+}
+
+/// What to do about a link that may have expired in the middle of a download.
+std::string Download::describe_expiry(const CustomError& error) const {
+  const auto* const other = error.get_if<CustomError::other>();
+  const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
+  const auto status = loading ? loading->http_status.value_or(0) : 0;
+  const bool may_have_expired = status == 401 || status == 403 || status == 410;
+  if (!may_have_expired || !RavelinOperation::get_file_state(URL::file(file_)).can_continue)
+    return "";
+  return "; if the link has expired, get a new one and resume with ravelin get -o '" +
+         file_.native() + "' LINK";
 }
 
 void Download::fail(const std::string& reason) {

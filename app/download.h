@@ -50,6 +50,7 @@ private:
   void fail_checksum(const Checksum& found);
   void show_failure(const std::string& reason);
   void end(End how, const std::string& summary);
+  std::string describe_expiry(const CustomError& error) const;
   std::string describe_success() const;
   std::string describe_interruption() const;
 

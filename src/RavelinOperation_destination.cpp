@@ -90,12 +90,17 @@ bool RavelinOperation::Impl::bg_is_complete(const Run& run) {
   return true;
 }
 
-/// An unfinished file from another link would be continued with the wrong content. Links that
-/// differ only in the query count as the same, since queries may contain tokens that change.
+/// An unfinished file from another link might be continued with the wrong content, unless the ETag
+/// is the same. Links that differ only in the query count as the same, since queries may contain
+/// tokens that change.
 void RavelinOperation::Impl::bg_check_unfinished(const Run& run) {
-  if (checks_destination() && !run.must_restart && exists(run.destination) &&
-      origin_of(run.destination, run.link) == Origin::other_link)
-    throw TextError("the unfinished file is from another link; delete it or choose another file");
+  if (!checks_destination() || run.must_restart || !exists(run.destination) ||
+      origin_of(run.destination, run.link) != Origin::other_link)
+    return;
+  const auto etag = main_sync([&]() MAIN_ONLY { return probed_version.strong_etag; });
+  if (!etag || etag != noted_etag(run.destination))
+    throw TextError("the unfinished file is from another link, and no ETag shows that its content "
+                    "is the same; delete it or choose another file");
 }
 
 /// Whether existing files must be replaced, for example because the file is shorter than recorded.

@@ -165,7 +165,8 @@ void RavelinOperation::Impl::check_content(const URL& link) {
   if (const auto refused =
           safeguards.refuse_continuing(record.server_side_date, noted_etag(file), probed_version))
     refused->rethrow();
-  if (checks_destination() && origin_of(file, link) == Origin::same_path)
+  const auto origin = origin_of(file, link);
+  if (checks_destination() && (origin == Origin::same_path || origin == Origin::other_link))
     note_origin(file, link); // the same content from a new link
 }
 

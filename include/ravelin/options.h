@@ -75,7 +75,8 @@ struct [[gnu::visibility("default")]] Options {
   /// accepts files that came from its own link:
   /// - a second process, or a download whose resume record has the same name, is refused;
   /// - an unfinished file without a record, or shorter than its record says, is downloaded again;
-  /// - a file from another link is refused; links that differ only in the query count as the same;
+  /// - a file from another link is refused, unless it is unfinished and the new link has the same
+  ///   strong ETag; links that differ only in the query count as the same;
   /// - a complete file that is not known to be from exactly this link is accepted only if it has
   ///   the length of the content;
   /// - with `OnConflict::replace` the old file is deleted once the server has answered.

@@ -23,6 +23,7 @@ const std::map<std::string, Reply> replies = {
     {"slow", {.body = body, .piece = 2000, .piece_delay = 50ms}},    // two seconds in five parts
     {"slower", {.body = body, .piece = 2000, .piece_delay = 300ms}}, // twelve
     {"v1", {.headers = {{"ETag", "\"1\""}}, .body = body, .piece = 2000, .piece_delay = 50ms}},
+    {"w1", {.headers = {{"ETag", "\"1\""}}, .body = body}},
     {"v2",
      {.headers = {{"ETag", "\"2\""}, {"Last-Modified", "Thu, 01 Jan 1970 00:01:40 GMT"}},
       .body = body}},
@@ -257,6 +258,10 @@ TEST(Program, stops_and_continues) {
       {"for i in INT TERM HUP; do begin $at/$i?slow; stop $i; echo $?; ravelin status $i; get "
        "$at/$i; done",
        0, "^130\n.*can be resumed\n143\n.*resumed\n130\n.*resumed\n$", "HUP INT TERM "},
+      {"begin $at/f?v1+403; saved; stop KILL; get $at/f?v1+403; get -o f $at/g?v2; "
+       "get -o f $at/h?w1",
+       0, "status 403; if the link has expired.* -o 'f' LINK\n.*another link, and no ETag.*\n$",
+       "f "},
       {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
