@@ -168,7 +168,7 @@ void Download::on_success() {
 
 void Download::verify_checksum() {
   view_.show_state(row_, "checking the checksum");
-  std::thread([self = shared_from_this()]() mutable {
+  auto verify = [self = shared_from_this()]() mutable {
     Checksum found;
     std::string error;
     try {
@@ -184,7 +184,12 @@ void Download::verify_checksum() {
       else
         self->fail_checksum(found);
     });
-  }).detach();
+  };
+  try {
+    std::thread(verify).detach();
+  } catch (const std::system_error&) { // no thread is left
+    verify();
+  }
 }
 
 void Download::fail_checksum(const Checksum& found) {

@@ -16,6 +16,7 @@
 #include <map>
 #include <pthread.h>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -257,13 +258,15 @@ void watch_signals(Batch& batch, const sigset_t& signals) {
   }).detach();
 }
 
-void refresh_every_second(Batch& batch) {
+void refresh_every_second(Batch& batch) try {
   std::thread([&batch] {
     for (;;) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
       MainQueue::async([&batch] { batch.refresh(); });
     }
   }).detach();
+} catch (const std::system_error&) {
+  // Without a thread, rows are drawn only when something happens.
 }
 
 } // namespace
@@ -286,7 +289,13 @@ int run_get(GetOptions options) {
   RavelinOperation::set_max_simultaneous_download_count(options.max_downloads);
   static Batch* batch = nullptr; // never deleted: a signal may arrive during exit
   batch = new Batch(options);
-  watch_signals(*batch, signals);
+  try {
+    watch_signals(*batch, signals);
+  } catch (const std::system_error& error) {
+    print_to_stderr(
+        fmt::format("ravelin: could not start a thread: {}\n", error.code().message()));
+    return failed;
+  }
   if (isatty(STDERR_FILENO))
     refresh_every_second(*batch);
   batch->start();

@@ -213,7 +213,11 @@ void ravelin_main_queue_stop() {
   MainQueue::stop();
 }
 int ravelin_main_queue_descriptor() {
-  return MainQueue::descriptor();
+  try {
+    return MainQueue::descriptor();
+  } catch (...) {
+    return -1;
+  }
 }
 size_t ravelin_main_queue_drain() {
   return no_throw([&] { return MainQueue::drain(); });

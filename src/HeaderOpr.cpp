@@ -21,20 +21,26 @@ using platform::URLSession;
 
 void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
   activate();
-  bg_async(0.0, [self = std::static_pointer_cast<HeaderOpr>(shared_from_this()), url,
-                 closure = std::move(status_closure)] { self->bg_request(url, closure); });
+  const auto self = std::static_pointer_cast<HeaderOpr>(shared_from_this());
+  try {
+    bg_async(0.0, [self, url, status_closure] { self->bg_request(url, status_closure); });
+  } catch (...) { // there is no thread for it
+    MainQueue::async([self, status_closure, error = Error::current()]() MAIN_ONLY {
+      self->finish(error, std::nullopt, status_closure);
+    });
+  }
 }
 
 void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
   const auto current = settings ? settings : platform::RequestSettings::snapshot();
   safeguards = Safeguards(current->options);
   ephemeral_config = platform::URLSessionConfiguration::ephemeral(current);
-  ephemeral_session =
-      URLSession::make(*ephemeral_config, std::static_pointer_cast<HeaderOpr>(shared_from_this()));
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;
   std::optional<Result> result;
   try {
+    ephemeral_session = URLSession::make(
+        *ephemeral_config, std::static_pointer_cast<HeaderOpr>(shared_from_this()));
     main_sync([&]() MAIN_ONLY { start_task(url); });
     sema->wait();
     error = task_err;

@@ -82,12 +82,17 @@ private:
     if (const auto& on_retry = settings_->options.on_retry)
       on_retry({custom_error, policy_->wait(), policy_->describe_retry()});
     const std::chrono::duration<double> wait = policy_->wait();
-    bramblekit::bg_async(wait.count(), [self = shared_from_this()]() mutable {
-      MainQueue::async([self = std::move(self)] {
-        if (std::exchange(self->waiting_, false))
-          self->attempt();
+    try {
+      bramblekit::bg_async(wait.count(), [self = shared_from_this()]() mutable {
+        MainQueue::async([self = std::move(self)] {
+          if (std::exchange(self->waiting_, false))
+            self->attempt();
+        });
       });
-    });
+    } catch (...) { // there is no thread to wait on
+      if (std::exchange(waiting_, false))
+        end(nullptr, &error);
+    }
   }
 
   void end(const Response* response, const Error* error) {
@@ -110,6 +115,7 @@ HeaderRequest::HeaderRequest(Options options) : impl_(std::make_shared<Impl>(std
 HeaderRequest::~HeaderRequest() = default;
 
 void HeaderRequest::start(const URL& link, Answer answer) {
+  platform::refuse_in_forked_child();
   main_sync([&] { impl_->start(link, std::move(answer)); });
 }
 

@@ -23,19 +23,25 @@ void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
     stat_closure = status_closure;
     asked_range = range;
   });
-  bg_async(0.0, [self = std::static_pointer_cast<PartialDataOpr>(shared_from_this()), url,
-                 closure = std::move(status_closure)] { self->bg_request(url, closure); });
+  const auto self = std::static_pointer_cast<PartialDataOpr>(shared_from_this());
+  try {
+    bg_async(0.0, [self, url, status_closure] { self->bg_request(url, status_closure); });
+  } catch (...) { // there is no thread for it
+    MainQueue::async([self, status_closure, error = Error::current()]() MAIN_ONLY {
+      self->finish(error, status_closure);
+    });
+  }
 }
 
 void PartialDataOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
   const auto current = settings ? settings : platform::RequestSettings::snapshot();
   safeguards = Safeguards(current->options);
   ephemeral_config = platform::URLSessionConfiguration::ephemeral(current);
-  ephemeral_session = URLSession::make(
-      *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;
   try {
+    ephemeral_session = URLSession::make(
+        *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
     main_sync([&]() MAIN_ONLY { start_task(url, status_closure); });
     sema->wait();
     error = task_err;

@@ -92,8 +92,14 @@ void RavelinOperation::Impl::refuse(StatusClosure status_closure) {
 }
 
 void RavelinOperation::Impl::start_flow(Run run) {
-  bramblekit::bg_async(
-      0.0, [this, keep = self(), run = std::move(run)]() mutable { bg_run(std::move(run)); });
+  const auto shared = std::make_shared<Run>(std::move(run));
+  try {
+    bramblekit::bg_async(0.0, [this, keep = self(), shared] { bg_run(std::move(*shared)); });
+  } catch (...) { // there is no thread for it
+    MainQueue::async([this, keep = self(), shared, error = Error::current()]() MAIN_ONLY {
+      complete(shared->claim_error.value_or(error), std::move(*shared));
+    });
+  }
 }
 
 void RavelinOperation::Impl::bg_run(Run run) {
@@ -135,6 +141,7 @@ void RavelinOperation::Impl::complete(std::optional<Error> outcome, Run run) noe
   if (destination_lock && destination_lock->is_complete())
     destination_lock->finish();
   destination_lock = nullptr; // before the next operation on the destination is woken
+  file_proc = nullptr;        // and its thread is needed elsewhere
   special_free(run.destination);
   if (!outcome) {
     state = {State::successful{}};

@@ -149,8 +149,9 @@ bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_ind
   const bool is_split = file_proc->split_count.has_value();
   if (!is_split || opr.is_cancelled() || download_exception || file_proc->exception.get())
     return false;
-  if (is_refused_for_now(error) && parts.another_is_open(part_index) && settings->options.retry &&
-      settings->options.retry->max_attempts > 0) {
+  const bool may_retry = settings->options.retry && settings->options.retry->max_attempts > 0;
+  if (((is_refused_for_now(error) && may_retry) || lacks_resources(error)) &&
+      parts.another_is_open(part_index)) {
     parts.limit_connections(partial_data_oprs.size() - 1);
     parts.wait_for_connection(part_index);
     log("'" + link.text() + "': using fewer connections: " + error.text());

@@ -129,6 +129,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
     download_started = false;
     speed_meter.reset();
     const bool split = can_split(split_allowed, ranges_accepted, content_len);
+    file_proc = nullptr; // its thread may be the last one
     file_proc = std::make_shared<FileProcessor>(opr);
     if (split)
       file_proc->split_count = split_count;

@@ -114,6 +114,12 @@ bool is_refused_for_now(const Error& error) {
           *loading->http_status == 503);
 }
 
+bool lacks_resources(const Error& error) {
+  return error.code() == URLError::resource_unavailable ||
+         error.code() == std::errc::resource_unavailable_try_again ||
+         error.code() == std::errc::too_many_files_open;
+}
+
 bool is_lost_connection(const Error& error) {
   return error.code() == URLError::network_connection_lost || error.code() == URLError::timed_out;
 }

@@ -43,6 +43,8 @@ private:
 
 /// Whether the server may just refuse that many connections (403, 429, 503).
 bool is_refused_for_now(const Error& error);
+/// Whether the process lacked a thread or a descriptor, so that fewer connections may work.
+bool lacks_resources(const Error& error);
 /// Whether the connection was lost or timed out.
 bool is_lost_connection(const Error& error);
 

@@ -35,7 +35,8 @@ public:
   /// meanwhile make the descriptor readable again. Main thread.
   static std::size_t drain();
   /// A descriptor for poll, epoll or an event loop; readable while tasks are queued and `run()` is
-  /// not active. It belongs to the queue: do not read, write or close it. Any thread.
+  /// not active. It belongs to the queue: do not read, write or close it. Throws
+  /// `std::system_error` if there is none left. Any thread.
   static int descriptor();
 };
 

@@ -41,7 +41,7 @@ void ravelin_main_queue_run(void);
  * call returns at once. Any thread. */
 void ravelin_main_queue_stop(void);
 /** A descriptor for event loops; readable while tasks are queued and `ravelin_main_queue_run()` is
- * not active. Do not read, write or close it. Any thread. */
+ * not active; -1 if there is none left. Do not read, write or close it. Any thread. */
 int ravelin_main_queue_descriptor(void);
 /** Runs the tasks that are queued now, without waiting, and returns their number. Main thread. */
 size_t ravelin_main_queue_drain(void);

@@ -1,10 +1,12 @@
 #include "platform/network/network_thread.h"
 
-#include "platform/fatal.h"
+#include "platform/network/curl_errors.h"
 #include "platform/threads/thread_pool.h"
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
+#include <system_error>
 #include <thread>
 
 namespace ravelin::platform {
@@ -19,26 +21,36 @@ constexpr auto max_draining_time = std::chrono::seconds(1);
 
 NetworkThread& NetworkThread::instance() {
   static auto& thread = *[] {
-    auto* const created = new NetworkThread;
-    start_detached_thread([] { instance().loop(); });
-    return created;
+    auto created = std::make_unique<NetworkThread>();
+    start_detached_thread(run, created.get());
+    std::atexit(stop_at_exit); // after curl_global_init(), so that it runs before TLS cleanup
+    return created.release();
   }();
   return thread;
 }
 
 NetworkThread::NetworkThread() {
-  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK || !(shared_ = curl_share_init()))
-    fatal("libcurl could not be initialized");
-  curl_share_setopt(shared_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+    throw std::bad_alloc();
   make_multi();
   sockets_.watch(wake_.descriptor(), EPOLLIN);
-  std::atexit(stop_at_exit); // after curl_global_init(), so that it runs before TLS cleanup
+}
+
+NetworkThread::~NetworkThread() {
+  curl_multi_cleanup(multi_);
+  curl_share_cleanup(shared_);
+}
+
+void* NetworkThread::run(void* self) {
+  static_cast<NetworkThread*>(self)->loop();
 }
 
 void NetworkThread::make_multi() {
-  multi_ = curl_multi_init();
+  if (!shared_ && (shared_ = curl_share_init()))
+    curl_share_setopt(shared_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  multi_ = shared_ ? curl_multi_init() : nullptr;
   if (!multi_)
-    fatal("libcurl could not be initialized");
+    throw std::bad_alloc();
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_NOTHING));
   curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, on_socket);
   curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
@@ -108,25 +120,55 @@ void NetworkThread::loop() {
   for (;;) {
     const auto ready = sockets_.wait(wait_time());
     const std::lock_guard lock(loop_mutex_);
-    run_once(ready);
+    if (ready)
+      run_once(*ready);
+    else
+      replace_descriptors();
+  }
+}
+
+/// The application has closed them, perhaps together with all others of the process. The old
+/// numbers may belong to other files now, so nothing that would close them is cleaned up.
+void NetworkThread::replace_descriptors() {
+  const auto closed = url_error(URLError::unknown, "the descriptors of the library were closed");
+  for (const auto& one : draining_)
+    one.transfer->abandon();
+  draining_.clear();
+  for (const auto& [task, transfer] : std::exchange(transfers_, {})) {
+    transfer->abandon();
+    transfer->task().complete(closed);
+  }
+  static auto& abandoned = *new std::vector<CURLM*>; // still referenced, for leak checkers
+  if (multi_)
+    abandoned.push_back(std::exchange(multi_, nullptr));
+  const std::lock_guard lock(mutex_);
+  for (const auto& command : std::exchange(commands_, {}))
+    if (command.kind == Command::start)
+      command.task->complete(closed);
+  curl_timer_ = Clock::time_point::max();
+  try {
+    WakeEvent wake;
+    SocketWatch sockets;
+    make_multi();
+    wake_.replace_by(wake);
+    sockets_.replace_by(sockets);
+    sockets_.watch(wake_.descriptor(), EPOLLIN);
+  } catch (...) { // none left: the next wait fails again
+    std::this_thread::sleep_for(max_draining_time / 10);
   }
 }
 
 void NetworkThread::run_once(std::span<const epoll_event> ready) {
   int running = 0;
-  bool has_commands = false;
   for (const auto& event : ready) {
-    if (event.data.fd == wake_.descriptor()) {
-      has_commands = true;
+    if (event.data.fd == wake_.descriptor())
       continue;
-    }
     // libcurl finds out about an error by reading, or by writing while it connects.
     const int reading = event.events & (EPOLLIN | EPOLLHUP | EPOLLERR) ? CURL_CSELECT_IN : 0;
     const int writing = event.events & (EPOLLOUT | EPOLLERR) ? CURL_CSELECT_OUT : 0;
     curl_multi_socket_action(multi_, event.data.fd, reading | writing, &running);
   }
-  if (has_commands)
-    perform_commands();
+  perform_commands();
   if (Clock::now() >= curl_timer_) {
     curl_timer_ = Clock::time_point::max();
     curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
@@ -142,6 +184,8 @@ void NetworkThread::perform_commands() {
   std::vector<Command> commands;
   {
     const std::lock_guard lock(mutex_);
+    if (commands_.empty())
+      return;
     wake_.clear();
     commands.swap(commands_);
   }

@@ -20,7 +20,13 @@ namespace ravelin::platform {
 /// destroyed.
 class NetworkThread {
 public:
+  /// Throws the first times if the system refuses a thread or a descriptor.
   static NetworkThread& instance();
+
+  NetworkThread();
+  ~NetworkThread();
+  NetworkThread(const NetworkThread&) = delete;
+  NetworkThread& operator=(const NetworkThread&) = delete;
 
   void start(std::shared_ptr<DataTask> task) { queue({Command::start, std::move(task)}); }
   void cancel(std::shared_ptr<DataTask> task) { queue({Command::cancel, std::move(task)}); }
@@ -41,8 +47,9 @@ private:
     Clock::time_point deadline;
   };
 
-  NetworkThread();
+  static void* run(void* self);
   void make_multi();
+  void replace_descriptors();
   void close_idle_connections(Clock::time_point now);
   void queue(Command command);
   [[noreturn]] void loop();

@@ -1,20 +1,19 @@
 #include "platform/network/socket_watch.h"
 
-#include "platform/fatal.h"
-
-#include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <unistd.h>
 
 namespace ravelin::platform {
 
 SocketWatch::SocketWatch() : descriptor_(epoll_create1(EPOLL_CLOEXEC)) {
   if (descriptor_ < 0)
-    fatal("could not create an epoll descriptor");
+    throw std::system_error(errno, std::system_category(), "could not create an epoll descriptor");
 }
 
 SocketWatch::~SocketWatch() {
-  close(descriptor_);
+  if (descriptor_ >= 0)
+    close(descriptor_);
 }
 
 int SocketWatch::control(int operation, int descriptor, std::uint32_t events) {
@@ -41,10 +40,12 @@ void SocketWatch::unwatch(int descriptor) {
             nullptr); // fails harmlessly if it is closed already
 }
 
-std::span<const epoll_event> SocketWatch::wait(std::chrono::milliseconds time) {
+std::optional<std::span<const epoll_event>> SocketWatch::wait(std::chrono::milliseconds time) {
   const auto count = epoll_wait(descriptor_, ready_.data(), static_cast<int>(ready_.size()),
                                 static_cast<int>(time.count()));
-  return {ready_.data(), static_cast<std::size_t>(std::max(count, 0))}; // empty after a signal
+  if (count < 0 && errno != EINTR)
+    return std::nullopt;
+  return std::span(ready_.data(), static_cast<std::size_t>(count < 0 ? 0 : count));
 }
 
 } // namespace ravelin::platform

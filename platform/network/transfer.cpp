@@ -235,7 +235,7 @@ Error Transfer::failure(CURLcode code) const {
   if (code == CURLE_OUT_OF_MEMORY && headers_.is_in_header())
     return url_error(URLError::bad_server_response, "the header of the response is too large");
   if (socket_error_ != 0 && code == CURLE_COULDNT_CONNECT)
-    return url_error(URLError::cannot_connect_to_host,
+    return url_error(URLError::resource_unavailable,
                      std::string("could not open a socket: ") + std::strerror(socket_error_));
   long proxy_status = 0;
   curl_easy_getinfo(easy_, CURLINFO_HTTP_CONNECTCODE, &proxy_status);

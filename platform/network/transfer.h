@@ -51,6 +51,8 @@ public:
   /// After a request for the header only: reads and drops the body, so that the connection can be
   /// reused. False if the body is not known to be small.
   bool drain();
+  /// Leaves what is open in libcurl to nobody.
+  void abandon() { easy_ = nullptr; }
   /// Whether a redirect is about to be followed.
   bool is_redirected() const { return redirect_deadline_.has_value(); }
   DataTask& task() const { return *task_; }

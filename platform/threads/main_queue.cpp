@@ -6,8 +6,10 @@
 #include "platform/threads/wake_event.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -31,10 +33,11 @@ struct Queue {
   MainCall* first = nullptr; // an intrusive list: no allocation per call
   MainCall* last = nullptr;
   std::size_t length = 0;
-  bool awake = false; // the event is set; saves a system call for each further piece of work
+  bool awake = false; // woken already; saves a system call for each further piece of work
   bool stopped = false;
   int runs = 0; // active calls of `run()`, including nested ones
-  WakeEvent event;
+  std::condition_variable work_added; // for `run()`, which needs no descriptor
+  std::optional<WakeEvent> event;     // for loops of the application, once they ask for it
 };
 
 Queue& queue() {
@@ -43,24 +46,31 @@ Queue& queue() {
   return instance;
 }
 
-void wake(Queue& q) {
-  if (!std::exchange(q.awake, true))
-    q.event.set();
+/// Whether `run()` must be notified, once the mutex is free.
+bool wake(Queue& q) {
+  if (std::exchange(q.awake, true))
+    return false;
+  if (q.event)
+    q.event->set();
+  return true;
 }
 
 /// The event stays set while there is work, so that a loop nested in a callback sees it too.
 void clear_event_if_empty(Queue& q) {
-  if (!q.first && std::exchange(q.awake, false))
-    q.event.clear();
+  if (!q.first && std::exchange(q.awake, false) && q.event)
+    q.event->clear();
 }
 
 void push(MainCall& call) {
   auto& q = queue();
-  const std::lock_guard lock(q.mutex);
+  std::unique_lock lock(q.mutex);
   (q.last ? q.last->next : q.first) = &call;
   q.last = &call;
   ++q.length;
-  wake(q);
+  const bool notify = wake(q);
+  lock.unlock();
+  if (notify)
+    q.work_added.notify_one();
 }
 
 void require_main_thread(const char* function) {
@@ -104,6 +114,8 @@ private:
     auto& q = queue();
     const std::lock_guard lock(q.mutex);
     q.runs += by;
+    if (q.runs == 0) // a task may have called `stop()` and thrown
+      clear_event_if_empty(q);
   }
 };
 
@@ -118,7 +130,9 @@ bool consume_stop() {
 }
 
 void wait_for_work() {
-  queue().event.wait();
+  auto& q = queue();
+  std::unique_lock lock(q.mutex);
+  q.work_added.wait(lock, [&q] { return q.first || q.stopped; });
 }
 
 } // namespace
@@ -200,12 +214,19 @@ void MainQueue::stop() {
   auto& q = queue();
   const std::lock_guard lock(q.mutex);
   q.stopped = true;
-  if (q.runs > 0)
-    wake(q);
+  if (q.runs > 0 && wake(q))
+    q.work_added.notify_one();
 }
 
 int MainQueue::descriptor() {
-  return queue().event.descriptor();
+  auto& q = queue();
+  const std::lock_guard lock(q.mutex);
+  if (!q.event) {
+    q.event.emplace();
+    if (q.awake)
+      q.event->set();
+  }
+  return q.event->descriptor();
 }
 
 } // namespace ravelin

@@ -11,6 +11,7 @@ struct SerialQueue::State {
   std::mutex mutex; // jobs are queued on any thread and run on a pool thread
   std::deque<Job> jobs;
   bool working = false;
+  ReservedThread thread;
 };
 
 SerialQueue::SerialQueue(std::string label) : state_(std::make_shared<State>()) {
@@ -27,7 +28,7 @@ void SerialQueue::async(Job job) {
   if (std::exchange(state_->working, true))
     return;
   lock.unlock();
-  run_in_background([state = state_] { work(state); });
+  state_->thread.run([state = state_] { work(state); });
 }
 
 void SerialQueue::work(const std::shared_ptr<State>& state) {

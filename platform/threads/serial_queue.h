@@ -7,11 +7,12 @@
 
 namespace ravelin::platform {
 
-/// Runs jobs one at a time, in order, on a pool thread that it uses only while there are jobs.
+/// Runs jobs one at a time, in order, on a thread of the pool that is reserved for it.
 ///
 /// Threads: any thread may queue. Ownership: queued jobs still run when the object is destroyed.
 class SerialQueue {
 public:
+  /// Throws `std::system_error` if the system refuses a thread.
   explicit SerialQueue(std::string label);
 
   /// Queues `job` and returns at once. An exception thrown by it terminates the process.

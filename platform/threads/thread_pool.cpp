@@ -1,13 +1,14 @@
 #include "platform/threads/thread_pool.h"
 
-#include "platform/fatal.h"
 #include "platform/threads/semaphore.h"
 
 #include <chrono>
 #include <csignal>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <pthread.h>
+#include <system_error>
 #include <vector>
 
 namespace ravelin::platform {
@@ -25,8 +26,9 @@ struct IdleThread {
 struct Pool {
   std::mutex mutex;              // any thread adds jobs, pool threads take them
   std::vector<IdleThread*> idle; // last in, first out: its stack is still in the caches
-  std::deque<Job> jobs;          // waiting for a thread
-  std::size_t threads = 0;
+  std::deque<Job> jobs;          // for threads that have just started or ended another job
+  std::size_t threads = 0;       // at least as many as are reserved
+  std::size_t reserved = 0;
 };
 
 Pool& pool() {
@@ -34,7 +36,7 @@ Pool& pool() {
   return instance;
 }
 
-/// The next job, or an empty one if none came within the idle time.
+/// The next job, or an empty one if the thread is not needed any more.
 Job next_job() {
   auto& p = pool();
   IdleThread self;
@@ -47,13 +49,13 @@ Job next_job() {
     }
     p.idle.push_back(&self);
   }
-  if (!self.wake.wait_for(idle_time)) {
+  while (!self.wake.wait_for(idle_time)) {
     const std::lock_guard lock(p.mutex);
-    if (std::erase(p.idle, &self) > 0) {
+    // If a job was assigned at the same moment, it is not in the list.
+    if (p.threads > p.reserved && std::erase(p.idle, &self) > 0) {
       --p.threads;
       return {};
     }
-    self.wake.wait(); // a job was assigned at the same moment
   }
   return std::move(self.job);
 }
@@ -82,50 +84,62 @@ private:
   sigset_t before_;
 };
 
-bool start_thread(void* (*body)(void*), void* argument) {
+void start_thread(void* (*body)(void*), void* argument) {
   const SignalsBlocked blocked; // a new thread inherits this mask
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, stack_size);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_t thread;
-  const bool started = pthread_create(&thread, &attributes, body, argument) == 0;
+  const int refused = pthread_create(&thread, &attributes, body, argument);
   pthread_attr_destroy(&attributes);
-  return started;
+  if (refused != 0)
+    throw std::system_error(refused, std::system_category(), "could not start a thread");
 }
 
 } // namespace
 
-void run_in_background(Job job) {
+ReservedThread::ReservedThread() {
   auto& p = pool();
-  std::unique_lock lock(p.mutex);
-  if (!p.idle.empty()) {
-    auto& idle = *p.idle.back();
-    p.idle.pop_back();
-    lock.unlock(); // the woken thread needs it soon
-    idle.job = std::move(job);
-    idle.wake.signal();
-    return;
-  }
-  p.jobs.push_back(std::move(job));
-  const auto body = [](void*) -> void* {
-    work_until_idle();
-    return nullptr;
-  };
-  if (start_thread(body, nullptr))
+  const std::lock_guard lock(p.mutex);
+  if (p.threads == p.reserved) {
+    const auto body = [](void*) -> void* {
+      work_until_idle();
+      return nullptr;
+    };
+    start_thread(body, nullptr);
     ++p.threads;
-  else if (p.threads == 0)
-    fatal("could not create a thread");
-  // If others exist, the job waits until one of them is free.
+  }
+  ++p.reserved;
 }
 
-void start_detached_thread(void (*body)()) {
-  const auto call = [](void* argument) -> void* {
-    reinterpret_cast<void (*)()>(argument)();
-    return nullptr;
-  };
-  if (!start_thread(call, reinterpret_cast<void*>(body)))
-    fatal("could not create a thread");
+ReservedThread::~ReservedThread() {
+  auto& p = pool();
+  const std::lock_guard lock(p.mutex);
+  --p.reserved;
+}
+
+void ReservedThread::run(Job job) {
+  auto& p = pool();
+  std::unique_lock lock(p.mutex);
+  if (p.idle.empty()) {
+    p.jobs.push_back(std::move(job));
+    return;
+  }
+  auto& idle = *p.idle.back();
+  p.idle.pop_back();
+  lock.unlock(); // the woken thread needs it soon
+  idle.job = std::move(job);
+  idle.wake.signal();
+}
+
+void run_in_background(Job job) {
+  const auto thread = std::make_shared<ReservedThread>();
+  thread->run([thread, job = std::move(job)] { job(); });
+}
+
+void start_detached_thread(void* (*body)(void*), void* argument) {
+  start_thread(body, argument);
 }
 
 std::size_t background_thread_count() {

@@ -6,12 +6,28 @@ namespace ravelin::platform {
 
 using Job = std::function<void()>;
 
-/// Runs `job` on a cached background thread. Starts a new thread when none is idle, without a
-/// limit, since jobs may block on each other. An exception thrown by `job` terminates the process.
+/// A thread of the pool that is kept free for its owner's jobs. Jobs may block on each other, so
+/// none may have to wait for a thread: one that the system refuses is noticed before the job exists.
+///
+/// Threads: any.
+class ReservedThread {
+public:
+  /// Throws `std::system_error` if a new thread is needed and the system refuses it.
+  ReservedThread();
+  ~ReservedThread();
+  ReservedThread(const ReservedThread&) = delete;
+  ReservedThread& operator=(const ReservedThread&) = delete;
+
+  /// Runs `job`, after the one before has ended. An exception thrown by it terminates the process.
+  void run(Job job);
+};
+
+/// Runs `job` on a background thread. Throws as above; an exception thrown by `job` terminates the
+/// process.
 void run_in_background(Job job);
 
-/// Runs `body` on a new thread that is never joined.
-void start_detached_thread(void (*body)());
+/// Runs `body(argument)` on a new thread that is never joined. Throws as above.
+void start_detached_thread(void* (*body)(void*), void* argument);
 
 /// Includes idle threads.
 std::size_t background_thread_count();

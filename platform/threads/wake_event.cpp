@@ -1,21 +1,21 @@
 #include "platform/threads/wake_event.h"
 
-#include "platform/fatal.h"
-
+#include <cerrno>
 #include <cstdint>
-#include <poll.h>
 #include <sys/eventfd.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace ravelin::platform {
 
 WakeEvent::WakeEvent() : descriptor_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (descriptor_ < 0)
-    fatal("could not create an eventfd");
+    throw std::system_error(errno, std::system_category(), "could not create an eventfd");
 }
 
 WakeEvent::~WakeEvent() {
-  close(descriptor_);
+  if (descriptor_ >= 0)
+    close(descriptor_);
 }
 
 void WakeEvent::set() noexcept {
@@ -26,11 +26,6 @@ void WakeEvent::set() noexcept {
 void WakeEvent::clear() noexcept {
   std::uint64_t count = 0;
   [[maybe_unused]] const auto got = read(descriptor_, &count, sizeof count); // EAGAIN if clear
-}
-
-void WakeEvent::wait() noexcept {
-  pollfd watched{descriptor_, POLLIN, 0};
-  poll(&watched, 1, -1); // may return early; callers check and wait again
 }
 
 } // namespace ravelin::platform
