@@ -1,6 +1,7 @@
 #include "bramblekit/background.h"
 #include "bramblekit/collections.h"
 #include "bramblekit/main_thread.h"
+#include "platform/network/retry_wait.h"
 #include "ravelin/main_queue.h"
 #include "ravelin/response.h"
 #include "src/HeaderOpr.h"
@@ -36,7 +37,8 @@ const std::string* Response::field(std::string_view name) const {
 /// Threads: fields and functions belong to the main thread.
 class HeaderRequest::Impl : public std::enable_shared_from_this<Impl> {
 public:
-  explicit Impl(Options options) : own_options_(std::move(options)) {}
+  explicit Impl(Options options)
+      : own_options_(platform::with_functions_freed_on_main(std::move(options))) {}
 
   void start(const URL& link, Answer answer) {
     settings_ = platform::RequestSettings::snapshot(own_options_);
@@ -49,8 +51,8 @@ public:
 
   void cancel() {
     cancelled_ = true;
-    if (std::exchange(waiting_, false))
-      MainQueue::async([self = shared_from_this()] { self->end(nullptr, nullptr); });
+    if (retry_wait_)
+      retry_wait_->interrupt();
     else if (request_)
       request_->cancel();
   }
@@ -78,21 +80,28 @@ private:
       end(nullptr, &error);
       return;
     }
-    waiting_ = true;
+    const auto wait = std::make_shared<platform::RetryWait>(policy_->waits_for_network());
+    retry_wait_ = wait;
     if (const auto& on_retry = settings_->options.on_retry)
       on_retry({custom_error, policy_->wait(), policy_->describe_retry()});
-    const std::chrono::duration<double> wait = policy_->wait();
     try {
-      bramblekit::bg_async(wait.count(), [self = shared_from_this()]() mutable {
-        MainQueue::async([self = std::move(self)] {
-          if (std::exchange(self->waiting_, false))
-            self->attempt();
-        });
-      });
+      bramblekit::bg_async(0.0,
+                           [self = shared_from_this(), wait, time = policy_->wait()]() mutable {
+                             wait->wait(time);
+                             MainQueue::async([self = std::move(self)] { self->after_wait(); });
+                           });
     } catch (...) { // there is no thread to wait on
-      if (std::exchange(waiting_, false))
-        end(nullptr, &error);
+      retry_wait_ = nullptr;
+      end(nullptr, &error);
     }
+  }
+
+  void after_wait() {
+    retry_wait_ = nullptr;
+    if (cancelled_)
+      end(nullptr, nullptr);
+    else
+      attempt();
   }
 
   void end(const Response* response, const Error* error) {
@@ -106,7 +115,7 @@ private:
   URL link_;
   Answer answer_;
   std::shared_ptr<HeaderOpr> request_;
-  bool waiting_ = false;
+  std::shared_ptr<platform::RetryWait> retry_wait_; // while it waits
   bool cancelled_ = false;
 };
 

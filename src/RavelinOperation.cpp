@@ -41,7 +41,9 @@ std::shared_ptr<RavelinOperation> RavelinOperation::Impl::self() const {
 }
 
 void RavelinOperation::set_options(Options options) {
-  main_sync([&]() MAIN_ONLY { impl_->own_options = std::move(options); });
+  main_sync([&]() MAIN_ONLY {
+    impl_->own_options = platform::with_functions_freed_on_main(std::move(options));
+  });
 }
 
 void RavelinOperation::resume(const URL& link, const URL& dest_file, bool split_allowed,

@@ -37,7 +37,8 @@ public:
   static constexpr double save_interval = 0.1; // seconds between saves of the record
 
   Impl(RavelinOperation& operation, Options its_options)
-      : opr(operation), own_options(std::move(its_options)) {}
+      : opr(operation),
+        own_options(platform::with_functions_freed_on_main(std::move(its_options))) {}
   static Impl& of(RavelinOperation& operation) { return *operation.impl_; }
 
   /// One call of `resume`, and the result of claiming the destination.

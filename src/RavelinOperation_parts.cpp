@@ -1,6 +1,7 @@
 #include "bramblekit/errors.h"
 #include "bramblekit/main_thread.h"
 #include "platform/fatal.h"
+#include "ravelin/text.h"
 #include "src/RavelinOperation_impl.h"
 #include "src/RetryPolicy.h"
 #include "src/SnapRule.h"
@@ -154,14 +155,14 @@ bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_ind
       parts.another_is_open(part_index)) {
     parts.limit_connections(partial_data_oprs.size() - 1);
     parts.wait_for_connection(part_index);
-    log("'" + link.text() + "': using fewer connections: " + error.text());
+    log("'" + without_password(link.text()) + "': using fewer connections: " + error.text());
     return true;
   }
   if (!is_lost_connection(error) || !parts.may_replace(part_index))
     return false;
   parts.wait_for_connection(part_index);
-  log("'" + link.text() + "': retrying the rest of part " + std::to_string(part_index + 1) +
-      " of " + std::to_string(split_count) + ": " + error.text());
+  log("'" + without_password(link.text()) + "': retrying the rest of part " +
+      std::to_string(part_index + 1) + " of " + std::to_string(split_count) + ": " + error.text());
   return true;
 }
 

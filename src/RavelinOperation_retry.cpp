@@ -1,5 +1,6 @@
 #include "bramblekit/errors.h"
 #include "bramblekit/main_thread.h"
+#include "ravelin/text.h"
 #include "src/RavelinOperation_impl.h"
 #include "src/RetryPolicy.h"
 
@@ -48,13 +49,13 @@ Remedy RavelinOperation::Impl::judge(RetryPolicy& policy, const Error& error, co
     return remedy;
   const auto what =
       remedy == Remedy::try_in_one_piece ? "retrying over one connection" : policy.describe_retry();
-  log("'" + run.link.text() + "': " + custom_error.text() + "; " + what);
+  log("'" + without_password(run.link.text()) + "': " + custom_error.text() + "; " + what);
   const auto notify = [&]() noexcept {
     if (const auto& on_retry = settings->options.on_retry)
       on_retry({custom_error, policy.wait(), what});
   };
   notify();
-  retry_wait = std::make_shared<platform::RetryWait>();
+  retry_wait = std::make_shared<platform::RetryWait>(policy.waits_for_network());
   if (opr.is_cancelled()) // by the callback
     retry_wait->interrupt();
   return remedy;

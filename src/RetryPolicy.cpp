@@ -69,7 +69,8 @@ bool RetryPolicy::may_retry(const CustomError& error, Clock::time_point now) {
   if (!is_temporary(error) && !(may_recover && has_received))
     return false;
   beyond_attempts_ = attempt_ >= limits_.max_attempts;
-  return !beyond_attempts_ || (is_away && has_received && now - *failing_since_ < limits_.patience);
+  const auto failing_for = std::chrono::duration_cast<milliseconds>(now - *failing_since_);
+  return !beyond_attempts_ || (is_away && has_received && failing_for < limits_.patience);
 }
 
 Remedy RetryPolicy::judge(const CustomError& error, std::int64_t received, bool split,
@@ -79,11 +80,14 @@ Remedy RetryPolicy::judge(const CustomError& error, std::int64_t received, bool 
     wait_ = milliseconds(0);
     return Remedy::try_in_one_piece;
   }
-  if (received != received_) { // fewer after a restart, which is also progress
+  // An attempt in one piece restarts from zero, and repeating what it did is no progress. One that
+  // is split has fewer bytes only if the whole download was restarted.
+  if (split ? received != received_ : received > max_received_) {
     attempt_ = 0;
     failing_since_.reset();
   }
   received_ = received;
+  max_received_ = std::max(max_received_, received);
   failing_since_ = failing_since_.value_or(now);
   if (limits_.max_attempts <= 0 || !may_retry(error, now))
     return Remedy::give_up;
@@ -91,6 +95,7 @@ Remedy RetryPolicy::judge(const CustomError& error, std::int64_t received, bool 
   const auto backoff = first_wait * (std::int64_t{1} << std::min(attempt_ - 1, 10));
   wait_ = add_jitter(std::min<milliseconds>(backoff, max_wait));
   const auto* const loading = loading_error(error);
+  waits_for_network_ = is_unreachable(error) && !(loading && loading->retry_after);
   if (loading && loading->retry_after)
     wait_ = std::clamp<milliseconds>(*loading->retry_after, wait_, max_requested_wait);
   return Remedy::try_again;

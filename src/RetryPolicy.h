@@ -18,7 +18,7 @@ enum class Remedy { give_up, try_again, try_in_one_piece };
 /// Threads: the main thread.
 class RetryPolicy {
 public:
-  using Clock = std::chrono::system_clock; // keeps running while the machine is suspended
+  using Clock = std::chrono::steady_clock; // a suspended machine must not lose its patience
 
   explicit RetryPolicy(Retry limits) : limits_(limits) {}
 
@@ -27,6 +27,8 @@ public:
                Clock::time_point now = Clock::now());
   /// How long to wait before the attempt that `judge()` allowed.
   std::chrono::milliseconds wait() const { return wait_; }
+  /// Whether a network that comes up ends the wait.
+  bool waits_for_network() const { return waits_for_network_; }
   /// Such as "retrying in 1.5 s (2 of 5)".
   std::string describe_retry() const;
 
@@ -36,9 +38,11 @@ private:
   const Retry limits_;
   int attempt_ = 0;
   std::int64_t received_ = 0;
+  std::int64_t max_received_ = 0;
   std::optional<Clock::time_point> failing_since_; // since the last progress
   bool beyond_attempts_ = false;                   // allowed by `patience` only
   std::chrono::milliseconds wait_{0};
+  bool waits_for_network_ = false;
 };
 
 /// Whether the server may just refuse that many connections (403, 429, 503).

@@ -3,6 +3,7 @@
 #include "platform/network/http_response.h"
 #include "platform/network/rate_limiter.h"
 #include "platform/network/request_settings.h"
+#include "ravelin/main_queue.h"
 
 #include <algorithm>
 #include <mutex>
@@ -20,7 +21,27 @@ Store& store() {
   return instance;
 }
 
+template <class... Arguments> void free_on_main(std::function<void(Arguments...)>& function) {
+  using Function = std::function<void(Arguments...)>;
+  if (!function)
+    return;
+  const auto free = [](Function* unused) noexcept {
+    if (MainQueue::is_main_thread())
+      delete unused;
+    else
+      MainQueue::async([unused] { delete unused; });
+  };
+  const std::shared_ptr<Function> shared(new Function(std::move(function)), free);
+  function = [shared](Arguments... arguments) { (*shared)(arguments...); };
+}
+
 } // namespace
+
+Options platform::with_functions_freed_on_main(Options options) {
+  free_on_main(options.on_retry);
+  free_on_main(options.log);
+  return options;
+}
 
 Options Options::careful() {
   Options options;
@@ -65,8 +86,9 @@ Options default_options() {
 }
 
 void set_default_options(Options options) {
+  options = platform::with_functions_freed_on_main(std::move(options));
   const std::lock_guard lock(store().mutex);
-  store().options = std::move(options);
+  std::swap(store().options, options); // what was set before is destroyed after the lock
 }
 
 } // namespace ravelin

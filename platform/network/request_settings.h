@@ -10,6 +10,10 @@ namespace ravelin::platform {
 
 class RateLimiter;
 
+/// The same options, with functions that are destroyed on the main thread, whoever drops the last
+/// copy.
+Options with_functions_freed_on_main(Options options);
+
 /// The settings of all requests of one run, fixed when the run starts.
 ///
 /// Threads: immutable, except for the limiter, which belongs to the network thread.

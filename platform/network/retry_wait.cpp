@@ -74,7 +74,8 @@ bool has_new_address(int) {
 
 } // namespace
 
-RetryWait::RetryWait() : timer_(open_timer()), address_monitor_(open_address_monitor()) {}
+RetryWait::RetryWait(bool ends_with_network)
+    : timer_(open_timer()), address_monitor_(ends_with_network ? open_address_monitor() : -1) {}
 
 RetryWait::~RetryWait() {
   for (const int descriptor : {timer_, address_monitor_})

@@ -7,13 +7,13 @@
 
 namespace ravelin::platform {
 
-/// A wait that ends early on `interrupt()` or when a network comes up. Time while the machine is
-/// suspended counts.
+/// A wait that ends early on `interrupt()` and, if told so, when a network comes up. Time while the
+/// machine is suspended counts.
 ///
 /// Threads: one waits, any may interrupt.
 class RetryWait {
 public:
-  RetryWait();
+  explicit RetryWait(bool ends_with_network);
   ~RetryWait();
   RetryWait(const RetryWait&) = delete;
   RetryWait& operator=(const RetryWait&) = delete;

@@ -1,5 +1,7 @@
 #include "platform/network/transfer.h"
 
+#include "ravelin/text.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -220,7 +222,8 @@ std::optional<Transfer::Outcome> Transfer::follow_redirect() {
     if (task_->options().refuse_tls_downgrade.value_or(false) && link_.is_secure() &&
         !next.is_secure())
       throw URLLoadingError(URLError::secure_connection_failed,
-                            "the server redirects from https to http, to '" + next.text() + "'");
+                            "the server redirects from https to http, to '" +
+                                without_password(next.text()) + "'");
     left_origin_ = left_origin_ || !next.has_same_origin_as(link_);
     link_ = next;
   } catch (...) {
