@@ -1,5 +1,6 @@
 #include "ravelin/ravelin.h"
 
+#include "platform/threads/main_call.h"
 #include "ravelin/main_queue.h"
 #include "ravelin/options.h"
 #include "ravelin/ravelin_operation.h"
@@ -207,7 +208,8 @@ void ravelin_main_queue_async(void (*task)(void* user), void* user) {
   no_throw([&] { MainQueue::async([task, user] { task(user); }); });
 }
 void ravelin_main_queue_run() {
-  no_throw([&] { MainQueue::run(); });
+  if (!ravelin::platform::is_forked_child())
+    no_throw([&] { MainQueue::run(); });
 }
 void ravelin_main_queue_stop() {
   MainQueue::stop();
@@ -233,9 +235,13 @@ void ravelin_operation_resume(ravelin_operation* operation, const char* link, co
                               bool split_allowed, ravelin_on_conflict on_conflict,
                               ravelin_callback callback, void* user) {
   no_throw([&] {
+    const EventSender sender{callback, user, operation->operation};
+    if (ravelin::platform::is_forked_child() && callback)
+      sender({Status::error{{CustomError::other{ravelin::platform::forked_child_error()}}}});
+    if (ravelin::platform::is_forked_child())
+      return;
     operation->operation->resume(URL(text_or_empty(link)), destination(dest_file), split_allowed,
-                                 policy(on_conflict),
-                                 on_main_thread({callback, user, operation->operation}));
+                                 policy(on_conflict), on_main_thread(sender));
   });
 }
 void ravelin_operation_cancel(ravelin_operation* operation) {
@@ -332,7 +338,8 @@ void ravelin_options_set_careful(ravelin_options* options) {
        {&Options::reject_http_errors, &Options::require_exact_ranges,
         &Options::reject_changed_content, &Options::refuse_tls_downgrade,
         &Options::accept_empty_content, &Options::report_write_errors, &Options::check_destination})
-    options->options.*field = careful.*field;
+    if (!(options->options.*field))
+      options->options.*field = careful.*field;
 }
 void ravelin_options_set_reject_http_errors(ravelin_options* options, bool on) {
   options->options.reject_http_errors = on;

@@ -1,5 +1,7 @@
 #include "platform/files/file_lock.h"
 
+#include "platform/threads/main_call.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -44,8 +46,11 @@ FileLock::FileLock(std::filesystem::path path) : path_(std::move(path)) {
 }
 
 FileLock::~FileLock() {
-  if (descriptor_ >= 0)
-    ::close(descriptor_);
+  if (descriptor_ < 0)
+    return;
+  if (is_held() && !is_forked_child())
+    ::flock(descriptor_, LOCK_UN); // a forked child may keep a copy of the descriptor
+  ::close(descriptor_);
 }
 
 void FileLock::take() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/threads/thread_annotations.h"
+#include "ravelin/error.h"
 
 namespace ravelin::platform {
 
@@ -12,7 +13,11 @@ struct MainCall {
   MainCall* next = nullptr; // used by the queue
 };
 
-/// Throws `std::logic_error` in a process forked from one that had used the queue.
+/// Whether this process was forked from one that had used the queue.
+bool& is_forked_child();
+/// Why nothing works there.
+Error forked_child_error();
+/// Throws it there.
 void refuse_in_forked_child();
 
 /// Queues `call` and returns at once.

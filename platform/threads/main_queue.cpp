@@ -35,7 +35,7 @@ struct Queue {
   std::size_t length = 0;
   bool awake = false; // woken already; saves a system call for each further piece of work
   bool stopped = false;
-  int runs = 0; // active calls of `run()`, including nested ones
+  int runs = 0;                       // active calls of `run()`, including nested ones
   std::condition_variable work_added; // for `run()`, which needs no descriptor
   std::optional<WakeEvent> event;     // for loops of the application, once they ask for it
 };
@@ -146,9 +146,14 @@ bool& is_forked_child() {
   return forked;
 }
 
+Error forked_child_error() {
+  return Error(std::make_exception_ptr(
+      std::logic_error("ravelin cannot be used after fork() without exec")));
+}
+
 void refuse_in_forked_child() {
   if (is_forked_child())
-    throw std::logic_error("ravelin cannot be used after fork() without exec");
+    forked_child_error().rethrow();
 }
 
 void queue_on_main(MainCall& call) {
@@ -201,6 +206,7 @@ std::size_t MainQueue::drain() {
 
 void MainQueue::run() {
   require_main_thread("MainQueue::run()");
+  refuse_in_forked_child();
   const Running running;
   for (;;) {
     drain();

@@ -7,7 +7,8 @@ namespace ravelin::platform {
 using Job = std::function<void()>;
 
 /// A thread of the pool that is kept free for its owner's jobs. Jobs may block on each other, so
-/// none may have to wait for a thread: one that the system refuses is noticed before the job exists.
+/// none may have to wait for a thread: one that the system refuses is noticed before the job
+/// exists.
 ///
 /// Threads: any.
 class ReservedThread {
