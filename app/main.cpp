@@ -72,11 +72,7 @@ int clear(const fs::path& file, bool complete_too) {
   if (!state.is_unfinished && !complete_too)
     return fail(file, "is complete or was not downloaded by ravelin; use --complete to delete it "
                       "anyway");
-  std::error_code ignored;
-  if (state.record_owner.empty())
-    RavelinOperation::clear_files(url);
-  else
-    fs::remove(file, ignored); // another file needs the record
+  RavelinOperation::clear_files(url);
   if (may_exist(file))
     return fail(file, "could not be deleted; check that it is a file and that its directory is "
                       "writable");

@@ -1,8 +1,10 @@
 #include "src/DestinationLock.h"
 
 #include "platform/files/file_manager.h"
+#include "platform/files/file_marks.h"
 #include "src/FileProcessor.h"
 
+#include <filesystem>
 #include <utility>
 
 namespace ravelin {
@@ -18,6 +20,21 @@ constexpr std::string_view complete_note = "\ncomplete";
 
 bool exists(const URL& url) {
   return platform::FileManager::default_manager().file_exists(url);
+}
+
+/// The unfinished file that a record belongs to if it is not the destination's: one whose download
+/// took no lock.
+std::string find_unnoted_owner(const URL& destination) {
+  const auto path = destination.path();
+  if (exists(destination) || !exists(FileProcessor::prepare_resume_file_url(destination)))
+    return {};
+  std::error_code ignored;
+  const auto directory = path.has_parent_path() ? path.parent_path() : ".";
+  for (const auto& entry : std::filesystem::directory_iterator(directory, ignored))
+    if (entry.path().stem() == path.stem() &&
+        platform::extended_attribute(URL::file(entry.path()), "lg_ignore"))
+      return entry.path().filename().native();
+  return {};
 }
 
 } // namespace
@@ -58,6 +75,8 @@ DestinationLock::DestinationLock(const URL& destination)
     : destination_(destination), lock_(lock_path(destination)) {
   if (lock_.is_held())
     info_ = parse(destination_, lock_.content());
+  if (info_.other_owner.empty())
+    info_.other_owner = find_unnoted_owner(destination_);
 }
 
 void DestinationLock::start() {

@@ -51,6 +51,8 @@ void RavelinOperation::cancel_all(bool also_clear_files) {
 void RavelinOperation::clear_files(const URL& dest_file) {
   try {
     FileProcessor::delete_main_file(dest_file);
+    if (!DestinationLock::inspect(dest_file).other_owner.empty())
+      return; // another unfinished file needs the record
     FileProcessor::delete_resume_file(dest_file);
     DestinationLock::clear(dest_file);
   } catch (...) {

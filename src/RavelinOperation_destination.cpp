@@ -122,8 +122,9 @@ bool RavelinOperation::Impl::may_clear(const Run& run) const {
     return true;
   const auto lock = destination_lock ? nullptr : std::make_unique<DestinationLock>(run.destination);
   const auto& held = destination_lock ? *destination_lock : *lock;
+  const auto origin = origin_of(run.destination, run.link);
   return !held.is_held_by_another() && held.other_owner().empty() &&
-         (held.is_unfinished() || origin_of(run.destination, run.link) == Origin::same_link);
+         (origin == Origin::same_link || (held.is_unfinished() && origin != Origin::other_link));
 }
 
 void RavelinOperation::Impl::check_finished_file() const {
@@ -160,8 +161,9 @@ RavelinOperation::FileState RavelinOperation::get_file_state(const URL& dest_fil
     return state;
   }
   const auto record = FileProcessor::read_resume_data(dest_file);
-  state.can_continue =
-      state.exists && record && record->is_splitted && counted_end(*record) <= size_of(dest_file);
+  state.can_continue = state.exists && record && record->is_splitted && record->is_valid() &&
+                       record->has_counts_within_parts() &&
+                       counted_end(*record) <= size_of(dest_file);
   state.is_unfinished = exists(state.resume_file) || lock.is_unfinished ||
                         (state.exists && is_marked_incomplete(dest_file));
   return state;
