@@ -292,8 +292,7 @@ int run_get(GetOptions options) {
   try {
     watch_signals(*batch, signals);
   } catch (const std::system_error& error) {
-    print_to_stderr(
-        fmt::format("ravelin: could not start a thread: {}\n", error.code().message()));
+    print_to_stderr(fmt::format("ravelin: could not start a thread: {}\n", error.code().message()));
     return failed;
   }
   if (isatty(STDERR_FILENO))

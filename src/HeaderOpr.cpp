@@ -25,9 +25,8 @@ void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
   try {
     bg_async(0.0, [self, url, status_closure] { self->bg_request(url, status_closure); });
   } catch (...) { // there is no thread for it
-    MainQueue::async([self, status_closure, error = Error::current()]() MAIN_ONLY {
-      self->finish(error, std::nullopt, status_closure);
-    });
+    MainQueue::async([self, status_closure, error = Error::current()]()
+                         MAIN_ONLY { self->finish(error, std::nullopt, status_closure); });
   }
 }
 
@@ -39,8 +38,8 @@ void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) 
   std::optional<Error> error;
   std::optional<Result> result;
   try {
-    ephemeral_session = URLSession::make(
-        *ephemeral_config, std::static_pointer_cast<HeaderOpr>(shared_from_this()));
+    ephemeral_session = URLSession::make(*ephemeral_config,
+                                         std::static_pointer_cast<HeaderOpr>(shared_from_this()));
     main_sync([&]() MAIN_ONLY { start_task(url); });
     sema->wait();
     error = task_err;

@@ -27,9 +27,8 @@ void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
   try {
     bg_async(0.0, [self, url, status_closure] { self->bg_request(url, status_closure); });
   } catch (...) { // there is no thread for it
-    MainQueue::async([self, status_closure, error = Error::current()]() MAIN_ONLY {
-      self->finish(error, status_closure);
-    });
+    MainQueue::async([self, status_closure, error = Error::current()]()
+                         MAIN_ONLY { self->finish(error, status_closure); });
   }
 }
 

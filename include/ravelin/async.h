@@ -22,7 +22,7 @@ struct DownloadRequest {
   URL dest_file;                               ///< made by `URL::file`
   bool split_allowed = true;                   ///< use several connections if possible
   OnConflict on_conflict = OnConflict::resume; ///< what to do if the destination exists
-  /// Called with every event but the final one; may be empty.
+  /// Called with every event but the final one, on the threads of `Status`; may be empty.
   RavelinOperation::StatusClosure on_event = {};
 };
 
@@ -58,19 +58,32 @@ public:
   DownloadAwaiter(std::shared_ptr<RavelinOperation> operation, DownloadRequest request)
       : operation_(std::move(operation)), request_(std::move(request)) {}
 
+  /// Destroying the coroutine while it waits does not stop the run. Do it on the main thread.
+  ~DownloadAwaiter() {
+    if (waiting_)
+      *waiting_ = nullptr;
+  }
+  DownloadAwaiter(const DownloadAwaiter&) = delete;
+  DownloadAwaiter& operator=(const DownloadAwaiter&) = delete;
+
   bool await_ready() const noexcept { return false; } ///< called by `co_await`
   /// Called by `co_await`: starts the run.
   void await_suspend(std::coroutine_handle<> coroutine) {
-    start_download(operation_, std::move(request_), [this, coroutine](const Status& end) {
-      end_ = end;
-      coroutine.resume();
-    });
+    waiting_ = std::make_shared<DownloadAwaiter*>(this);
+    start_download(operation_, std::move(request_),
+                   [waiting = waiting_, coroutine](const Status& end) {
+                     if (!*waiting)
+                       return; // the coroutine was destroyed
+                     (*waiting)->end_ = end;
+                     coroutine.resume();
+                   });
   }
   Status await_resume() { return *std::move(end_); } ///< the final event
 
 private:
   std::shared_ptr<RavelinOperation> operation_;
   DownloadRequest request_;
+  std::shared_ptr<DownloadAwaiter*> waiting_;
   std::optional<Status> end_;
 };
 

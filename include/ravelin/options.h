@@ -14,8 +14,8 @@ namespace ravelin {
 
 /// How a download retries after errors that may be temporary.
 struct Retry {
-  /// Maximum retries after a lost connection, a timeout or a busy server (408, 429 and 5xx). The
-  /// count is reset when bytes arrive. 0 turns retries off.
+  /// Maximum retries after a lost connection, a timeout or, with `reject_http_errors`, a busy
+  /// server (408, 429 and 5xx). The count is reset on progress. 0 turns retries off.
   int max_attempts = 0;
   /// Once bytes have arrived, how long to keep retrying beyond `max_attempts` while the server is
   /// silent or unreachable, or there is no network. Retries at once when a network comes up.
@@ -66,7 +66,8 @@ struct [[gnu::visibility("default")]] Options {
 
   /// A redirect from https to http is not followed.
   std::optional<bool> refuse_tls_downgrade;
-  /// Content of zero bytes makes an empty file; otherwise it is an error.
+  /// Content of zero bytes makes an empty file; otherwise it is an error if the server sends its
+  /// length.
   std::optional<bool> accept_empty_content;
   /// A failed write, for example on a full disk, ends the run with an error, and what was saved
   /// before can be resumed. Otherwise it terminates the process.
@@ -84,7 +85,7 @@ struct [[gnu::visibility("default")]] Options {
 
   /// Unset: nothing is retried.
   std::optional<Retry> retry;
-  /// Maximum connections of one download, 1 to 5. Unset: 5.
+  /// Maximum connections of one download, 1 to 5; other values mean the nearest of these. Unset: 5.
   std::optional<int> max_connections;
   /// Content that is not split is taken from the response that told its length, instead of being
   /// requested again. One request less, and links that work only once can be downloaded. Unset:

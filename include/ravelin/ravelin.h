@@ -110,7 +110,7 @@ typedef struct ravelin_event {
   int error_code;                /**< in the domain; 0 if the error has none */
   const char* error_domain; /**< "NSURLErrorDomain" for the network, "system" for errno, or "" */
   const char* error_text;   /**< for people; valid UTF-8 */
-  int http_status;          /**< of the last response; 0 if there was none */
+  int http_status;          /**< of `started` and `error` events; 0 if there was no response */
   double bytes_per_second;  /**< with downloading; over the last seconds */
   int64_t seconds_left;     /**< with downloading; -1 if it cannot be estimated */
 } ravelin_event;
@@ -190,13 +190,14 @@ void ravelin_options_set_user_agent(ravelin_options* options, const char* user_a
 void ravelin_options_set_rate_limit(ravelin_options* options, int64_t bytes_per_second);
 /** How long to wait for a server that sends nothing, in milliseconds; 0 for 60 seconds. */
 void ravelin_options_set_idle_timeout(ravelin_options* options, int64_t milliseconds);
-/** Maximum connections of one download, 1 to 5. */
+/** Maximum connections of one download, 1 to 5; other counts mean the nearest of these. */
 void ravelin_options_set_max_connections(ravelin_options* options, int count);
 /** Takes content that is not split from the response that told its length, instead of requesting it
  * again. Links that work only once can then be downloaded. Off unless set. */
 void ravelin_options_set_reuse_header_response(ravelin_options* options, bool on);
 /** Retries after errors that may be temporary: up to `max_attempts` times without progress and,
- * once bytes have arrived, for up to `patience` milliseconds without progress. 0 and 0: never. */
+ * once bytes have arrived, for up to `patience` milliseconds without progress. 0 attempts: never.
+ */
 void ravelin_options_set_retry(ravelin_options* options, int max_attempts, int64_t patience);
 
 /** Turns on all safeguards below that are not set yet. Recommended. */

@@ -96,7 +96,7 @@ public:
     bool can_continue = false;       ///< the next run keeps what has been downloaded
     bool is_in_use = false;          ///< a download with `check_destination` is in progress
     Progress progress;               ///< according to the record
-    Origin origin = Origin::unknown; ///< compared with the given link
+    Origin origin = Origin::unknown; ///< compared with the given link; pointless without one
     URL resume_file;                 ///< the path of the record, whether it exists or not
     std::string record_owner;        ///< another unfinished file that uses the record, or empty
   };
@@ -104,7 +104,9 @@ public:
   static FileState get_file_state(const URL& dest_file, const URL& link = {});
 
   /// The path of the resume record of a destination. Destinations whose names differ only in the
-  /// extension share a record. Accesses no file.
+  /// extension share a record: starting one while the other is interrupted destroys the record, and
+  /// the other restarts from the beginning, unless `check_destination` refuses to start. Accesses
+  /// no file.
   static URL get_resume_file(const URL& dest_file);
 
   /// Asks the run to stop and keeps its files. `Status::cancelling` is sent before this returns,

@@ -2,8 +2,10 @@
 
 #include <ravelin/async.h>
 
+#include <asio/associated_cancellation_slot.hpp>
 #include <asio/associated_executor.hpp>
 #include <asio/async_result.hpp>
+#include <asio/executor_work_guard.hpp>
 #include <asio/post.hpp>
 
 #include <memory>
@@ -13,17 +15,26 @@ namespace ravelin {
 
 /// Starts a run and completes with its final event, for any completion token: a callback,
 /// `asio::use_future`, `asio::use_awaitable`, ... The handler runs on its associated executor, or
-/// else on `executor`.
+/// else on `executor`, and counts as work of it until then. Cancelling the operation by its slot,
+/// as
+/// `||` does, stops the run. Waits for the main thread if called on another one.
 template <class Executor, class CompletionToken>
 auto async_download(const Executor& executor, std::shared_ptr<RavelinOperation> operation,
                     DownloadRequest request, CompletionToken&& token) {
   return ::asio::async_initiate<CompletionToken, void(Status)>(
       [executor, operation = std::move(operation)](auto handler, DownloadRequest to_start) {
         const auto on = ::asio::get_associated_executor(handler, executor);
+        auto slot = ::asio::get_associated_cancellation_slot(handler);
+        if (slot.is_connected())
+          slot.assign([operation](::asio::cancellation_type) { operation->cancel(); });
         const auto kept = std::make_shared<decltype(handler)>(std::move(handler));
-        start_download(operation, std::move(to_start), [kept, on](const Status& end) {
-          ::asio::post(on, [kept, end] { std::move (*kept)(end); });
-        });
+        start_download(operation, std::move(to_start),
+                       [kept, slot, work = ::asio::make_work_guard(on)](const Status& end) {
+                         ::asio::post(work.get_executor(), [kept, slot, end]() mutable {
+                           slot.clear();
+                           std::move (*kept)(end);
+                         });
+                       });
       },
       token, std::move(request));
 }
