@@ -5,11 +5,8 @@ enum class bramblekit { another };
 #include <ravelin/ravelin.hpp>
 
 #include <cstdio>
-#include <string>
 
 using namespace ravelin;
-
-std::string own_name(); // of classes whose names the library has, too
 
 // No server is needed to see the main queue, the network and the library's exception types, which
 // must be the same on both sides of a shared library, at work together.
@@ -27,7 +24,6 @@ int main() {
         MainQueue::stop();
       });
   MainQueue::run();
-  right = right && own_name() == "5waited";
   std::printf("ravelin %s: %s\n", ravelin_version(), right ? "right" : "wrong");
   return right ? 0 : 1;
 }
