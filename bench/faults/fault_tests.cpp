@@ -17,22 +17,15 @@ using namespace std::chrono_literals;
 
 const std::string body = pattern(400'003), one = "over one connection";
 const std::string ok = "HTTP/1.1 200 OK\r\n", length = "Content-Length: 400003";
-const std::string part = "HTTP/1.1 206 OK\r\nContent-Range: bytes 0-";
-const std::string part_2 = "HTTP/1.1 206 OK\r\nContent-Range: bytes 80000-159999/400003";
-const std::string parts = "HTTP/1.1 206 OK\r\nContent-Type: multipart/byteranges; boundary=X";
-const std::string chunked = ok + "Transfer-Encoding: chunked";
+const std::string part = "HTTP/1.1 206 OK\r\nContent-Range: bytes 0-400002/400003\r\n";
 
 // The requests that a fault is for.
 using Pick = bool (*)(const Request&);
 const Pick every = [](const Request&) { return true; };
 const Pick later = [](const Request& request) { return request.index > 0; };
 const Pick ranged = [](const Request& request) { return request.header("Range").has_value(); };
-const Pick moved = [](const Request& request) { return request.target != "/file.bin"; };
 const Pick half = [](const Request& request) { // the second
   return ranged(request) && std::stol(request.header("Range")->substr(6)) > 200'000;
-};
-const Pick second = [](const Request& request) {
-  return request.header("Range") == "bytes=80000-159999";
 };
 
 // What the first requests of a kind get; the others are answered in order, or as told.
@@ -47,8 +40,8 @@ Script first(int count, Reply faulty, Pick pick = every, Reply otherwise = {}) {
 Script all(const Reply& faulty, Pick pick = every, const Reply& otherwise = {}) {
   return first(1 << 30, faulty, pick, otherwise);
 }
-Script raw(const std::string& head, const std::string& content = body, Pick pick = every) {
-  return all({.raw = head + "\r\n\r\n" + content}, pick);
+Script raw(const std::string& head, const std::string& content = body) {
+  return all({.raw = head + "\r\n\r\n" + content});
 }
 Reply with(const std::string& name, const std::string& value, int status = 200) {
   return {.status = status, .headers = {{name, value}}};
@@ -69,67 +62,30 @@ const struct {
   Script script;
   std::string says{}, options{};
 } zoo[] = {
-    {"plain", right, all({})},
-    {"no ranges", right, all({.accept_ranges = false})},
     {"ranges not honoured", right, all({.honour_ranges = false}), one},
-    {"wrong content range", right, all({.content_range = "bytes 0-9/400003"}), one},
     {"range of another total", right, all({.content_range = "bytes 0-80000/80001"}, ranged), one},
-    {"no content range", right, all({.content_range = ""}), one},
-    {"206 for the whole", refused, raw(part + "400002/400003\r\n" + length), "sent a part"},
-    {"206 for a part unasked", refused, raw(part + "9/400003\r\nContent-Length: 10", "0123456789")},
-    {"several ranges in one", right, raw(parts, "--X--", ranged), one},
-    {"a range too long", right, raw(part_2, body.substr(80'000, 90'000), second), one},
+    {"206 for the whole", refused, raw(part + length), "sent a part"},
     {"ranges too short", right, first(1, {.send_length = false, .cut_after = 5000}, half)},
     {"body too long", right, raw(ok + length, body + "more")},
     {"cut once", right, first(1, {.cut_after = 5000}, later)},
     {"cut, some come", right, all({.piece = 5000, .piece_delay = 60ms, .cut_after = 15'000})},
     {"cut, no progress", refused, all({.cut_after = 0})},
     {"cut, no ranges", refused, all({.accept_ranges = false, .cut_after = 5000})},
-    {"reset once", right, first(1, {.reset_after = 5000}, later)},
-    {"reset always", refused, all({.reset_after = 0}, later)},
-    {"404", refused, all({.status = 404}), "404"},
     {"503, then fine", right, first(2, with("Retry-After", "1", 503))},
-    {"429 for the parts, then fine", right, first(3, {.status = 429}, ranged)},
-    {"some parts refused, 503 once", right, first(2, {.status = 503}, half)},
     {"some parts refused, 503", refused, all({.status = 503}, half), "503"},
     {"some parts refused, 403", right, all({.status = 403}, half), one},
     {"416 for the parts", right, all({.status = 416}, ranged), one},
-    {"416 always", refused, all({.status = 416}), "416"},
-    {"300 with a page", refused, all({.status = 300, .body = "choose"}), "300"},
-    {"204", refused, raw("HTTP/1.1 204 No Content", ""), "204"},
-    {"chunked", right, all({.chunked = true})},
-    {"chunked, cut", refused, all({.chunked = true, .cut_after = 5000})},
-    {"chunked, nonsense", refused, raw(chunked, "zz\r\n" + body)},
-    {"chunked, beyond counting", refused, raw(chunked, std::string(20, 'f') + "\r\n" + body)},
-    {"until close", right, all({.send_length = false})},
-    {"redirect", right, all({}, moved, with("Location", "/real", 302))},
-    {"redirect loop", refused, all(with("Location", "/file.bin", 302)), "redirects"},
-    {"redirect to a file", refused, all(with("Location", "file:///etc/passwd", 302))},
     {"redirect out of the web", refused, all(with("Location", "ftp://127.0.0.1/f", 302))},
-    {"redirect without a place", refused, all(with("Location", "//", 302))},
-    {"not HTTP", refused, raw("SSH-2.0-server", "")},
-    {"nonsense", refused, all({.raw = body})},
-    {"empty reply", refused, all({.close_at_once = true})},
-    {"head cut", refused, all({.raw = ok + "Content-Le"})},
-    {"interim answers first", right, raw("HTTP/1.1 103 Hints\r\nLink: </>\r\n\r\n" + ok + length)},
-    {"no version", right, raw("HTTP/1.0 200\r\n" + length)},
-    {"odd-case names", right, raw(ok + "cOnTeNt-lEnGtH: 400003\r\nACCEPT-ranges: none")},
     {"two lengths", refused, raw(ok + length + "\r\nContent-Length: 17"), "conflicting"},
     {"length too long", refused, all({.content_length = "9000000"})},
     {"unbelievable length", refused, all({.content_length = "9223372036854775807"})},
-    {"unparsable length", right, all({.content_length = "abc"})},
-    {"negative length", right, all({.content_length = "-5"})},
     {"length differs between parts", refused, all({.body = body + "more"}, later)},
     {"ETag differs between parts", refused, all(etag_2, half, etag_1), "changed"},
     {"date differs between parts", refused, all(at_9, half, at_8), "changed"},
     {"ETag differs between runs", refused, first(6, older(etag_1), every, etag_2), "changed"},
     {"modified between runs", refused, first(6, older({}), every, at_9), "--on-conflict replace"},
-    {"4 MiB of header", refused, raw(ok + "X: " + std::string(4 << 20, 'x')), "header"},
     {"40,000 header fields", refused, all({.headers = Headers(40'000, {"X", "header"})}), "header"},
-    {"drip", right, all({.piece = 2000, .piece_delay = 50ms}), "", "--timeout 1"},
-    {"stall once", right, first(2, {.stall_after = 3000}, half), "", "--timeout 0.5"},
     {"stall always", refused, all({.stall_after = 0}), "timed out", "--timeout 0.3"},
-    {"silence", refused, all({.header_delay = 1h}), "timed out", "--timeout 0.3"},
     {"gzip all the same", right, all(with("Content-Encoding", "gzip"))},
 };
 
@@ -148,11 +104,6 @@ TEST(ServerZoo, is_met_with_the_right_file_or_a_refusal) {
     EXPECT_TRUE(std::regex_match(ran.err, std::regex("(ravelin: .*\n)*"))) << ran.err;
     EXPECT_NE(ran.err.find(says), ran.err.npos) << ran.err;
     EXPECT_EQ(ran.err.find(" -> ") != ran.err.npos, fate == refused) << ran.err;
-    std::printf("  %-30s %s\n", name,
-                wrong             ? "WRONG"
-                : ran.status == 0 ? "right"
-                : ran.status == 1 ? "refused"
-                                  : "HANGS OR CRASHES");
     return true;
   });
   std::printf("%zu servers\n", std::size(zoo));
@@ -211,7 +162,6 @@ TEST_F(FaultyDisk, fails_or_ends_the_program_at_one_call_after_the_other) {
       EXPECT_TRUE(ran.status == 1 || dir.read("file.bin") == content) << "wrong, but called right";
       EXPECT_EQ(count(ran.out, "event\":\"(error|success)"), 1) << ran.out;
       EXPECT_EQ(count(ran.err, write ? "ravelin: .*file.bin'" : "ravelin: .*file"), ran.status);
-      EXPECT_EQ(count(ran.err, "left open"), 0);
     }
     completes(dir.path());
     faults += !ran.call.empty();
@@ -222,8 +172,7 @@ TEST_F(FaultyDisk, fails_or_ends_the_program_at_one_call_after_the_other) {
 }
 
 TEST_F(FaultyDisk, loses_what_was_not_flushed_when_the_power_fails) {
-  const auto* const wished = std::getenv("RAVELIN_SEEDS");
-  const int seeds = wished ? std::atoi(wished) : 60;
+  constexpr int seeds = 60;
   in_parallel([&](int seed) {
     const TempDir dir;
     auto files = dir / "files";
@@ -247,35 +196,20 @@ TEST_F(FaultyDisk, loses_what_was_not_flushed_when_the_power_fails) {
   EXPECT_GT(faults, seeds / 2);
 }
 
-TEST(FullDisk, is_said_at_the_start_or_ends_the_program_with_a_sentence) {
+TEST(FullDisk, refuses_the_file_for_which_no_space_is_left_and_spares_the_other) {
   if (run("/", "unshare -m true").status != 0)
     GTEST_SKIP() << "mounting is not permitted here";
-  const std::string reserve = "could not reserve space for", large = pattern(3 << 20);
-  const std::pair<std::string, Reply> cases[] = {
-      {reserve, {.body = large}},
-      {reserve, {.body = large, .accept_ranges = false}},
-      {"could not write to", {.body = large, .send_length = false}}};
-  for (const auto& [says, reply] : cases) {
-    const TempDir dir;
-    const ScriptedServer server(reply);
-    const auto ran =
-        run(dir.path(),
-            "mkdir d; unshare -m bash -c 'mount -t tmpfs -o size=1m small d; cd d; ravelin get -q "
-            "$at/f; echo $?; mount -o remount,size=8m $PWD; ravelin get -q $at/f && cp f ..'",
-            server.url(""));
-    EXPECT_EQ(ran.out, "1\n");
-    EXPECT_EQ(count(ran.err, "ravelin: .*" + says + " 'f'.*No space left.*\n$"), 1) << ran.err;
-    EXPECT_TRUE(dir.read("f") == large);
-  }
   const TempDir dir;
   const ScriptedServer server(
       Reply{.body = pattern(5 << 20), .piece = 1 << 18, .piece_delay = 20ms});
-  const auto both = run(dir.path(),
-                        "unshare -m bash -c 'mount -t tmpfs -o size=8m small . && cd $PWD && "
-                        "ravelin get -q $at/a $at/b'",
-                        server.url(""));
-  EXPECT_EQ(both.status, 1);
-  EXPECT_TRUE(count(both.err, reserve) == 1 && count(both.err, "could not write") == 0) << both.err;
+  const auto ran = run(dir.path(),
+                       "unshare -m bash -c 'mount -t tmpfs -o size=8m small . && cd $PWD && "
+                       "ravelin get -q $at/a $at/b; echo $?; mount -o remount,size=32m $PWD; "
+                       "ravelin get -q $at/a $at/b && cmp a b && stat -c %s a; ls'",
+                       server.url(""));
+  EXPECT_EQ(ran.out, "1\n5242880\na\nb\n");
+  EXPECT_EQ(count(ran.err, "could not reserve space for .*No space left.*\n"), 1) << ran.err;
+  EXPECT_EQ(count(ran.err, "\n"), 1) << ran.err;
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 // happens at the nth file call: `fail` makes it fail, `kill` ends the process there, and `cut` cuts
 // the power: DIRECTORY.cut then holds what a journaling file system would have kept of DIRECTORY.
 // Standard error tells which call it was.
-#include "platform/files/file_calls.h"
+#include "tests/harness/faulty_files.h"
 
 #include <cerrno>
 #include <csignal>
@@ -21,7 +21,6 @@
 
 namespace {
 namespace fs = std::filesystem;
-using Real = ravelin::platform::FileCalls;
 
 constexpr const char* mark = "user.lg_ignore"; // of a file that is not complete
 
@@ -39,48 +38,13 @@ ino_t number_of(const fs::path& path) {
 
 // Keeps account of what storage holds of the directory: contents as of the last flush of the file,
 // names and marks as of the last one of the directory, or after some of the changes since.
-class FaultyCalls final : public Real {
+class Disk {
 public:
-  explicit FaultyCalls(const char* fault) {
+  explicit Disk(const char* fault) {
     std::istringstream(fault) >> mode_ >> left_ >> seed_ >> directory_;
     note_names();
     for (auto& [number, kept] : kept_)
       kept.content = content_of(link_of(kept.held));
-    ravelin::platform::set_file_calls(this);
-  }
-  int open(const char* path, int flags, mode_t mode) override {
-    return fails("open", path) ? -1 : Real::open(path, flags, mode);
-  }
-  ssize_t pwrite(int file, const void* bytes, std::size_t size, off_t offset) override {
-    return fails("pwrite", file) ? -1 : Real::pwrite(file, bytes, size, offset);
-  }
-  int fdatasync(int file) override { return fails("fdatasync", file) ? -1 : Real::fdatasync(file); }
-  int fsync(int file) override { return fails("fsync", file) ? -1 : Real::fsync(file); }
-  int ftruncate(int file, off_t size) override {
-    return fails("ftruncate", file) ? -1 : Real::ftruncate(file, size);
-  }
-  int reserve(int file, off_t size) override {
-    return fails("reserve", file) ? -1 : Real::reserve(file, size);
-  }
-  int rename(const char* from, const char* to) override {
-    return fails("rename", to) ? -1 : Real::rename(from, to);
-  }
-  int unlink(const char* path) override { return fails("unlink", path) ? -1 : Real::unlink(path); }
-  int setxattr(const char* path, const char* name, const void* value, std::size_t size) override {
-    return fails("setxattr", path) ? -1 : Real::setxattr(path, name, value, size);
-  }
-  int removexattr(const char* path, const char* name) override {
-    return fails("removexattr", path) ? -1 : Real::removexattr(path, name);
-  }
-
-  void say_what_is_left_open() {
-    const std::lock_guard lock(mutex_);
-    auto left = -std::ssize(kept_);
-    std::error_code gone;
-    for (const auto& file : fs::directory_iterator("/proc/self/fd"))
-      left += fs::read_symlink(file, gone).native().starts_with(directory_.native());
-    if (left > 0)
-      std::fprintf(stderr, "left open: %td\n", left);
   }
 
 private:
@@ -89,8 +53,7 @@ private:
     std::string content; // as of the last flush of the file
   };
 
-  bool fails(const char* call, int file) { return fails(call, fs::read_symlink(link_of(file))); }
-  bool fails(const std::string& call, const fs::path& path) {
+  int error_of(std::string_view call, const fs::path& path) {
     const std::lock_guard lock(mutex_);
     note_names(); // as the calls before this one have left them
     if (--left_ != 0) {
@@ -98,15 +61,14 @@ private:
         states_.erase(states_.begin(), states_.end() - 1);
       else if (call == "fdatasync" || call == "fsync")
         kept_[number_of(path)].content = content_of(path);
-      return false;
+      return 0;
     }
-    std::fprintf(stderr, "fault at %s %s\n", call.c_str(), path.filename().c_str());
+    std::fprintf(stderr, "fault at %s %s\n", call.data(), path.filename().c_str());
     if (mode_ == "cut")
       cut_power();
     if (mode_ != "fail")
       ::kill(::getpid(), SIGKILL);
-    errno = seed_ % 2 ? ENOSPC : EIO;
-    return true;
+    return seed_ % 2 ? ENOSPC : EIO;
   }
   void note_names() {
     auto& names = states_.emplace_back();
@@ -147,10 +109,11 @@ private:
   fs::path directory_;
   std::vector<std::map<std::string, std::pair<ino_t, std::string>>> states_; // with marks
   std::map<ino_t, Kept> kept_;
+  const test::FaultyFiles calls_{
+      [this](std::string_view call, const std::string& path) { return error_of(call, path); }};
 };
 
 const auto* const fault = std::getenv("RAVELIN_FAULT");
-auto* const calls = fault ? new FaultyCalls(fault) : nullptr; // for threads that outlive `main`
-const bool ends = calls && std::atexit([] { calls->say_what_is_left_open(); }) == 0;
+const auto* const disk = fault ? new Disk(fault) : nullptr; // for threads that outlive `main`
 
 } // namespace

@@ -1,7 +1,7 @@
-#include "bench/faults/pump.h"
 #include "bench/faults/tally.h"
 #include "bench/micro/timed_drain.h"
 #include "tests/harness/nginx.h"
+#include "tests/harness/pump.h"
 #include "tests/harness/temp_dir.h"
 
 #include <cstdio>
@@ -25,7 +25,7 @@ public:
     opr_->resume(URL(link), URL::file(file), true, OnConflict::stop, [this](const Status& status) {
       if (status.holds<Status::files_are_created>())
         return; // called on another thread
-      ended_ = is_final(status);
+      ended_ = status.is_final();
       succeeded_ = status.holds<Status::success>();
     });
   }

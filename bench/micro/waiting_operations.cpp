@@ -1,6 +1,6 @@
-#include "bench/faults/pump.h"
 #include "bench/faults/tally.h"
 #include "bench/micro/timed_drain.h"
+#include "tests/harness/pump.h"
 #include "tests/harness/scripted_server.h"
 #include "tests/harness/temp_dir.h"
 
@@ -55,7 +55,7 @@ public:
     const auto closure = [operation](const Status& status) {
       operation->pending = operation->pending || status.holds<Status::pending>();
       operation->connecting = operation->connecting || status.holds<Status::connecting>();
-      operation->ended = operation->ended || is_final(status);
+      operation->ended = operation->ended || status.is_final();
     };
     const auto begin = Clock::now();
     operation->opr->resume(link, file, true, OnConflict::stop, closure);

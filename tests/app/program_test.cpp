@@ -35,8 +35,7 @@ const std::map<std::string, Reply> replies = {
     {"moved", {.status = 302, .headers = {{"Location", "/elsewhere"}}}},
     {"gone", {.status = 302, .headers = {{"Location", "http://127.0.0.1:1"}}}}, // refused there
     {"named", {.headers = {{"Content-Disposition", "filename*=UTF-8''b%201"}}, .body = body}},
-    {"in7s", {.status = 503, .headers = {{"Retry-After", "7"}}}},
-    {"in9days", {.status = 503, .headers = {{"Retry-After", "777777"}}}}};
+    {"in7s", {.status = 503, .headers = {{"Retry-After", "7"}}}}};
 
 // The query of a link tells what its server does. Of "first,later" the first request gets the one,
 // of "first+later" the first six do.
@@ -154,8 +153,6 @@ TEST(Program, does_what_the_command_line_says) {
        {"mkdir d; get -d d -o g $at/f; get -d d $at/f", 0, "^$", "d/f d/g "},
        {old + "resume", 1, "has 3 bytes, but .* has 400003", "f:old "},
        {old + "replace", 0, "done", "f "},
-       {old + "keep_both", 0, "done", "f (1) f:old "},
-       {old + "stop", 1, "-> f: .*already exists and complete.*\n", "f:old "},
        {"ravelin status f", 1, "^f: no such download\n$"},
        {"ravelin status .", 1, "^ravelin: '.' is a directory"},
        {"get $at/f; ravelin status f; ravelin clear f none; ravelin clear --complete f", 0,
@@ -198,8 +195,6 @@ TEST(Program, does_what_the_command_line_says) {
 TEST(Program, names_its_files_safely) {
   check({{"get $at/a%20b $at/line%0Aend $at/%FF%C3 $at/x%2F..%2Fy $at/m?moved $at/", 0, "^$",
           "a b download line_end m x_.._y \uFFFD\uFFFD "},
-         {"get $at/f -o $'two\\n\\xFF'; get $at/f -c stop -o $'two\\n\\xFF'", 1,
-          fails("two\\?\uFFFD: .*"), "two\n\xFF "},
          {"get $at/f -o '$(touch x)' && get -o ./-f $at/f", 0, "^$", "$(touch x) -f "},
          {"get -J $at/f?503,named && get -J $at/f", 0, "503", "b 1 f "},
          {"get $at/?named; get -J $at/other?named", 1, "from another link", "b 1 "},
@@ -211,22 +206,17 @@ TEST(Program, names_its_files_safely) {
 TEST(Program, tries_again_what_may_pass) {
   const std::string again = "get --retry 1 $at/f?", wait = "0\\.[2-5]";
   check({{again + "404", 1, "^" + fails("404")},
-         {again + "403", 1, "^" + fails("403")},
-         {again + "408", 1, tries(wait) + fails("408")},
          {again + "500", 1, tries(wait) + fails("500")},
          {again + "lost", 1, tries(wait) + fails("lost")},
          {again + "mute --timeout 0.2", 1, tries(wait) + fails("timed out")},
          {again + "lost,ok", 0, tries(wait) + "$", "f "},
-         {"get --retry 0 $at/f?lost", 1, "^" + fails("lost")},
          {"get --retry 3 $at/f?500", 1,
           tries(wait, "1 of 3") + tries("(0\\.[5-9]|1.0)", "2 of 3") + tries("[12]\\..", "3 of 3")},
          {"get_for_1s --retry 1 $at/f?in7s", 130, tries("7.0")},
-         {"get_for_1s --retry 1 $at/f?in9days", 130, tries("300.0")},
          {"get --retry 2 --patience 0 $at/f?cut+gone; ravelin clear f", 0,
           tries(wait, "1 of 2") + ".*connect.*2 of 2"},
          {"get ftp://h/f; get file:///f", 1, "^(.*only http and https.*\n){2}$"},
          {"get $at/f -o .", 1, "^" + fails("is a directory")},
-         {"get $at/f -o none/f", 1, "^" + fails("none/f")},
          {"mkfifo p; get $at/f -o p", 1, "^" + fails("a pipe or a device")},
          {"get http://127.0.0.1:1/f", 1, "^" + fails("connect")}});
 }
@@ -237,8 +227,7 @@ TEST(Program, prints_what_happens_as_lines_of_JSON) {
   check({{get, 0, "^" + start + "success $", "f "},
          {get + "?lost,ok", 0, "^connecting error... " + start + "success ravelin", "f "},
          {get + wrong_sum, 1, start + "error ravelin", "f.sha256-mismatch "},
-         {get + " -o .", 1, "^error ravelin: "},
-         {old + " -c stop", 1, "^error ravelin: ", "f:old "},
+         {old + " -c stop", 1, "^error ravelin: .*already exists and complete", "f:old "},
          {old + " -c keep_both", 0, "^renamed " + start, "f (1) f:old "},
          {get + " $at/g -j 1", 0, "pending .*success connecting", "f g "},
          {"get_for_1s --events $at/f?mute", 130, "^connecting cancelling cancelled $"},

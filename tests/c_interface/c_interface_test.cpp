@@ -63,37 +63,33 @@ TEST_F(CInterface, downloads_stops_continues_and_tells_why_it_failed) {
 TEST_F(CInterface, sends_the_fields_of_each_operation_to_its_own_link_only) {
   const ScriptedServer elsewhere(Reply{.body = body});
   const ScriptedServer server([&](const Request& request) {
-    return request.target == "/moved"
-               ? Reply{.status = 302, .headers = {{"Location", elsewhere.url()}}}
-               : Reply{.body = body, .header_delay = std::chrono::milliseconds(100)};
+    return Reply{.status = request.target == "/moved" ? 302 : 200,
+                 .headers = {{"Location", elsewhere.url()}},
+                 .body = body,
+                 .header_delay = std::chrono::milliseconds(100)};
   });
   const auto on_event = [](void* user, const ravelin_event* event) {
-    auto& running = *static_cast<std::string*>(user); // of all three
-    if (event->status == ravelin_status_connecting)
-      running += '+';
-    EXPECT_FALSE(event->status == ravelin_status_error ||
-                 event->status == ravelin_status_cancelled);
-    if (event->status == ravelin_status_success && (running += '-').ends_with("---"))
+    auto& all = *static_cast<std::string*>(user);
+    if (event->status == ravelin_status_connecting || event->status == ravelin_status_success)
+      all += std::to_string(event->status);
+    if (all.ends_with("888") || event->status == ravelin_status_error)
       ravelin_main_queue_stop();
   };
-  const std::string names[] = {"one", "two", "moved"};
-  for (const auto& name : names) {
+  for (const std::string name : {"one", "two", "moved"}) {
     auto* const options = ravelin_options_new();
     ravelin_options_add_header(options, "Token", name.c_str());
     auto* const own = ravelin_operation_new();
     ravelin_operation_set_options(own, options);
     ravelin_options_free(options);
-    ravelin_operation_resume(own, server.url("/" + name).c_str(), (dir / name).c_str(), true,
+    ravelin_operation_resume(own, server.url("/" + name).c_str(), (file + name).c_str(), true,
                              ravelin_on_conflict_resume, on_event, &told);
     ravelin_operation_free(own);
   }
   ravelin_main_queue_run();
-  EXPECT_EQ(told, "+++---") << "they did not run at the same time";
-  for (const auto& name : names)
-    EXPECT_TRUE(dir.read(name) == body) << name;
+  EXPECT_EQ(told, "777888") << "they did not run at the same time";
+  EXPECT_GE(server.requests().size(), 3U + 2 * 5);
   for (const auto& request : server.requests())
     EXPECT_EQ("/" + request.header("Token").value_or("none"), request.target);
-  EXPECT_GE(server.requests().size(), 3U + 2 * 5);
   EXPECT_EQ(elsewhere.requests().size(), 6U);
   for (const auto& request : elsewhere.requests())
     EXPECT_FALSE(request.header("Token"));

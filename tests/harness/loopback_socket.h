@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <system_error>
-#include <utility>
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -33,11 +32,9 @@ public:
 
   unsigned short port() const { return port_; }
   int number() const { return number_; }
-  // The caller closes it from now on.
-  int release() { return std::exchange(number_, -1); }
 
 private:
-  int number_;
+  const int number_;
   unsigned short port_ = 0;
 };
 

@@ -35,7 +35,7 @@ public:
         dir_.write("nginx.conf", R"(daemon off; master_process off; pid pid; events {}
 http { client_body_temp_path temp; proxy_temp_path temp; fastcgi_temp_path temp;
 uwsgi_temp_path temp; scgi_temp_path temp; default_type application/octet-stream;
-log_format short '$request_method $request_uri $status $body_bytes_sent range="$http_range"';
+log_format short '$request_method $request_uri $status $body_bytes_sent';
 access_log access.log short; sendfile on; tcp_nopush on; ssl_certificate ca.pem;
 ssl_certificate_key key.pem; server { root root; )" +
                                      options.extra_locations + " limit_rate " + options.limit_rate +
@@ -52,11 +52,8 @@ ssl_certificate_key key.pem; server { root root; )" +
   std::string url(const std::string& path = "/file.bin") const {
     return scheme_ + "://127.0.0.1:" + std::to_string(port_) + path;
   }
-  unsigned short port() const { return port_; }
   fs::path root() const { return dir_ / "root"; } // of the served files
   fs::path ca_file() const { return dir_ / "ca.pem"; }
-  // A line for each finished request: GET /file.bin 206 100 range="bytes=0-99"
-  std::string access_log() const { return dir_.read("access.log"); }
 
 private:
   TempDir dir_;

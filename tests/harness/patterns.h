@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace test {
 
@@ -17,6 +19,12 @@ inline std::string pattern(std::size_t n, unsigned seed = 1) {
     std::memcpy(bytes.data() + at, &word, std::min<std::size_t>(8, n - at));
   }
   return bytes;
+}
+
+// Each case is "given -> expected".
+template <class Function> void expect(Function&& function, const std::vector<std::string>& cases) {
+  for (const auto& text : cases)
+    EXPECT_EQ(function(text.substr(0, text.find(" -> "))), text.substr(text.find(" -> ") + 4));
 }
 
 } // namespace test

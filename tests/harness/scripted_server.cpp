@@ -84,7 +84,7 @@ std::string head_of(const Reply& reply, const Slice& slice) {
   if (reply.content_length || (reply.send_length && !reply.chunked))
     headers.emplace_back("Content-Length",
                          reply.content_length.value_or(std::to_string(slice.body.size())));
-  std::string head = "HTTP/1.1 " + std::to_string(slice.status) + " " + reply.reason + "\r\n";
+  std::string head = "HTTP/1.1 " + std::to_string(slice.status) + " \r\n";
   for (const auto& [name, value] : headers)
     head += value.empty() ? "" : name + ": " + value + "\r\n";
   return head + "\r\n";

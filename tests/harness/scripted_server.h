@@ -21,7 +21,6 @@ using Position = std::optional<std::size_t>; // in the body of one answer, or it
 // One answer and what goes wrong with it. Of several positions the smallest one acts.
 struct Reply {
   int status = 200;
-  std::string reason{};
   Headers headers{}; // besides those that the server makes itself
   std::string body{};
   bool accept_ranges = true;                   // announce byte ranges and serve a single one as 206
@@ -64,9 +63,8 @@ public:
   ~ScriptedServer();
 
   std::string url(const std::string& path = "/file.bin") const {
-    return "http://127.0.0.1:" + std::to_string(port()) + path;
+    return "http://127.0.0.1:" + std::to_string(listener_.port()) + path;
   }
-  unsigned short port() const { return listener_.port(); }
   std::vector<Request> requests() const;
   // Returns when n requests have arrived in all; throws when they do not within ten seconds.
   void wait_for_requests(std::size_t n) const;

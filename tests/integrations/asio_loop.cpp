@@ -34,12 +34,7 @@ Coroutine wait_in_coroutine(Operation operation, DownloadRequest request, OnEnd 
   on_end(co_await download(operation, request));
 }
 
-asio::awaitable<void> wait_on(asio::thread_pool& pool, Operation operation, DownloadRequest request,
-                              OnEnd on_end) {
-  on_end(co_await async_download(pool.get_executor(), operation, request, asio::use_awaitable));
-}
-
-enum Way { coroutine, future, handler, bound_handler, awaitable };
+enum Way { coroutine, future, handler, bound_handler };
 void start(Way way, asio::thread_pool& pool, const Operation& operation,
            const DownloadRequest& request, const OnEnd& on_end) {
   if (way == coroutine)
@@ -50,11 +45,9 @@ void start(Way way, asio::thread_pool& pool, const Operation& operation,
     }).detach();
   else if (way == handler)
     async_download(pool.get_executor(), operation, request, on_end);
-  else if (way == bound_handler)
+  else
     async_download(asio::system_executor(), operation, request,
                    asio::bind_executor(pool.get_executor(), on_end));
-  else
-    asio::co_spawn(pool, wait_on(pool, operation, request, on_end), asio::detached);
 }
 
 TEST(Download, can_be_waited_for_in_each_way_whatever_its_end) {
@@ -64,7 +57,7 @@ TEST(Download, can_be_waited_for_in_each_way_whatever_its_end) {
                  .close_at_once = request.target == "/lost"};
   });
   asio::thread_pool pool(1);
-  for (const auto way : {coroutine, future, handler, bound_handler, awaitable})
+  for (const auto way : {coroutine, future, handler, bound_handler})
     for (const std::string path : {"/whole", "/lost", "/mute"}) {
       SCOPED_TRACE(path + std::to_string(way));
       const TempDir dir;

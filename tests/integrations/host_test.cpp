@@ -1,6 +1,5 @@
-#include "ravelin/main_queue.h"
-#include "ravelin/ravelin_operation.h"
 #include "tests/harness/patterns.h"
+#include "tests/harness/pump.h"
 #include "tests/harness/scripted_server.h"
 #include "tests/harness/temp_dir.h"
 
@@ -15,35 +14,28 @@ using namespace ravelin;
 using namespace std::chrono_literals;
 
 // One download, started by and told to the thread that makes it.
-struct Download {
+struct Download : Run {
   Download() {
-    operation->resume(URL(server.url()), URL::file(dir / "a"), true, OnConflict::resume,
-                      [this, own = std::this_thread::get_id()](const Status& status) {
-                        if (status.holds<Status::files_are_created>())
-                          return;
-                        EXPECT_EQ(std::this_thread::get_id(), own);
-                        last = status;
-                      });
+    start(server.url(), dir / "a", true, OnConflict::resume,
+          [own = std::this_thread::get_id()] { EXPECT_EQ(std::this_thread::get_id(), own); });
   }
   bool succeeded() const { return last.holds<Status::success>() && dir.read("a") == body; }
 
   const std::string body = pattern(300'000);
   const ScriptedServer server{Reply{.body = body, .piece = 6'000, .piece_delay = 5ms}};
   const TempDir dir;
-  std::shared_ptr<RavelinOperation> operation = std::make_shared<RavelinOperation>();
-  Status last{Status::pending{}};
 };
 
 TEST(EventLoop, brings_a_download_to_its_end_or_stops_it_or_is_left_itself) {
   enum How { to_its_end, stopped, left };
   const auto run = [](How how) {
     const auto step = make_loop();
-    const Download download;
+    Download download;
     while (!download.last.holds<Status::downloading>())
       step();
     if (how == stopped)
-      download.operation->cancel();
-    while (how != left && download.operation->is_busy())
+      download.opr->cancel();
+    while (how != left && download.opr->is_busy())
       step();
     return how == stopped ? download.last.holds<Status::cancelled>() : download.succeeded();
   };
@@ -70,7 +62,7 @@ TEST(Host, may_have_its_main_thread_elsewhere_and_drop_its_operation) {
   std::thread([] {
     MainQueue::adopt_current_thread();
     Download download;
-    const std::weak_ptr operation = std::exchange(download.operation, nullptr);
+    const std::weak_ptr operation = std::exchange(download.opr, nullptr);
     while (!operation.expired()) // the library holds it until its end
       MainQueue::drain();
     EXPECT_TRUE(download.succeeded());

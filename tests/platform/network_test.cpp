@@ -10,7 +10,10 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <latch>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <thread>
 
 namespace ravelin::platform {
@@ -170,15 +173,40 @@ TEST(URLSession, sends_what_is_configured_and_no_secret_to_other_hosts) {
       << seen;
 }
 
-TEST(URLSessionDeathTest, tells_a_machine_without_a_network_from_a_host_that_is_away) {
-  if (test::ChildProcess({"unshare", "-n", "true"}).wait() != 0)
+/// In a network and with mounts of its own, for this thread and those that it starts.
+void enter_namespaces(const test::TempDir& dir) {
+  unshare(CLONE_NEWNET | CLONE_NEWNS);
+  mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+  for (const std::string name : {"resolv.conf", "nsswitch.conf"})
+    mount((dir / name).c_str(), ("/etc/" + name).c_str(), nullptr, MS_BIND, nullptr);
+}
+
+TEST(URLSessionDeathTest, tells_no_network_from_a_host_that_is_away_and_may_hang_in_a_look_up) {
+  if (test::ChildProcess({"unshare", "-nm", "true"}).wait() != 0)
     GTEST_SKIP() << "no network namespace can be made here";
-  const auto ask_alone = [] {
-    unshare(CLONE_NEWNET); // for this thread and those that it starts
+  const test::TempDir dir;
+  dir.write("resolv.conf", "nameserver 127.0.0.1\n");
+  dir.write("nsswitch.conf", "hosts: dns\n");
+  const auto ask_alone = [&] {
+    enter_namespaces(dir);
     std::cerr << fetch("http://host.invalid/") << fetch("http://127.0.0.1/");
+    ifreq loopback{.ifr_ifrn = {"lo"}, .ifr_ifru = {}};
+    loopback.ifr_flags = IFF_UP;
+    const int name_server = socket(AF_INET, SOCK_DGRAM, 0); // which never answers
+    const sockaddr_in place{AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+    if (ioctl(name_server, SIOCSIFFLAGS, &loopback) != 0 ||
+        bind(name_server, reinterpret_cast<const sockaddr*>(&place), sizeof place) != 0)
+      _exit(1);
+    const auto request = std::make_shared<Fetch>();
+    const auto task = request->start("http://host.test/");
+    char query;
+    recv(name_server, &query, 1, 0);
+    const auto begin = Clock::now();
+    task->cancel();
+    std::cerr << request->outcome() << (Clock::now() - begin < 1s ? " at once" : " late");
     _exit(0);
   };
-  EXPECT_EXIT(ask_alone(), testing::ExitedWithCode(0), "-1009-1004");
+  EXPECT_EXIT(ask_alone(), testing::ExitedWithCode(0), "-1009-1004-999 at once");
 }
 
 TEST(DataTask, waits_for_a_slow_delegate_and_ends_when_cancelled_or_alone) {

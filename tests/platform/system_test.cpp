@@ -1,10 +1,10 @@
-#include "platform/files/file_calls.h"
 #include "platform/files/file_handle.h"
 #include "platform/files/file_manager.h"
 #include "platform/files/file_marks.h"
 #include "platform/threads/semaphore.h"
 #include "platform/threads/serial_queue.h"
 #include "ravelin/main_queue.h"
+#include "tests/harness/faulty_files.h"
 #include "tests/harness/temp_dir.h"
 
 #include <algorithm>
@@ -19,24 +19,6 @@ namespace ravelin::platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// A disk that is full at the nth call. What may be interrupted is, and writes are short.
-struct FullDisk : FileCalls {
-  explicit FullDisk(std::size_t nth) : left(nth) { set_file_calls(this); }
-  ~FullDisk() override { set_file_calls(nullptr); }
-  bool full() { return errno = ENOSPC, --left == 0; }
-  bool stops() { return (interrupted = !interrupted) ? errno = EINTR, true : full(); }
-  ssize_t pwrite(int f, const void* bytes, std::size_t n, off_t at) override {
-    return stops() ? -1 : FileCalls::pwrite(f, bytes, std::min<std::size_t>(n, 4), at);
-  }
-  int fdatasync(int f) override { return stops() ? -1 : FileCalls::fdatasync(f); }
-  int fsync(int f) override { return stops() ? -1 : FileCalls::fsync(f); }
-  int reserve(int f, off_t n) override { return stops() ? -1 : FileCalls::reserve(f, n); }
-  int ftruncate(int f, off_t n) override { return full() ? -1 : FileCalls::ftruncate(f, n); }
-  int rename(const char* a, const char* b) override { return full() ? -1 : ::rename(a, b); }
-  std::size_t left; // calls
-  bool interrupted = false;
-};
 
 constexpr auto replace = [](const URL& url) { write_text_atomically(url, "new text"); };
 void edit(const URL& url) {
@@ -68,7 +50,16 @@ TEST(FileCalls, may_fail_one_by_one_and_leave_whole_files_and_errors_that_name_t
     for (std::size_t nth = 1; nth <= outcomes.size(); ++nth) {
       const test::TempDir dir;
       const auto url = URL::file(dir.write("f", "old text"));
-      const FullDisk disk(nth);
+      auto left = nth; // calls until the disk is full
+      bool interrupted = false;
+      test::FaultyFiles disk([&](std::string_view call, const std::string&) {
+        if (call == "open" || call == "unlink")
+          return 0;
+        if (call != "rename" && call != "ftruncate" && (interrupted = !interrupted))
+          return EINTR;
+        return --left == 0 ? ENOSPC : 0;
+      });
+      disk.max_write = 4;
       const auto sign = code_of(work, url) == ENOSPC ? "!" : "";
       EXPECT_EQ(outcomes[nth - 1], dir.read("f") + sign) << nth;
       EXPECT_FALSE(fs::exists(dir / "f.tmp"));

@@ -5,6 +5,7 @@
 #include "src/PartialDataOpr.h"
 #include "src/RetryPolicy.h"
 #include "src/SuggestedName.h"
+#include "tests/harness/patterns.h"
 #include "tests/harness/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -18,12 +19,6 @@ using namespace std::chrono_literals;
 using bramblekit::to_error;
 
 const std::string x196(196, 'x'), x200 = x196 + "xxxx";
-
-// Each case is "given -> expected".
-template <class Function> void expect(Function&& function, const std::vector<std::string>& cases) {
-  for (const auto& text : cases)
-    EXPECT_EQ(function(text.substr(0, text.find(" -> "))), text.substr(text.find(" -> ") + 4));
-}
 
 TEST(SuggestedName, is_safe_whatever_the_link_says) {
   const auto name = [](const auto& link) {
@@ -162,27 +157,6 @@ TEST(PartSchedule, finds_the_one_connection_that_is_slow) {
   EXPECT_TRUE(parts.has_ended(3)) << "given up";
   EXPECT_FALSE(parts.may_replace(3)) << "once was enough";
   EXPECT_TRUE(parts.may_replace(2));
-}
-
-TEST(PartSchedule, opens_as_many_connections_as_it_may) {
-  Options options;
-  options.max_connections = 3;
-  PartSchedule parts(options);
-  EXPECT_TRUE(parts.may_open(2));
-  EXPECT_FALSE(parts.may_open(3));
-  parts.limit_connections(0);
-  EXPECT_TRUE(parts.may_open(0)) << "one at least";
-  parts.limit_connections(5);
-  EXPECT_FALSE(parts.may_open(1)) << "never more again";
-  parts.wait_for_connection(4);
-  parts.wait_for_connection(2);
-  EXPECT_EQ(parts.take_waiting(), 4);
-  EXPECT_EQ(parts.take_waiting(), 2);
-  EXPECT_EQ(parts.take_waiting(), std::nullopt);
-  EXPECT_FALSE(parts.another_is_open(0));
-  parts.has_started(1, nullptr);
-  EXPECT_TRUE(parts.another_is_open(0));
-  EXPECT_FALSE(parts.another_is_open(1));
 }
 
 } // namespace

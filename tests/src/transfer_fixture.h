@@ -2,17 +2,15 @@
 
 #include "bramblekit/main_thread.h"
 #include "platform/files/file_marks.h"
-#include "ravelin/main_queue.h"
 #include "ravelin/options.h"
-#include "ravelin/ravelin_operation.h"
 #include "src/FileProcessor.h"
 #include "tests/harness/faulty_files.h"
 #include "tests/harness/patterns.h"
+#include "tests/harness/pump.h"
 #include "tests/harness/scripted_server.h"
 #include "tests/harness/temp_dir.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 
 namespace test {
 
@@ -20,18 +18,6 @@ using namespace ravelin;
 using namespace std::chrono_literals;
 
 constexpr auto never = 24h; // for a server to answer
-
-// Runs the main queue until the condition holds; throws when that takes too long.
-template <class Condition> void pump_until(const Condition& holds) {
-  const auto limit = std::chrono::steady_clock::now() + 40s;
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > limit)
-      throw std::runtime_error("waited in vain");
-    pollfd readable{MainQueue::descriptor(), POLLIN, 0};
-    poll(&readable, 1, 5); // not everything that is waited for comes through the queue
-    MainQueue::drain();
-  }
-}
 
 // Runs the work on a thread of its own, and the main queue meanwhile.
 template <class Work> void in_background(const Work& work) {

@@ -10,21 +10,16 @@
 
 namespace test {
 
-// Runs the main queue until the condition holds; throws after a minute.
-inline void pump_until(const std::function<bool()>& holds) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+// Runs the main queue until the condition holds; throws when that takes too long.
+template <class Condition> void pump_until(const Condition& holds) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(40);
   while (!holds()) {
     if (std::chrono::steady_clock::now() > limit)
-      throw std::runtime_error("what is waited for does not come");
+      throw std::runtime_error("waited in vain");
     pollfd readable{ravelin::MainQueue::descriptor(), POLLIN, 0};
-    poll(&readable, 1, 1); // not everything that is waited for comes through the queue
+    poll(&readable, 1, 2); // not everything that is waited for comes through the queue
     ravelin::MainQueue::drain();
   }
-}
-
-inline bool is_final(const ravelin::Status& status) {
-  return status.holds<ravelin::Status::success>() || status.holds<ravelin::Status::cancelled>() ||
-         status.holds<ravelin::Status::error>();
 }
 
 // One run of an operation; lives until its final event.
@@ -43,7 +38,7 @@ struct Run {
                   then();
                 });
   }
-  bool ended() const { return is_final(last); }
+  bool ended() const { return last.is_final(); }
 
   std::shared_ptr<ravelin::RavelinOperation> opr = std::make_shared<ravelin::RavelinOperation>();
   ravelin::Status last{ravelin::Status::connecting{}};
