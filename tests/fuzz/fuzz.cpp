@@ -1,8 +1,10 @@
-#include "app/naming.h"
 #include "app/options.h"
 #include "platform/network/http_date.h"
+#include "ravelin/response.h"
+#include "ravelin/text.h"
 #include "src/ResumeData.h"
 #include "src/Safeguards.h"
+#include "src/SuggestedName.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -30,7 +32,7 @@ bool http_head(const std::string& text) {
     next = std::min(text.find('\n', at), text.size() - 1) + 1;
     head.add(std::string_view(text).substr(at, next - at));
   }
-  const auto& [is_http, http_status, fields] = head.response();
+  const auto& fields = head.response().header_fields;
   for (const auto& [name, value] : fields) {
     const auto range = platform::parse_content_range(value).value_or(platform::ContentRange{});
     if (!platform::find_field(fields, name) || range.start < 0 || range.end < range.start ||
@@ -39,7 +41,7 @@ bool http_head(const std::string& text) {
     platform::parse_retry_after(value);
   }
   const auto known = ContentVersion::of_whole(fields);
-  return http_status == 206 ||
+  return head.response().status == 206 ||
          Safeguards(Options::careful())
              .refuse_response(head.response(), platform::BytesRange{0, 9}, known);
 }
@@ -52,11 +54,11 @@ bool arguments(const std::string& text) {
     const std::string word = words.emplace_back(&text[at]);
     if (word.starts_with("-i") || word.starts_with("--input"))
       return true; // would read files, or wait for the terminal
-    const auto name = app::name_from_link(word);
-    if (app::usable_name(name) != name || name.size() > 200 ||
-        app::parse_size(word).value_or(0) < 0)
+    for (const auto& name : {suggested_name(URL("http://h/" + word)), name_from_disposition(word)})
+      if (name && (safe_name(*name) != name || name->size() > 200 || printable(*name) != *name))
+        return false;
+    if (app::parse_size(word).value_or(0) < 0)
       return false;
-    app::printable(word);
   }
   const auto [options, status] = app::parse_arguments(static_cast<int>(words.size()), words.data());
   return quiet &&
