@@ -14,6 +14,9 @@ namespace {
 constexpr std::size_t fast_storage_chunk = 288 * 1024;                      // bytes
 constexpr std::size_t slow_storage_chunk = pool_block_size - max_read_size; // bytes
 constexpr auto coalescing_delay = std::chrono::milliseconds(5);
+// If fewer bytes than this arrive in that time, the flow is slow, and waiting longer loses little.
+constexpr std::size_t slow_flow_size = 32 * 1024; // bytes
+constexpr auto slow_flow_delay = std::chrono::milliseconds(300);
 constexpr int max_blocks = 2;
 
 } // namespace
@@ -61,9 +64,9 @@ ReceiveBuffer::Appended ReceiveBuffer::append(std::string_view bytes) {
     return Appended::wake_delegate;
   paused_ = paused_ || filling_->size >= max_chunk_size();
   const auto appended = paused_ ? Appended::full : Appended::buffered;
-  const bool grown = !had_enough && has_enough();
+  const bool is_due = paused_ || (!had_enough && has_enough());
   lock.unlock(); // the woken thread needs it at once
-  if (grown)
+  if (is_due)
     ready_.notify_one();
   return appended;
 }
@@ -85,12 +88,15 @@ void ReceiveBuffer::discard() {
 std::optional<Data> ReceiveBuffer::take() {
   std::unique_lock lock(mutex_);
   storage_is_slow_ = has_slow_storage();
-  const auto is_due = [this] { return finished_ || discarded_ || paused_ || has_enough(); };
+  const auto must_end = [this] { return finished_ || discarded_ || paused_; };
+  const auto is_due = [&] { return must_end() || has_enough(); };
   // At full speed the next chunk arrives sooner than a new delivery could be scheduled.
   if (!has_bytes())
     ready_.wait_until(lock, Clock::now() + coalescing_delay, is_due);
   if (has_bytes())
     ready_.wait_until(lock, first_byte_ + coalescing_delay, is_due);
+  if (has_bytes() && filling_->size < slow_flow_size)
+    ready_.wait_until(lock, first_byte_ + slow_flow_delay, must_end);
   if (!has_bytes()) {
     delivering_ = false;
     return std::nullopt;

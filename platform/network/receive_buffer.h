@@ -35,8 +35,8 @@ public:
   /// Any thread: drops the bytes that were not taken, and all later ones.
   void discard();
 
-  /// Delegate queue: the next chunk, or nothing, which ends the delivery. Waits a few milliseconds
-  /// for a larger chunk.
+  /// Delegate queue: the next chunk, or nothing, which ends the delivery. Waits for a larger chunk:
+  /// a few milliseconds, or up to 0.3 s while bytes arrive slowly.
   std::optional<Data> take();
 
   void recycle(std::unique_ptr<Block> block) override;

@@ -209,6 +209,18 @@ TEST(URLSessionDeathTest, tells_no_network_from_a_host_that_is_away_and_may_hang
   EXPECT_EXIT(ask_alone(), testing::ExitedWithCode(0), "-1009-1004-999 at once");
 }
 
+// Each chunk costs a flush.
+TEST(DataTask, collects_bytes_that_arrive_slowly) {
+  const ScriptedServer server(
+      Reply{.body = test::pattern(6000), .piece = 100, .piece_delay = 10ms});
+  const auto request = std::make_shared<Fetch>();
+  int chunks = 0;
+  request->on_data = [&](auto&) { ++chunks; };
+  request->start(server.url());
+  EXPECT_EQ("0 200 6000", request->outcome());
+  EXPECT_TRUE(chunks > 1 && chunks < 20) << chunks;
+}
+
 TEST(DataTask, waits_for_a_slow_delegate_and_ends_when_cancelled_or_alone) {
   enum When { slow_response, slow_data, cancel_request, cancel_response, disallow, cancel_data };
   const Reply big{.body = test::pattern(12 << 20), .stall_after = 12'000'000},
