@@ -155,7 +155,8 @@ public:
   // Set by the background flow before it starts a request, which it does through the main thread.
   std::shared_ptr<FileProcessor> file_proc;
   bramblekit::StopWatch watch MAIN_STATE;
-  bool is_record_behind MAIN_STATE = false; // chunks arrived since the last save was queued
+  bramblekit::StopWatch since_chunk MAIN_STATE;
+  std::int64_t unsaved_bytes MAIN_STATE = 0; // arrived since the last save was queued
   SpeedMeter speed_meter MAIN_STATE;
   PartSchedule parts MAIN_STATE;
   std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry

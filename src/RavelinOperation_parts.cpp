@@ -113,8 +113,10 @@ void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const pla
   file_proc->async_write_bytes(checked_add(part.begin_pos, part.curr_bytes), data);
   part.curr_bytes = checked_add(part.curr_bytes, static_cast<std::int64_t>(data.size()));
   parts.has_received(part_index, static_cast<std::int64_t>(data.size()));
-  is_record_behind = watch.elapsed_time() <= save_interval;
-  if (!is_record_behind) {
+  unsaved_bytes += static_cast<std::int64_t>(data.size());
+  since_chunk.reset();
+  if (watch.elapsed_time() > save_interval) {
+    unsaved_bytes = 0;
     file_proc->async_update_resume_file();
     watch.reset();
   }

@@ -24,6 +24,9 @@ using platform::Semaphore;
 namespace {
 
 constexpr auto save_check_interval = std::chrono::milliseconds(50);
+constexpr auto burst_check_interval = std::chrono::milliseconds(10);
+constexpr double burst_pause = 0.01;              // seconds without a chunk that end a burst
+constexpr std::int64_t large_burst = 1024 * 1024; // bytes
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 
@@ -99,15 +102,19 @@ void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
       data_opr_sema = nullptr;
       last_progress_snap_point = 0.0F;
       watch.reset();
-      is_record_behind = false;
+      unsaved_bytes = 0;
       if (opr.is_cancelled())
         throw Exception();
       check_content(run.link);
       start_parts(run.link, should_split, std::move(held_response));
       return data_opr_sema;
     });
-    while (running && !running->wait_for(save_check_interval))
-      main_sync([&]() MAIN_ONLY { save_if_behind(); });
+    auto interval = save_check_interval;
+    while (running && !running->wait_for(interval))
+      interval = main_sync([&]() MAIN_ONLY {
+        save_if_behind();
+        return unsaved_bytes < large_burst ? save_check_interval : burst_check_interval;
+      });
     file_proc->bg_wait_for_writes(); // so that the record counts every byte
     main_sync([&]() MAIN_ONLY { finish_files(); });
   } catch (...) {
@@ -171,11 +178,15 @@ void RavelinOperation::Impl::check_content(const URL& link) {
     note_origin(file, link); // the same content from a new link
 }
 
-/// Saves the record of the last chunks, since no further chunk may arrive to cause a save.
+/// Saves the record of the last chunks, since no further chunk may arrive to cause a save. The end
+/// of a burst is the best moment: a save at its beginning would miss most of it, and the next one
+/// would be as late.
 void RavelinOperation::Impl::save_if_behind() {
-  if (!is_record_behind || watch.elapsed_time() <= save_interval)
+  const bool burst_ended = unsaved_bytes >= large_burst && since_chunk.elapsed_time() > burst_pause;
+  if (unsaved_bytes == 0 ||
+      watch.elapsed_time() <= (burst_ended ? save_interval / 4 : save_interval))
     return;
-  is_record_behind = false;
+  unsaved_bytes = 0;
   file_proc->async_update_resume_file();
   watch.reset();
 }
