@@ -1,6 +1,7 @@
-# Debian packages, by cpack. A shared build has a separate package for the library.
+# Quick Debian packages, by cpack; debian/ makes those for a distribution. A shared build has a
+# separate package for the library.
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "The ravelin developers <ravelin@localhost>")
+set(CPACK_PACKAGE_CONTACT "The ravelin developers <ravelin@ravelin.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "download files over HTTP in parts and continue them")
 set(CPACK_PACKAGE_DESCRIPTION
   "Fetches a file over several connections at once, can be stopped at any moment, and continues
@@ -22,7 +23,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Development files of the ravelin download library.")
 if(BUILD_SHARED_LIBS)
   list(APPEND CPACK_COMPONENTS_ALL library)
-  set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libravelin${PROJECT_VERSION_MAJOR})
+  get_target_property(soversion ravelin SOVERSION)
+  set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libravelin${soversion})
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
   set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${libcurl})
   set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON) # there is no per-package variable

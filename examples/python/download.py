@@ -3,7 +3,7 @@
 
 Ctrl-C stops the download, and the same command resumes it. The script loads the shared library:
 build ravelin with "cmake -S . -B build -DBUILD_SHARED_LIBS=ON", then install it or set
-RAVELIN_LIBRARY, for example to build/src/libravelin.so.0.
+RAVELIN_LIBRARY, for example to build/src/libravelin.so.0.1.
 """
 
 import asyncio
@@ -42,7 +42,7 @@ class Event(ctypes.Structure):
 
 Callback = ctypes.CFUNCTYPE(None, c_void_p, ctypes.POINTER(Event))
 
-library = ctypes.CDLL(os.environ.get("RAVELIN_LIBRARY", "libravelin.so.0"))
+library = ctypes.CDLL(os.environ.get("RAVELIN_LIBRARY", "libravelin.so.0.1"))
 library.ravelin_operation_new.restype = c_void_p
 library.ravelin_operation_free.argtypes = [c_void_p]
 library.ravelin_operation_cancel.argtypes = [c_void_p]
