@@ -1,14 +1,11 @@
 # Target `docs`: reference of the installed headers, in docs/html of the build directory. Public
 # names without a comment are errors.
-find_package(Doxygen QUIET)
-if(NOT DOXYGEN_FOUND)
-  message(STATUS "Doxygen was not found; there is no docs target (apt: doxygen)")
-  return()
-endif()
+find_package(Doxygen REQUIRED)
 
 set(DOXYGEN_PROJECT_BRIEF "${PROJECT_DESCRIPTION}")
 set(DOXYGEN_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/docs)
-set(DOXYGEN_STRIP_FROM_PATH ${PROJECT_SOURCE_DIR}/include)
+file(GLOB integrations ${PROJECT_SOURCE_DIR}/integrations/*)
+set(DOXYGEN_STRIP_FROM_PATH ${PROJECT_SOURCE_DIR}/include ${integrations} ${PROJECT_SOURCE_DIR})
 set(DOXYGEN_USE_MDFILE_AS_MAINPAGE ${PROJECT_SOURCE_DIR}/docs/reference.md)
 set(DOXYGEN_JAVADOC_AUTOBRIEF YES)
 set(DOXYGEN_QUIET YES)
