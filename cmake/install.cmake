@@ -1,4 +1,8 @@
-# Installs the library for find_package(Ravelin CONFIG) and pkg-config, and the program.
+# Installs the library for find_package(Ravelin CONFIG) and pkg-config, and the program. Components:
+#   program      the program, its manual page and completions
+#   library      the shared library, in a shared build
+#   development  headers, manual pages, files for CMake and pkg-config; the archive or the link to
+#                the shared library
 include(CMakePackageConfigHelpers)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Ravelin)
@@ -40,6 +44,17 @@ endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ravelin.pc.in ${PROJECT_BINARY_DIR}/ravelin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ravelin.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# One manual page for all functions of the C interface, which is also found by the name of each.
+install(FILES ${PROJECT_SOURCE_DIR}/man/ravelin.3
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+file(STRINGS ${PROJECT_SOURCE_DIR}/man/ravelin.3 functions REGEX "^\\.BI? .* \\*?ravelin_[a-z_]+\\(")
+list(TRANSFORM functions REPLACE ".*(ravelin_[a-z_]+)\\(.*" "\\1")
+foreach(function IN LISTS functions)
+  file(WRITE ${PROJECT_BINARY_DIR}/man3/${function}.3 ".so man3/ravelin.3\n")
+  install(FILES ${PROJECT_BINARY_DIR}/man3/${function}.3
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+endforeach()
 
 if(TARGET ravelin_cli)
   install(TARGETS ravelin_cli
