@@ -8,6 +8,7 @@
 namespace test {
 
 struct CInterface : testing::Test {
+  ~CInterface() override { ravelin_operation_free(operation); }
   // Runs until the final event and tells the number of each status, once for all bytes, and the
   // error. Cancels at the first bytes if the server stalls.
   std::string run(const char* link, ravelin_on_conflict on_conflict = ravelin_on_conflict_resume) {
@@ -57,7 +58,6 @@ TEST_F(CInterface, downloads_stops_continues_and_tells_why_it_failed) {
   ravelin_options_free(options);
   const ScriptedServer silent(Reply{.header_delay = std::chrono::hours(1)});
   EXPECT_EQ(run(silent.url().c_str()), "751 NSURLErrorDomain -1001");
-  ravelin_operation_free(operation);
 }
 
 TEST_F(CInterface, sends_the_fields_of_each_operation_to_its_own_link_only) {
