@@ -42,9 +42,10 @@ inline ExtAttr ext_attr(const URL& url) {
   return ExtAttr(url);
 }
 
-/// Hides the file in file managers, or shows it again. Failures are not reported.
-inline void set_is_hidden(const URL& url, bool is_hidden) {
-  platform::set_hidden(url, is_hidden);
+/// Hides the file in file managers, or shows it again. Failures are not reported; false: call it
+/// again off the main thread, which must not wait.
+inline bool set_is_hidden(const URL& url, bool is_hidden) {
+  return platform::set_hidden(url, is_hidden);
 }
 
 } // namespace ravelin::bramblekit

@@ -43,11 +43,13 @@ std::int64_t size_of(const URL& file) {
 
 } // namespace
 
-/// Removes the marks of an incomplete file.
-void RavelinOperation::Impl::remove_marks(const URL& file) {
-  bramblekit::set_is_hidden(file, false);
+/// Removes the marks of an incomplete file. False on the main thread if the file is still listed as
+/// hidden.
+bool RavelinOperation::Impl::remove_marks(const URL& file) {
+  const bool is_shown = bramblekit::set_is_hidden(file, false);
   bramblekit::ext_attr(file)["lg_ignore"] = std::nullopt;
   note_etag(file, std::nullopt);
+  return is_shown;
 }
 
 bool RavelinOperation::Impl::checks_destination() const {

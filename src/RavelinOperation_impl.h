@@ -106,7 +106,7 @@ public:
   void log(const std::string& line) const noexcept MAIN_ONLY;
 
   // Checking the files at the destination.
-  static void remove_marks(const URL& file);
+  static bool remove_marks(const URL& file);
   bool checks_destination() const;
   void bg_lock_destination(Run& run) BG_ONLY;
   bool bg_is_complete(const Run& run) BG_ONLY;
@@ -122,7 +122,7 @@ public:
   bool bg_prepare_files(Run& run, bool split_allowed) BG_ONLY;
   void check_content(const URL& link) MAIN_ONLY;
   void save_if_behind() MAIN_ONLY;
-  void finish_files() MAIN_ONLY;
+  bool finish_files() MAIN_ONLY;
   void save_received() noexcept MAIN_ONLY;
 
   // The parts of the transfer.

@@ -116,7 +116,8 @@ void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
         return unsaved_bytes < large_burst ? save_check_interval : burst_check_interval;
       });
     file_proc->bg_wait_for_writes(); // so that the record counts every byte
-    main_sync([&]() MAIN_ONLY { finish_files(); });
+    if (!main_sync([&]() MAIN_ONLY { return finish_files(); }))
+      bramblekit::set_is_hidden(run.destination, false); // waits, other than on the main thread
   } catch (...) {
     error = Error::current();
   }
@@ -201,7 +202,8 @@ void RavelinOperation::Impl::save_received() noexcept {
   }
 }
 
-void RavelinOperation::Impl::finish_files() {
+/// False if a complete file is still listed as hidden.
+bool RavelinOperation::Impl::finish_files() {
   if (file_proc->keeps_write_errors)
     if (const auto failed = file_proc->exception.get()) {
       save_received();
@@ -212,14 +214,16 @@ void RavelinOperation::Impl::finish_files() {
     if (destination_lock)
       destination_lock->note_complete();
     file_proc->delete_resume_file();
-    remove_marks(*file_proc->main_file_url);
-  } else if (download_exception->is<Exception>()) {
+    return remove_marks(*file_proc->main_file_url);
+  }
+  if (download_exception->is<Exception>()) {
     if (!should_clear_files)
       file_proc->update_resume_file();
   } else {
     save_received();
     download_exception->rethrow();
   }
+  return true;
 }
 
 } // namespace ravelin

@@ -2,6 +2,7 @@
 
 #include "platform/files/file_calls.h"
 #include "platform/files/file_marks.h"
+#include "platform/threads/thread_pool.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -83,6 +84,16 @@ bool write_new(const fs::path& path, std::string_view text, Flush flush_mode) {
          (flush_mode == Flush::no || flush(opened.number));
 }
 
+/// For the main thread, which does not wait for the list.
+void unlist_in_background(const URL& url) try {
+  run_in_background([url] {
+    if (::access(url.path().c_str(), F_OK) != 0) // not replaced by another download
+      set_hidden(url, false);
+  });
+} catch (const std::system_error&) {
+  // There is no thread: the line stays until a file of that name is complete.
+}
+
 fs::path temporary_path(fs::path path) {
   return path += ".tmp";
 }
@@ -118,7 +129,8 @@ void FileManager::remove_item(const URL& url) {
     fail(S_ISDIR(status.st_mode) ? EISDIR : EPERM, "remove", path);
   if (file_calls().unlink(path.c_str()) != 0)
     fail(errno, "remove", path);
-  set_hidden(url, false);
+  if (!set_hidden(url, false))
+    unlist_in_background(url);
 }
 
 std::string read_text(const URL& url, std::size_t limit, Links links) {

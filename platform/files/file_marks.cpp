@@ -2,6 +2,7 @@
 
 #include "platform/files/file_calls.h"
 #include "platform/files/file_manager.h"
+#include "ravelin/main_queue.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -33,19 +34,25 @@ std::string attribute_name(std::string_view name) {
   return "user." + std::string(name);
 }
 
+enum class Wait { no, yes };
+
 /// Keeps other processes from editing the list at the same time. Gives up after 100 ms, since
 /// anyone who can read the directory can hold its lock forever.
 class DirectoryLock {
 public:
-  explicit DirectoryLock(const fs::path& directory)
+  DirectoryLock(const fs::path& directory, Wait wait)
       : descriptor_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    for (int attempt = 0; descriptor_ >= 0 && attempt < 50; ++attempt) {
+    const int attempts = descriptor_ < 0 ? 0 : wait == Wait::yes ? 50 : 1;
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
       held_ = ::flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
       if (held_ || (errno != EWOULDBLOCK && errno != EINTR))
         return;
-      ::usleep(2000);
+      is_busy_ = attempt == attempts;
+      if (!is_busy_)
+        ::usleep(2000);
     }
   }
+  bool is_busy() const { return is_busy_; } // held by another process
   bool held() const { return held_; }
   ~DirectoryLock() {
     if (descriptor_ >= 0)
@@ -57,6 +64,7 @@ public:
 private:
   int descriptor_;
   bool held_ = false;
+  bool is_busy_ = false;
 };
 
 struct Edit {
@@ -104,14 +112,8 @@ bool made_by_us(const URL& list) {
   return extended_attribute(list, our_list_attribute).has_value() || errno == ENOTSUP;
 }
 
-void edit_list(const fs::path& directory, const std::string& name, bool listed) {
-  // Threads of this process wait for each other without a limit: only other processes can make
-  // the directory lock time out.
-  static auto& mutex = *new std::mutex;
-  const std::lock_guard guard(mutex);
-  const DirectoryLock lock(directory);
-  if (!lock.held())
-    return;
+/// Needs the directory lock.
+void edit_locked_list(const fs::path& directory, const std::string& name, bool listed) {
   const auto list = URL::file(directory / ".hidden");
   if (!listed)
     remove_temporary_of(list); // a killed process may have left one
@@ -130,6 +132,22 @@ void edit_list(const fs::path& directory, const std::string& name, bool listed) 
   write_text_atomically(list, edit.text, ours ? Flush::no : Flush::yes);
   if (ours)
     set_extended_attribute(list, our_list_attribute, Data::copy_of("true"));
+}
+
+/// Whether it is done, or cannot be.
+bool edit_list(const fs::path& directory, const std::string& name, bool listed, Wait wait) {
+  // Background threads of this process wait for each other without a limit: only other processes
+  // can make the directory lock time out.
+  static auto& mutex = *new std::mutex;
+  std::unique_lock guard(mutex, std::defer_lock);
+  if (wait == Wait::yes)
+    guard.lock();
+  else if (!guard.try_lock())
+    return false;
+  const DirectoryLock lock(directory, wait);
+  if (lock.held())
+    edit_locked_list(directory, name, listed);
+  return !lock.is_busy();
 }
 
 } // namespace
@@ -170,17 +188,20 @@ std::optional<std::string> extended_attribute(const URL& url, std::string_view n
   }
 }
 
-void set_hidden(const URL& url, bool hidden) noexcept try {
+bool set_hidden(const URL& url, bool hidden) noexcept try {
   const auto path = url.path();
   const auto name = path.filename().native();
   const bool hidden_by_name = name.empty() || name.front() == '.';
   if (hidden_by_name || name.find('\n') != std::string::npos)
-    return;
+    return true;
   if (hidden && !is_plain_file(path))
-    return;
-  edit_list(path.has_parent_path() ? path.parent_path() : fs::path("."), name, hidden);
+    return true;
+  const auto wait = MainQueue::is_main_thread() ? Wait::no : Wait::yes;
+  return edit_list(path.has_parent_path() ? path.parent_path() : fs::path("."), name, hidden,
+                   wait) ||
+         wait == Wait::yes;
 } catch (...) {
-  // Best effort, as above.
+  return true; // best effort, as above
 }
 
 } // namespace ravelin::platform

@@ -8,10 +8,12 @@
 #include "tests/harness/temp_dir.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <latch>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -101,6 +103,14 @@ TEST(HiddenList, changes_by_one_line_and_goes_when_empty_and_ours) {
       EXPECT_EQ(hide ? hidden : shown, fs::exists(dir / ".hidden") ? dir.read(".hidden") : "none");
     }
   }
+  const test::TempDir dir;
+  const auto url = URL::file(dir.write("a", ""));
+  const int held_by_another = open(dir.path().c_str(), O_RDONLY);
+  flock(held_by_another, LOCK_EX);
+  EXPECT_FALSE(set_hidden(url, true)) << "the main thread does not wait";
+  std::jthread([&] { EXPECT_TRUE(set_hidden(url, true)) << "gives up"; }).join();
+  close(held_by_another);
+  EXPECT_FALSE(fs::exists(dir / ".hidden"));
 }
 
 TEST(URL, is_a_value_with_a_path_and_a_text) {
