@@ -40,8 +40,9 @@ void remove_if_exists(FileManager& fm, const URL& url) {
   }
 }
 
-std::shared_ptr<ResumeData> read_record(const URL& resume_file) {
-  return ResumeData::instance(platform::read_text(resume_file, max_record_size));
+std::shared_ptr<ResumeData> read_record(const URL& resume_file,
+                                        platform::Links links = platform::Links::followed) {
+  return ResumeData::instance(platform::read_text(resume_file, max_record_size, links));
 }
 
 } // namespace
@@ -74,7 +75,7 @@ bool FileProcessor::can_continue() {
 }
 
 void FileProcessor::open_main_file(bool resumed) {
-  auto handle = platform::FileHandle::for_writing_to(*main_file_url);
+  auto handle = platform::FileHandle::for_writing_to(*main_file_url, links);
   if (content_len) {
     if (resumed) // a process killed in `reset_files` may have left an old file that is longer
       handle.cut(*content_len);
@@ -95,7 +96,7 @@ void FileProcessor::reset_files() {
     throw;
   }
   remove_if_exists(fm, *main_file_url);
-  fm.create_file(*main_file_url);
+  fm.create_file(*main_file_url, links);
   bramblekit::ext_attr(*main_file_url)["lg_ignore"] = bramblekit::to_data("true");
   bramblekit::set_is_hidden(*main_file_url, true);
   RavelinOperation::Impl::of(owner_opr).report_off_main(
@@ -205,7 +206,7 @@ std::shared_ptr<ResumeData> FileProcessor::create_new_resume_data() const {
 
 void FileProcessor::read_resume_data() {
   with_message("Couldn't create resume data from file content: \n", [&] {
-    auto record = read_record(required_resume_file_url());
+    auto record = read_record(required_resume_file_url(), links);
     if (!record->is_valid() || (bounds_counts && !record->has_counts_within_parts()))
       throw TextError("its parts do not match its length");
     main_sync([&]() MAIN_ONLY { resume_data = std::move(record); });

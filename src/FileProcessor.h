@@ -62,7 +62,8 @@ public:
   std::optional<std::int64_t> content_len; // bytes
   std::optional<std::string> server_side_date;
   std::optional<URL> main_file_url;
-  bool must_restart = false;       // do not resume existing files
+  bool must_restart = false; // do not resume existing files
+  platform::Links links = platform::Links::followed;
   bool bounds_counts = false;      // reject records that count more bytes than their parts have
   bool keeps_write_errors = false; // in `exception` instead of terminating the process
   // Opened by `setup()`, used on the write queue, closed by the owner when the group is empty.

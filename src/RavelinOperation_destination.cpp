@@ -56,10 +56,24 @@ bool RavelinOperation::Impl::checks_destination() const {
   return settings->options.check_destination.value_or(false);
 }
 
+/// Where others may write, they may have put a file or a link in the place of ours.
+void RavelinOperation::Impl::bg_refuse_foreign_files(Run& run) {
+  const auto& fm = platform::FileManager::default_manager();
+  if (!fm.is_shared_directory(run.destination))
+    return;
+  run.links = platform::Links::refused;
+  for (const auto& file : {run.destination, get_resume_file(run.destination)})
+    if (const auto foreign = fm.describe_foreign(file))
+      throw TextError("'" + file.path().native() + "' " + *foreign +
+                      ", and other users can write to its directory; delete it or choose another "
+                      "directory");
+}
+
 /// Runs before any request.
 void RavelinOperation::Impl::bg_lock_destination(Run& run) {
   if (!checks_destination())
     return;
+  bg_refuse_foreign_files(run);
   destination_lock = std::make_unique<DestinationLock>(run.destination);
   if (destination_lock->is_held_by_another())
     throw TextError("another download is writing to this file; wait for it or choose another file");

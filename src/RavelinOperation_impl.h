@@ -50,6 +50,7 @@ public:
     std::optional<Error> claim_error;
     bool is_complete;
     bool must_restart; // replace existing files once the server has answered
+    platform::Links links = platform::Links::followed;
   };
 
   // The public flow.
@@ -109,6 +110,7 @@ public:
   static bool remove_marks(const URL& file);
   bool checks_destination() const;
   void bg_lock_destination(Run& run) BG_ONLY;
+  static void bg_refuse_foreign_files(Run& run) BG_ONLY;
   bool bg_is_complete(const Run& run) BG_ONLY;
   void bg_check_unfinished(const Run& run) BG_ONLY;
   bool must_restart(const Run& run) const;

@@ -145,6 +145,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
     file_proc->server_side_date = server_side_date;
     file_proc->main_file_url = run.destination;
     file_proc->must_restart = restart;
+    file_proc->links = run.links;
     file_proc->bounds_counts = settings->options.require_exact_ranges.value_or(false);
     file_proc->keeps_write_errors = settings->options.report_write_errors.value_or(false);
     return split;

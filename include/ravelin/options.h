@@ -80,6 +80,8 @@ struct [[gnu::visibility("default")]] Options {
   ///   strong ETag; links that differ only in the query count as the same;
   /// - a complete file that is not known to be from exactly this link is accepted only if it has
   ///   the length of the content;
+  /// - in a directory that other users may write to, a file or record that is a symbolic link or
+  ///   belongs to another user is refused;
   /// - with `OnConflict::replace` the old file is deleted once the server has answered.
   std::optional<bool> check_destination;
 

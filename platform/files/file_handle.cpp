@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace ravelin::platform {
@@ -18,12 +19,19 @@ namespace ravelin::platform {
 FileHandle::FileHandle(int descriptor, std::filesystem::path path)
     : descriptor_(descriptor), path_(std::move(path)) {}
 
-FileHandle FileHandle::for_writing_to(const URL& url) {
+FileHandle FileHandle::for_writing_to(const URL& url, Links links) {
   auto path = url.path();
-  const int descriptor = file_calls().open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY, 0);
+  const int flags = O_WRONLY | O_NONBLOCK | O_NOCTTY | (links == Links::refused ? O_NOFOLLOW : 0);
+  const int descriptor = file_calls().open(path.c_str(), flags, 0);
   FileHandle handle(descriptor, std::move(path));
   if (descriptor < 0)
     handle.fail("open");
+  struct stat status {};
+  if (links == Links::refused &&
+      (::fstat(descriptor, &status) != 0 || status.st_uid != ::geteuid())) {
+    errno = EPERM; // put there since we looked
+    handle.fail("open");
+  }
   return handle;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/data.h"
+#include "platform/files/file_manager.h"
 #include "ravelin/url.h"
 
 #include <cstdint>
@@ -13,8 +14,8 @@ namespace ravelin::platform {
 /// Ownership: closes the file when destroyed, unless `close_file()` did.
 class FileHandle {
 public:
-  /// Opens the existing file at `url`.
-  static FileHandle for_writing_to(const URL& url);
+  /// Opens the existing file at `url`. With `Links::refused` it must also be the user's own.
+  static FileHandle for_writing_to(const URL& url, Links links = Links::followed);
   FileHandle(FileHandle&& other) noexcept;
   FileHandle& operator=(FileHandle&&) = delete;
   ~FileHandle();

@@ -114,12 +114,30 @@ bool FileManager::is_directory(const URL& url) const {
   return ::stat(url.path().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-void FileManager::create_file(const URL& url) noexcept {
+void FileManager::create_file(const URL& url, Links links) noexcept {
   const auto path = url.path();
-  constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY;
-  const Descriptor created{file_calls().open(path.c_str(), flags, 0666)};
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY;
+  const int new_only = links == Links::refused ? O_EXCL | O_NOFOLLOW : 0;
+  const Descriptor created{file_calls().open(path.c_str(), flags | new_only, 0666)};
   if (created.number >= 0)
     flush_directory(directory_of(path)); // before any record counts bytes of this file
+}
+
+bool FileManager::is_shared_directory(const URL& file) const {
+  struct stat status {};
+  if (::stat(directory_of(file.path()).c_str(), &status) != 0)
+    return false;
+  const bool is_ours = status.st_uid == ::geteuid() || status.st_uid == 0;
+  return !is_ours || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+std::optional<std::string> FileManager::describe_foreign(const URL& url) const {
+  struct stat status {};
+  if (::lstat(url.path().c_str(), &status) != 0)
+    return std::nullopt;
+  if (S_ISLNK(status.st_mode))
+    return "is a symbolic link";
+  return status.st_uid == ::geteuid() ? std::nullopt : std::optional("belongs to another user");
 }
 
 void FileManager::remove_item(const URL& url) {

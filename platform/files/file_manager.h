@@ -2,10 +2,14 @@
 
 #include "ravelin/url.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace ravelin::platform {
+
+/// Whether a symbolic link in the place of a file is followed.
+enum class Links { followed, refused };
 
 /// Operations on files by name.
 ///
@@ -17,15 +21,18 @@ public:
   /// True for anything of that name, directories too; false for a dangling link.
   bool file_exists(const URL& url) const;
   bool is_directory(const URL& url) const;
-  /// Creates an empty file, or truncates an existing one. Failures are not reported.
-  void create_file(const URL& url) noexcept;
+  /// Creates an empty file, or truncates an existing one, which `Links::refused` does not. Failures
+  /// are not reported.
+  void create_file(const URL& url, Links links = Links::followed) noexcept;
+  /// Whether other users may write to the directory of `file`, and so may have put anything there.
+  bool is_shared_directory(const URL& file) const;
+  /// Why what is at `url` may be of somebody else, such as "is a symbolic link"; none if it is not.
+  std::optional<std::string> describe_foreign(const URL& url) const;
   /// Removes a file or symbolic link, and its line in the directory's `.hidden` list. Refuses
   /// directories and devices.
   void remove_item(const URL& url);
 };
 
-/// Whether `read_text` follows symbolic links.
-enum class Links { followed, refused };
 /// The content of the file. Throws if it has more than `limit` bytes.
 std::string read_text(const URL& url, std::size_t limit, Links links = Links::followed);
 /// Whether a text and its file name are flushed to storage, so that they survive a power failure.

@@ -187,6 +187,34 @@ TEST_F(ConflictTest, takes_over_from_one_that_waits_or_that_a_callback_started_j
   EXPECT_EQ(dir.read("a"), body);
 }
 
+TEST_F(ConflictTest, refuses_what_others_may_have_put_in_the_place_of_its_files) {
+  serve(Reply{.body = pattern(1000)});
+  dir.write("victim", "untouched");
+  for (const unsigned mode : {0700U, 0770U, 01777U})
+    for (const auto* planted : {"a", ".a.lgresume"}) {
+      fs::permissions(dir.path(), fs::perms{mode});
+      fs::create_symlink("victim", dir / planted);
+      auto& run =
+          download({.name = "a", .opr = std::make_shared<RavelinOperation>(Options::careful())});
+      const auto* const failed = run.last<Status::error>();
+      const bool refused =
+          failed && failed->custom_error.text().find("symbolic link") != std::string::npos;
+      EXPECT_EQ(refused, mode != 0700) << planted << " " << run.story;
+      EXPECT_EQ(dir.read("victim"), "untouched");
+      for (const auto* file : {"a", ".a.lgresume"})
+        fs::remove(dir / file);
+    }
+  dir.write("a", "of another user");
+  if (chown((dir / "a").c_str(), 1, 1) == 0) {
+    auto& run =
+        download({.name = "a", .opr = std::make_shared<RavelinOperation>(Options::careful())});
+    EXPECT_NE(run.last<Status::error>()->custom_error.text().find("another user"),
+              std::string::npos);
+  }
+  fs::remove(dir / "a");
+  EXPECT_EQ(server->requests().size(), 7U) << "only those in a directory of its own";
+}
+
 TEST_F(ConflictTest, cancels_in_whatever_phase_it_is) {
   const auto opr = std::make_shared<RavelinOperation>(); // nothing of a run is left to the next
   const std::pair<std::string, std::size_t> cases[] = {
