@@ -1,5 +1,6 @@
 #include "platform/network/http_date.h"
 
+#include <algorithm>
 #include <charconv>
 #include <curl/curl.h>
 
@@ -24,7 +25,7 @@ std::optional<std::chrono::seconds> parse_retry_after(const std::string& text) {
   const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
   if (!date || *date < now)
     return std::nullopt;
-  return *date - now;
+  return std::min(*date - now, std::chrono::seconds(max_seconds));
 }
 
 } // namespace ravelin::platform

@@ -22,6 +22,17 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
+/// Fields of one value, which some servers or proxies send twice.
+bool is_single(std::string_view name) {
+  constexpr std::string_view names[] = {"Connection",     "Content-Disposition",
+                                        "Content-Length", "Content-Range",
+                                        "Content-Type",   "Date",
+                                        "ETag",           "Last-Modified",
+                                        "Location",       "Retry-After",
+                                        "Server",         "Transfer-Encoding"};
+  return std::ranges::any_of(names, [&](auto single) { return equal_ignoring_case(name, single); });
+}
+
 /// Header fields are ASCII or UTF-8; other bytes are taken as Latin-1, as in older HTTP.
 std::string latin1_to_utf8(std::string_view latin) {
   if (valid_utf8(latin) == latin)
@@ -69,6 +80,7 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
     return Line::too_large;
   constexpr std::string_view status_line = "HTTP/";
   if (!in_header_ && equal_ignoring_case(line.substr(0, status_line.size()), status_line)) {
+    last_value_ = nullptr;
     response_ = {.is_http = true, .status = 0, .header_fields = {}, .url = {}};
     const auto blank = std::min(line.find(' '), line.size() - 1);
     const auto code = trimmed(line.substr(blank + 1)).substr(0, 3);
@@ -79,8 +91,10 @@ HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   if (!in_header_)
     return Line::more; // a trailer after a chunked body
   if (!trimmed(line).empty()) {
-    if (line.front() != ' ' && line.front() != '\t') // folded lines are dropped
+    if (line.front() != ' ' && line.front() != '\t')
       add_field(line);
+    else if (last_value_) // the rest of a folded line
+      last_value_->append(last_value_->empty() ? "" : " ").append(trimmed(latin1_to_utf8(line)));
     return Line::more;
   }
   in_header_ = false;
@@ -95,13 +109,17 @@ void HeaderCollector::add_field(std::string_view raw_line) {
   const auto text = latin1_to_utf8(raw_line);
   const std::string_view line = text;
   const auto colon = line.find(':');
+  last_value_ = nullptr;
   if (colon == std::string_view::npos)
     return;
   const auto name = trimmed(line.substr(0, colon));
   const auto value = trimmed(line.substr(colon + 1));
   const auto [field, is_new] = response_.header_fields.try_emplace(std::string(name), value);
-  if (!is_new && field->second != value) // identical repetitions are dropped
+  if (!is_new && field->second == value && is_single(name))
+    return;
+  if (!is_new)
     field->second.append(", ").append(value);
+  last_value_ = &field->second;
 }
 
 std::optional<ContentRange> parse_content_range(std::string_view value) {

@@ -41,6 +41,7 @@ private:
   URLResponse response_;
   std::size_t size_ = 0; // bytes of all responses together
   bool in_header_ = false;
+  std::string* last_value_ = nullptr; // of the field that a folded line continues
 };
 
 bool equal_ignoring_case(std::string_view a, std::string_view b);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -42,6 +43,27 @@ int open_address_monitor() {
   return descriptor;
 }
 
+/// The system also tells of addresses whose time is extended, as routers do every few minutes.
+bool is_new(const nlmsghdr& message) {
+  constexpr std::uint32_t max_age = 500; // in 1/100 s; IPv6 addresses are tried out before use
+  if (message.nlmsg_type != RTM_NEWADDR)
+    return false;
+  const auto* const bytes = reinterpret_cast<const char*>(&message);
+  std::size_t at = NLMSG_SPACE(sizeof(ifaddrmsg));
+  rtattr attribute{};
+  for (; at + sizeof attribute <= message.nlmsg_len; at += RTA_ALIGN(attribute.rta_len)) {
+    std::memcpy(&attribute, bytes + at, sizeof attribute);
+    ifa_cacheinfo times{};
+    if (attribute.rta_type == IFA_CACHEINFO && attribute.rta_len >= RTA_LENGTH(sizeof times)) {
+      std::memcpy(&times, bytes + at + RTA_LENGTH(0), sizeof times);
+      return times.tstamp - times.cstamp < max_age;
+    }
+    if (attribute.rta_len < sizeof attribute)
+      break;
+  }
+  return true;
+}
+
 /// Reads pending messages and returns whether an address was added.
 bool has_new_address(int monitor) {
   alignas(nlmsghdr) char messages[8192];
@@ -53,7 +75,7 @@ bool has_new_address(int monitor) {
     auto left = static_cast<unsigned>(size);
     for (auto* each = reinterpret_cast<nlmsghdr*>(messages); NLMSG_OK(each, left);
          each = NLMSG_NEXT(each, left))
-      added = added || each->nlmsg_type == RTM_NEWADDR;
+      added = added || is_new(*each);
   }
 }
 

@@ -34,9 +34,9 @@ TEST(Values, of_fields_and_codes_are_read_exactly_or_not_at_all) {
         "bytes 0-99/99"})
     EXPECT_EQ(std::nullopt, parse_content_range(bad)) << bad;
   EXPECT_EQ(1794298375s, parse_http_date("Tue, 10 Nov 2026 08:12:55 GMT")->time_since_epoch());
-  EXPECT_LT(1h, parse_retry_after("Sun, 10 Nov 2097 08:12:55 GMT"));
   EXPECT_EQ(120s, parse_retry_after("120"));
-  for (const auto* excessive : {"99999999999", "99999999999999999999"})
+  for (const auto* excessive :
+       {"99999999999", "99999999999999999999", "Sun, 10 Nov 2097 08:12:55 GMT"})
     EXPECT_EQ(24h * 366, parse_retry_after(excessive));
   for (const auto* bad : {"", "-5", "1.5 h", "-99999999999999999999", "soon", "1 Jan 2015 07:28"})
     EXPECT_EQ(std::nullopt, parse_retry_after(bad)) << bad;
@@ -109,7 +109,7 @@ TEST(URLSession, tells_what_came_and_how_it_ended) {
       {{.body = "length", .content_length = "abc"}, "0 200 length"},
       {{.raw = "HTTP/1.1 103 Hints\r\nE: 1\r\n\r\n" + ok + "\r\ninterim"}, "0 200 interim"},
       {{.raw = "HTTP/1.0 206 \nA:\t b:c \nB:\nC: \xe4\n\nb"}, "0 206 A=b:c B= C=\xc3\xa4 b"},
-      {{.raw = ok + "A: 1\r\na:2\r\nB: 4\r\nb: 4\r\n\r\n"}, "0 200 A=1, 2 B=4 "},
+      {{.raw = ok + "A: 1\r\na:2\r\n 3\r\nB: 4\r\nb: 4\r\n\r\n"}, "0 200 A=1, 2 3 B=4, 4 "},
       {{.raw = "HTTP/1.1 302 Found\r\nLocation:\r\nA: 1\r\n\r\n"}, "0 302 A=1 "},
       {{.raw = "garbage\r\n"}, "-1011"},
       {{.close_at_once = true}, "-1005"},

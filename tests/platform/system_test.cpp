@@ -133,6 +133,10 @@ TEST(MainQueue, runs_work_in_order_and_is_readable_exactly_while_there_is_some) 
   MainQueue::async([] { EXPECT_FALSE(is_readable()); });
   EXPECT_THROW(MainQueue::drain(), int);
   EXPECT_EQ(1U, MainQueue::drain()) << "that one drained the other";
+  MainQueue::async([] { MainQueue::stop(), throw 7; });
+  EXPECT_THROW(MainQueue::run(), int);
+  EXPECT_FALSE(is_readable()) << "there is nothing to run";
+  MainQueue::run(); // still stopped
   std::vector<int> order;
   const std::jthread other([&order] {
     for (int i = 0; i < 100; ++i)
