@@ -212,5 +212,32 @@ TEST(FullDisk, refuses_the_file_for_which_no_space_is_left_and_spares_the_other)
   EXPECT_EQ(count(ran.err, "\n"), 1) << ran.err;
 }
 
+// A user of its own, so that nobody else's processes count.
+TEST(Starved, ends_with_the_right_file_or_a_sentence_whatever_it_lacks) {
+  if (run("/", "setpriv --reuid 61234 --clear-groups true").status != 0)
+    GTEST_SKIP() << "changing the user is not permitted here";
+  const ScriptedServer server(Reply{.body = body, .piece = 20'000, .piece_delay = 10ms});
+  for (const auto& [limit, least] : {std::pair{"nproc", 1}, {"nofile", 4}}) {
+    int right = 0;
+    for (int n = least; right < 8 && n < 60; ++n) {
+      SCOPED_TRACE(limit + std::to_string(n));
+      const TempDir dir;
+      const auto get = " ./ravelin get -q --retry 0 $at 2>err; echo $?; cat err >&2; ";
+      const auto ran =
+          run(dir.path(),
+              "cp $(which ravelin) . && chown 61234 . && timeout -k1 20 setpriv --reuid "
+              "61234 --clear-groups prlimit --" +
+                  std::string(limit) + "=" + std::to_string(n) + get + "rm ravelin err",
+              server.url());
+      right += ran.out == "0\n";
+      EXPECT_TRUE(ran.out == "0\n" ? ran.err.empty() && dir.read("file.bin") == body
+                                   : ran.out == "1\n" && count(ran.err, "ravelin: .*\n") == 1)
+          << ran.out << ran.err;
+    }
+    std::printf("%s: right with %d numbers\n", limit, right);
+    EXPECT_EQ(right, 8);
+  }
+}
+
 } // namespace
 } // namespace test

@@ -1,0 +1,265 @@
+#define FUSE_USE_VERSION 35
+#include "bench/faults/tally.h"
+#include "src/FileProcessor.h"
+#include "tests/app/program.h"
+#include "tests/harness/patterns.h"
+#include "tests/harness/scripted_server.h"
+
+#include <cstdio>
+#include <fstream>
+#include <fuse.h>
+#include <mutex>
+#include <random>
+#include <sys/mman.h>
+#include <sys/mount.h>
+
+// Cuts the power of a real file system. A FUSE file under a loop device logs what ext4 and xfs
+// write and flush during downloads. For each cut an image gets everything up to one flush and a
+// random part of what was written after it, with torn writes. The file system then recovers from
+// its journal: the record must not count a byte that is not in the file, and the same command must
+// complete the download.
+//   --points N   cuts for each case and file system (6)     --all 1   two at each flush
+//   --seed N     of the choices (1)
+
+namespace test {
+namespace {
+
+using namespace std::chrono_literals;
+using ravelin::URL;
+
+constexpr std::size_t sector = 512;
+
+struct Write {
+  off_t at;
+  std::string bytes; // empty: a flush
+};
+
+/// The content of a disk, in a file, and what was written to it.
+class LoggedDisk {
+public:
+  LoggedDisk(const fs::path& image, const fs::path& directory)
+      : size_(fs::file_size(image)), directory_(directory) {
+    const int file = ::open(image.c_str(), O_RDWR | O_CLOEXEC);
+    content_ =
+        static_cast<char*>(::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    ::close(file);
+    fs::create_directory(directory);
+    fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
+    fuse_opt_add_arg(&arguments, "power_cuts");
+    fuse_operations calls{};
+    calls.getattr = [](const char* path, struct stat* status, fuse_file_info*) {
+      const bool is_disk = std::string(path) == "/disk";
+      status->st_mode = is_disk ? S_IFREG | 0600 : S_IFDIR | 0700;
+      status->st_nlink = 1;
+      status->st_size = is_disk ? static_cast<off_t>(self().size_) : 0;
+      return is_disk || std::string(path) == "/" ? 0 : -ENOENT;
+    };
+    calls.open = [](const char*, fuse_file_info* file_info) {
+      file_info->direct_io = 1; // every write arrives here when it is made
+      return 0;
+    };
+    calls.read = [](const char*, char* to, std::size_t size, off_t at, fuse_file_info*) {
+      std::memcpy(to, self().content_ + at, size);
+      return static_cast<int>(size);
+    };
+    calls.write = [](const char*, const char* from, std::size_t size, off_t at, fuse_file_info*) {
+      std::memcpy(self().content_ + at, from, size);
+      return self().note({at, {from, size}}), static_cast<int>(size);
+    };
+    calls.fsync = [](const char*, int, fuse_file_info*) { return self().note({0, ""}), 0; };
+    fuse_ = fuse_new(&arguments, &calls, sizeof calls, this);
+    if (!fuse_ || fuse_mount(fuse_, directory.c_str()) != 0)
+      throw std::runtime_error("FUSE cannot be used here");
+    thread_ = std::jthread([this] { fuse_loop(fuse_); });
+    fuse_opt_free_args(&arguments);
+  }
+  ~LoggedDisk() {
+    fuse_unmount(fuse_);
+    thread_.join();
+    fuse_destroy(fuse_);
+    ::munmap(content_, size_);
+  }
+  LoggedDisk& operator=(LoggedDisk&&) = delete;
+  std::vector<Write> take_log() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(log_, {});
+  }
+
+private:
+  static LoggedDisk& self() { return *static_cast<LoggedDisk*>(fuse_get_context()->private_data); }
+  void note(Write write) {
+    const std::lock_guard lock(mutex_);
+    log_.push_back(std::move(write));
+  }
+  const std::size_t size_;
+  const fs::path directory_;
+  char* content_ = nullptr;
+  fuse* fuse_ = nullptr;
+  std::mutex mutex_;
+  std::vector<Write> log_;
+  std::jthread thread_;
+};
+
+void must(const TempDir& dir, const std::string& line) {
+  const auto ran = run(dir.path(), line);
+  if (ran.status != 0)
+    throw std::runtime_error(line + ": " + ran.err);
+}
+
+/// A file system on a loop device, mounted at `disk` of the directory until the end of its scope.
+class Mounted {
+public:
+  Mounted(const TempDir& dir, const std::string& file) : dir_(dir) {
+    must(dir, "mkdir -p disk && mount -o loop " + file + " disk && mkdir -p disk/d");
+  }
+  ~Mounted() { run(dir_.path(), "umount disk"); }
+  Mounted& operator=(Mounted&&) = delete;
+
+private:
+  const TempDir& dir_;
+};
+
+struct Case {
+  const char* name;
+  const char* before; // is on the disk already
+  const char* cut;    // during this
+  const char* again = "ravelin get -q $at";
+};
+
+const Case cases[] = {
+    {"five parts", "true", "ravelin get -q $at?slow"},
+    {"one piece", "true", "ravelin get -q --no-split $at?slow", "ravelin get -q --no-split $at"},
+    {"cancelled", "true", "timeout -s INT 0.4 ravelin get -q $at?slow; ravelin get -q $at?slow"},
+    {"cancelled and cleared", "timeout -s INT 0.3 ravelin get -q $at?slow; true",
+     "ravelin clear file.bin; ravelin get -q $at?slow"},
+    {"replace", "ravelin get -q $at?older", "ravelin get -q --on-conflict replace $at?slow",
+     "ravelin get -q --on-conflict replace $at"},
+    {"over an older part", "timeout -s INT 0.3 ravelin get -q $at?older-slow; true",
+     "ravelin get -q --on-conflict replace $at?slow", "ravelin get -q --on-conflict replace $at"},
+};
+
+class Cuts {
+public:
+  explicit Cuts(unsigned seed) : random_(seed) {}
+
+  void run_case(const std::string& system, const Case& one, long points) {
+    const TempDir dir;
+    must(dir, "truncate -s " + std::string(system == "xfs" ? "300M" : "24M") + " base && mkfs." +
+                  system + " -q base");
+    std::vector<Write> log;
+    {
+      LoggedDisk disk((dir / "base").native(), dir / "fuse");
+      const Mounted mounted(dir, "fuse/disk");
+      run(dir / "disk/d", one.before, server_.url());
+      must(dir, "sync -f disk && cp --sparse=always base flushed");
+      disk.take_log();
+      const auto ran = run(dir / "disk/d", one.cut, server_.url());
+      must(dir, "sync -f disk");
+      log = disk.take_log();
+      if (ran.status != 0)
+        throw std::runtime_error(std::string(one.name) + ": " + ran.err);
+    }
+    cut(dir, one, log, points);
+    std::printf("  %-5s %-22s %ld flushes, %ld cuts, %ld wrong so far\n", system.c_str(), one.name,
+                std::count_if(log.begin(), log.end(), [](auto& w) { return w.bytes.empty(); }),
+                cuts_, wrong_);
+  }
+  long wrong() const { return wrong_; }
+
+private:
+  /// Negative points: two at each flush.
+  void cut(const TempDir& dir, const Case& one, const std::vector<Write>& log, long points) {
+    std::vector<std::size_t> flushes{0};
+    for (std::size_t i = 0; i < log.size(); ++i)
+      if (log[i].bytes.empty())
+        flushes.push_back(i + 1);
+    std::vector<int> wanted(flushes.size(), points < 0 ? 2 : 0);
+    for (long n = 0; n < points; ++n)
+      ++wanted[random_() % wanted.size()];
+    std::fstream flushed(dir / "flushed", std::ios::in | std::ios::out | std::ios::binary);
+    for (std::size_t i = 0; i < flushes.size(); ++i) {
+      if (i > 0) // what the last flush has made safe
+        for (auto at = flushes[i - 1]; at < flushes[i]; ++at)
+          apply(flushed, log[at]);
+      const auto end = i + 1 < flushes.size() ? flushes[i + 1] : log.size();
+      for (int n = 0; n < wanted[i]; ++n) {
+        must(dir, "cp --sparse=always flushed cut");
+        std::fstream image(dir / "cut", std::ios::in | std::ios::out | std::ios::binary);
+        const bool more = points < 0 ? n == 1 : random_() % 4 > 0;
+        for (auto at = flushes[i]; more && at < end; ++at)
+          apply_some(image, log[at]);
+        image.close();
+        check(dir, one, "flush " + std::to_string(i));
+      }
+    }
+  }
+  void apply(std::fstream& image, const Write& write) {
+    image.seekp(write.at).write(write.bytes.data(), std::ssize(write.bytes)).flush();
+  }
+  /// All of it, nothing, or some of its sectors.
+  void apply_some(std::fstream& image, const Write& write) {
+    const auto how = random_() % 3;
+    for (std::size_t at = 0; how > 0 && at < write.bytes.size(); at += sector)
+      if (how == 1 || random_() % 2)
+        apply(image, {write.at + static_cast<off_t>(at), write.bytes.substr(at, sector)});
+  }
+  void check(const TempDir& dir, const Case& one, const std::string& where) {
+    const Mounted mounted(dir, "cut");
+    const auto file = dir / "disk/d/file.bin";
+    std::string problem;
+    const auto record = ravelin::FileProcessor::read_resume_data(URL::file(file));
+    const auto held = fs::exists(file) ? dir.read("disk/d/file.bin") : "";
+    for (std::size_t i = 0; record && i < record->parts.size(); ++i) {
+      const auto& part = *record->parts[i];
+      const auto begin = static_cast<std::size_t>(part.begin_pos);
+      const auto size = static_cast<std::size_t>(part.curr_bytes);
+      if (fs::exists(file) && size > 0 && held.compare(begin, size, content_, begin, size) != 0)
+        problem += "part " + std::to_string(i) + " has other bytes than counted; ";
+    }
+    const auto ran =
+        run(dir / "disk/d", std::string(one.again) + " && ls -AI '.hidden*'", server_.url());
+    if (ran.status != 0 || ran.out != "file.bin\n" || dir.read("disk/d/file.bin") != content_)
+      problem += "was not completed: " + ran.out + ran.err;
+    ++cuts_;
+    wrong_ += !problem.empty();
+    if (!problem.empty())
+      std::printf("  %s, %s: %s\n", one.name, where.c_str(), problem.c_str());
+  }
+
+  const std::string content_ = pattern(300'003);
+  // Of the same size, since another size would show that a file is older.
+  const ScriptedServer server_{[this](const Request& request) {
+    const bool older = request.target.find("older") != request.target.npos;
+    const bool slow = request.target.ends_with("slow");
+    return Reply{.body = older ? pattern(content_.size(), 2) : content_,
+                 .piece = slow ? std::size_t{4000} : content_.size(),
+                 .piece_delay = slow ? 40ms : 0ms};
+  }};
+  std::mt19937 random_;
+  long cuts_ = 0, wrong_ = 0;
+};
+
+} // namespace
+} // namespace test
+
+int main(int argc, char** argv) try {
+  using namespace test;
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  const bool all = number_option(argc, argv, "--all", 0) > 0;
+  const auto points = all ? -1 : number_option(argc, argv, "--points", 6);
+  Cuts cuts(static_cast<unsigned>(number_option(argc, argv, "--seed", 1)));
+  const TempDir dir;
+  const auto probe = run(dir.path(), "test -w /dev/fuse && losetup -f && which mkfs.ext4 mkfs.xfs");
+  if (probe.status != 0) {
+    std::printf("skipped: needs /dev/fuse, a loop device, mkfs.ext4 and mkfs.xfs as root: %s\n",
+                probe.err.c_str());
+    return 77;
+  }
+  for (const auto* const system : {"ext4", "xfs"})
+    for (const auto& one : cases)
+      cuts.run_case(system, one, points);
+  return cuts.wrong() > 0 ? 1 : 0;
+} catch (const std::exception& error) {
+  std::printf("could not run: %s\n", error.what());
+  return 1;
+}
