@@ -87,6 +87,8 @@ void RavelinOperation::Impl::bg_lock_destination(Run& run) {
     remove_marks(run.destination);
   else if (destination_lock->is_unfinished() || is_marked_incomplete(run.destination))
     run.is_complete = false; // a process was killed while it was restarting the download
+  else if (origin_of(run.destination, run.link) == Origin::same_link)
+    bramblekit::set_is_hidden(run.destination, false); // the list may have been in use at the end
 }
 
 /// Whether there is nothing to download. Needs the header.
