@@ -29,6 +29,7 @@ struct RawOptions {
   std::vector<std::string> links;
   std::vector<std::string> headers;
   std::string rate;
+  std::string min_split_size = "256k";
   std::string sha256;
   std::string sha256_from;
   std::string on_change = "restart";
@@ -123,6 +124,10 @@ void add_checksum_options(CLI::App& get, RawOptions& raw) {
 void add_network_options(CLI::App& get, RawOptions& raw) {
   get.option_defaults()->group("Network");
   get.add_flag("--no-split", raw.no_split, "Use one connection instead of five");
+  get.add_option("--min-split-size", raw.min_split_size,
+                 "Use one connection for files smaller than this (default 256k)")
+      ->type_name("SIZE")
+      ->check(not_empty);
   get.add_option("--retry", raw.retries,
                  "Retry up to N times after a lost connection, a timeout or a busy server; resets "
                  "on progress (default 5, 0 turns retries off)")
@@ -229,6 +234,10 @@ void apply(const RawOptions& raw, GetOptions& options) {
   auto& values = options.download;
   values = Options::careful();
   values.reuse_header_response = true;
+  values.min_split_size = parse_size(raw.min_split_size);
+  if (!values.min_split_size)
+    throw CLI::ValidationError("--min-split-size",
+                               "'" + raw.min_split_size + "' is not a size such as 256k");
   if (raw.no_safeguards) {
     values.reject_http_errors = false;
     values.require_exact_ranges = false;

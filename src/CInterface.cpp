@@ -325,6 +325,9 @@ void ravelin_options_set_idle_timeout(ravelin_options* options, int64_t millisec
 void ravelin_options_set_max_connections(ravelin_options* options, int count) {
   options->options.max_connections = count;
 }
+void ravelin_options_set_min_split_size(ravelin_options* options, int64_t bytes) {
+  options->options.min_split_size = bytes;
+}
 void ravelin_options_set_reuse_header_response(ravelin_options* options, bool on) {
   options->options.reuse_header_response = on;
 }

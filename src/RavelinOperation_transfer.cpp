@@ -10,6 +10,7 @@
 #include "src/LinkIdentity.h"
 #include "src/RavelinOperation_impl.h"
 
+#include <algorithm>
 #include <utility>
 
 // One attempt: header, files, transfer, and finishing the files.
@@ -30,8 +31,10 @@ constexpr std::int64_t large_burst = 1024 * 1024; // bytes
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 
-bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int64_t> length) {
-  return split_allowed && ranges_accepted && length.value_or(0) > 0;
+bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int64_t> length,
+               const Options& options) {
+  const auto min_size = std::max<std::int64_t>(options.min_split_size.value_or(1), 1);
+  return split_allowed && ranges_accepted && length.value_or(0) >= min_size;
 }
 
 } // namespace
@@ -56,8 +59,10 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
     header_opr = std::make_shared<HeaderOpr>();
     header_opr->settings = settings;
     if (settings->options.reuse_header_response.value_or(false))
-      header_opr->holds_response = [split_allowed](const HeaderOpr::Result& header) {
-        return !can_split(split_allowed, header.ranges_accepted, header.content_length);
+      header_opr->holds_response = [split_allowed,
+                                    options = settings](const HeaderOpr::Result& header) {
+        return !can_split(split_allowed, header.ranges_accepted, header.content_length,
+                          options->options);
       };
     // Last: if anything threw after it, the request would outlive the locals that it refers to.
     header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
@@ -136,7 +141,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
     download_exception.reset();
     download_started = false;
     speed_meter.reset();
-    const bool split = can_split(split_allowed, ranges_accepted, content_len);
+    const bool split = can_split(split_allowed, ranges_accepted, content_len, settings->options);
     file_proc = nullptr; // its thread may be the last one
     file_proc = std::make_shared<FileProcessor>(opr);
     if (split)

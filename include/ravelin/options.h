@@ -89,6 +89,9 @@ struct [[gnu::visibility("default")]] Options {
   std::optional<Retry> retry;
   /// Maximum connections of one download, 1 to 5; other values mean the nearest of these. Unset: 5.
   std::optional<int> max_connections;
+  /// Content of fewer bytes is not split; a short download costs more round trips than it saves
+  /// time, and is soon repeated. Unset: all content is split if the server supports ranges.
+  std::optional<std::int64_t> min_split_size;
   /// Content that is not split is taken from the response that told its length, instead of being
   /// requested again. One request less, and links that work only once can be downloaded. Unset:
   /// off.

@@ -192,6 +192,8 @@ void ravelin_options_set_rate_limit(ravelin_options* options, int64_t bytes_per_
 void ravelin_options_set_idle_timeout(ravelin_options* options, int64_t milliseconds);
 /** Maximum connections of one download, 1 to 5; other counts mean the nearest of these. */
 void ravelin_options_set_max_connections(ravelin_options* options, int count);
+/** Content of fewer bytes is downloaded over one connection; 0 for no minimum. */
+void ravelin_options_set_min_split_size(ravelin_options* options, int64_t bytes);
 /** Takes content that is not split from the response that told its length, instead of requesting it
  * again. Links that work only once can then be downloaded. Off unless set. */
 void ravelin_options_set_reuse_header_response(ravelin_options* options, bool on);
