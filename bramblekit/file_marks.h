@@ -1,7 +1,8 @@
 #pragma once
 
 #include "platform/data.h"
-#include "platform/files/file_marks.h"
+#include "platform/files/extended_attributes.h"
+#include "platform/files/hidden_list.h"
 #include "ravelin/url.h"
 
 #include <optional>

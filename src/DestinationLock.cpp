@@ -1,7 +1,7 @@
 #include "src/DestinationLock.h"
 
+#include "platform/files/extended_attributes.h"
 #include "platform/files/file_manager.h"
-#include "platform/files/file_marks.h"
 #include "src/FileProcessor.h"
 
 #include <filesystem>

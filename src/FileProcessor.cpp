@@ -5,6 +5,7 @@
 #include "bramblekit/main_thread.h"
 #include "platform/fatal.h"
 #include "src/RavelinOperation_impl.h"
+#include "src/Splitting.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -32,7 +32,7 @@ void HeaderOpr::request(const URL& url, StatusClosure status_closure) {
 
 void HeaderOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
   const auto current = settings ? settings : platform::RequestSettings::snapshot();
-  safeguards = Safeguards(current->options);
+  safeguards = ResponseChecks(current->options);
   ephemeral_config = platform::URLSessionConfiguration::ephemeral(current);
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;

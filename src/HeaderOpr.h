@@ -7,7 +7,7 @@
 #include "platform/threads/thread_annotations.h"
 #include "ravelin/lg_operation.h"
 #include "ravelin/response.h"
-#include "src/Safeguards.h"
+#include "src/ResponseChecks.h"
 
 #include <cstdint>
 #include <functional>
@@ -71,7 +71,7 @@ private:
   void finish(std::optional<Error> error, std::optional<Result> result,
               const StatusClosure& status_closure) MAIN_ONLY;
 
-  Safeguards safeguards;
+  ResponseChecks safeguards;
   std::optional<platform::URLSessionConfiguration> ephemeral_config;
   std::shared_ptr<platform::URLSession> ephemeral_session;
   std::shared_ptr<platform::Semaphore> sema;

@@ -1,6 +1,7 @@
 #include "src/PartSchedule.h"
 
 #include "src/ResumeData.h"
+#include "src/Splitting.h"
 
 #include <algorithm>
 #include <vector>

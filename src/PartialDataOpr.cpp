@@ -34,7 +34,7 @@ void PartialDataOpr::request(const URL& url, std::optional<BytesRange> range,
 
 void PartialDataOpr::bg_request(const URL& url, const StatusClosure& status_closure) {
   const auto current = settings ? settings : platform::RequestSettings::snapshot();
-  safeguards = Safeguards(current->options);
+  safeguards = ResponseChecks(current->options);
   ephemeral_config = platform::URLSessionConfiguration::ephemeral(current);
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;

@@ -7,7 +7,7 @@
 #include "platform/threads/thread_annotations.h"
 #include "ravelin/lg_operation.h"
 #include "src/ContentVersion.h"
-#include "src/Safeguards.h"
+#include "src/ResponseChecks.h"
 
 #include <cstdint>
 #include <functional>
@@ -82,7 +82,7 @@ private:
   std::optional<platform::HeaderFields> http_header;
   std::optional<Error> task_err;
   bool recieved_response = false;
-  Safeguards safeguards;
+  ResponseChecks safeguards;
   std::optional<BytesRange> asked_range;
   std::int64_t received_bytes = 0; // belongs to the delegate queue
   std::int64_t total_fetched_bytes MAIN_STATE = 0;

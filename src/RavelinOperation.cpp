@@ -20,15 +20,6 @@ using bramblekit::Exception;
 using bramblekit::main_sync;
 using bramblekit::to_error;
 
-namespace {
-
-std::int64_t& download_limit() {
-  static std::int64_t limit = 5; // belongs to the main thread
-  return limit;
-}
-
-} // namespace
-
 RavelinOperation::RavelinOperation(Options options)
     : impl_(std::make_unique<Impl>(*this, std::move(options))) {}
 
@@ -213,11 +204,8 @@ RavelinOperation::Speed RavelinOperation::speed() const {
     if (!now)
       return speed;
     speed.bytes_per_second = impl_->speed_meter.rate();
-    if (now->progress.content_length && speed.bytes_per_second > 0) {
-      const auto rest = *now->progress.content_length - now->progress.received_bytes;
-      speed.left = std::chrono::seconds(
-          static_cast<std::int64_t>(static_cast<double>(rest) / speed.bytes_per_second + 0.5));
-    }
+    if (const auto length = now->progress.content_length)
+      speed.left = impl_->speed_meter.time_left(*length - now->progress.received_bytes);
     return speed;
   });
 }
@@ -228,14 +216,6 @@ float RavelinOperation::progress_snap_interval() const {
 
 void RavelinOperation::set_progress_snap_interval(float interval) {
   main_sync([&]() MAIN_ONLY { impl_->progress_snap_interval = interval; });
-}
-
-std::int64_t RavelinOperation::max_simultaneous_download_count() {
-  return main_sync([] { return download_limit(); });
-}
-
-void RavelinOperation::set_max_simultaneous_download_count(std::int64_t count) {
-  main_sync([&] { download_limit() = std::max<std::int64_t>(count, 1); });
 }
 
 Progress RavelinOperation::get_progress(const URL& dest_file) {

@@ -15,6 +15,7 @@
 #include "src/PartialDataOpr.h"
 #include "src/RetryPolicy.h"
 #include "src/SpeedMeter.h"
+#include "src/Splitting.h"
 
 #include <cstdint>
 #include <map>

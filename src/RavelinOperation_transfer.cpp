@@ -5,7 +5,7 @@
 #include "bramblekit/main_thread.h"
 #include "bramblekit/stop_watch.h"
 #include "platform/fatal.h"
-#include "platform/files/file_marks.h"
+#include "platform/files/extended_attributes.h"
 #include "platform/threads/semaphore.h"
 #include "src/LinkIdentity.h"
 #include "src/RavelinOperation_impl.h"
@@ -167,7 +167,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
 void RavelinOperation::Impl::check_content(const URL& link) {
   auto& record = *file_proc->resume_data;
   const auto& file = *file_proc->main_file_url;
-  const Safeguards safeguards(settings->options);
+  const ResponseChecks safeguards(settings->options);
   if (record.received_bytes() == 0) {
     record.server_side_date = server_side_date; // nothing was received before
     if (checks_destination())

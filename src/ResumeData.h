@@ -11,9 +11,6 @@
 
 namespace ravelin {
 
-/// Number of parts of a split download.
-inline constexpr std::int64_t parts_when_split = 5;
-
 /// The content of the resume file: the parts of a download and how much of each was received.
 ///
 /// Threads: the record of a running download belongs to the main thread.
@@ -49,10 +46,5 @@ struct ResumeData : bramblekit::Convertible<ResumeData> {
   void encode(bramblekit::KeyedEncoder& to) const;
   void decode(const bramblekit::KeyedDecoder& from);
 };
-
-/// `split_count` ranges that cover `length` bytes; the last one gets the remainder. Aborts on a
-/// negative count and on overflow.
-std::vector<std::shared_ptr<ResumeData::Part>> split_into_parts(std::int64_t length,
-                                                                std::int64_t split_count);
 
 } // namespace ravelin

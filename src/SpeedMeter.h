@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <optional>
 
 namespace ravelin {
 
@@ -27,6 +28,13 @@ public:
       return 0;
     const std::chrono::duration<double> time = now - samples_.front().time;
     return static_cast<double>(samples_.back().received - samples_.front().received) / time.count();
+  }
+  /// Until `rest` bytes have arrived; none if it cannot be estimated.
+  std::optional<std::chrono::seconds> time_left(std::int64_t rest) const {
+    const auto speed = rate();
+    if (speed <= 0 || rest < 0)
+      return std::nullopt;
+    return std::chrono::seconds(static_cast<std::int64_t>(static_cast<double>(rest) / speed + 0.5));
   }
   void reset() { samples_.clear(); }
 

@@ -1,7 +1,7 @@
 #include "platform/files/file_manager.h"
 
 #include "platform/files/file_calls.h"
-#include "platform/files/file_marks.h"
+#include "platform/files/hidden_list.h"
 #include "platform/threads/thread_pool.h"
 
 #include <cerrno>
@@ -149,6 +149,11 @@ void FileManager::remove_item(const URL& url) {
     fail(errno, "remove", path);
   if (!set_hidden(url, false))
     unlist_in_background(url);
+}
+
+bool is_plain_file(const fs::path& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
 std::string read_text(const URL& url, std::size_t limit, Links links) {

@@ -33,6 +33,8 @@ public:
   void remove_item(const URL& url);
 };
 
+/// Whether it is a file, or a symbolic link to one.
+bool is_plain_file(const std::filesystem::path& path);
 /// The content of the file. Throws if it has more than `limit` bytes.
 std::string read_text(const URL& url, std::size_t limit, Links links = Links::followed);
 /// Whether a text and its file name are flushed to storage, so that they survive a power failure.

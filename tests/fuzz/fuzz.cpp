@@ -3,7 +3,7 @@
 #include "ravelin/response.h"
 #include "ravelin/text.h"
 #include "src/ResumeData.h"
-#include "src/Safeguards.h"
+#include "src/ResponseChecks.h"
 #include "src/SuggestedName.h"
 
 #include <algorithm>
@@ -42,7 +42,7 @@ bool http_head(const std::string& text) {
   }
   const auto known = ContentVersion::of_whole(fields);
   return head.response().status == 206 ||
-         Safeguards(Options::careful())
+         ResponseChecks(Options::careful())
              .refuse_response(head.response(), platform::BytesRange{0, 9}, known);
 }
 

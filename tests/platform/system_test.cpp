@@ -1,6 +1,7 @@
+#include "platform/files/extended_attributes.h"
 #include "platform/files/file_handle.h"
 #include "platform/files/file_manager.h"
-#include "platform/files/file_marks.h"
+#include "platform/files/hidden_list.h"
 #include "platform/threads/semaphore.h"
 #include "platform/threads/serial_queue.h"
 #include "ravelin/main_queue.h"

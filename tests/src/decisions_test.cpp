@@ -1,8 +1,9 @@
 #include "ravelin/ravelin_operation.h"
 #include "src/FileProcessor.h"
 #include "src/HeaderValues.h"
-#include "src/Safeguards.h"
+#include "src/ResponseChecks.h"
 #include "src/SnapRule.h"
+#include "src/Splitting.h"
 #include "tests/harness/temp_dir.h"
 
 #include <cmath>
@@ -128,12 +129,12 @@ const std::string monday = "Mon, 09 Nov 2026 08:00:00 GMT";
 const std::string tuesday = "Tue, 10 Nov 2026 08:00:00 GMT";
 
 // The options by a letter each: HTTP errors, exact ranges, changed content.
-Safeguards with(const std::string& letters) {
+ResponseChecks with(const std::string& letters) {
   Options options;
   options.reject_http_errors = letters.find('h') != letters.npos;
   options.require_exact_ranges = letters.find('r') != letters.npos;
   options.reject_changed_content = letters.find('c') != letters.npos;
-  return Safeguards(options);
+  return ResponseChecks(options);
 }
 
 std::string describe(const std::optional<Error>& error) {
@@ -145,7 +146,7 @@ std::string describe(const std::optional<Error>& error) {
          kinds[static_cast<int>(refused.refusal)];
 }
 
-TEST(SafeguardsTest, refuse_a_response) {
+TEST(ResponseChecksTest, refuse_a_response) {
   const std::string range = "Content-Range", length = "Content-Length", exact = "bytes 10-19/20";
   const std::string modified = "Last-Modified", tag = "etag";
   const Expected none, a = ContentVersion{"\"a\"", monday, 20},
@@ -192,7 +193,7 @@ TEST(SafeguardsTest, refuse_a_response) {
   EXPECT_NE(changed->text().find("its ETag was \"a\" and is now \"b\""), std::string::npos);
 }
 
-TEST(SafeguardsTest, refuse_a_body_of_the_wrong_length) {
+TEST(ResponseChecksTest, refuse_a_body_of_the_wrong_length) {
   const Expected twenty = ContentVersion{{}, {}, 20}, unknown = ContentVersion{};
   const std::tuple<std::string, Asked, Expected, std::int64_t, std::string, std::string> cases[] = {
       {"r", part, twenty, 10, "lost", "part range"},
@@ -210,7 +211,7 @@ TEST(SafeguardsTest, refuse_a_body_of_the_wrong_length) {
   }
 }
 
-TEST(SafeguardsTest, refuse_to_continue_with_other_content) {
+TEST(ResponseChecksTest, refuse_to_continue_with_other_content) {
   const std::tuple<std::string, std::optional<std::string>, ContentVersion, std::string> cases[] = {
       {monday, "a", {"a", monday, {}}, ""},
       {monday, "a", {"b", monday, {}}, "changed"},

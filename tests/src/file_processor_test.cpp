@@ -1,4 +1,5 @@
 #include "platform/threads/semaphore.h"
+#include "src/Splitting.h"
 #include "tests/src/transfer_fixture.h"
 
 namespace test {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "bramblekit/main_thread.h"
-#include "platform/files/file_marks.h"
+#include "platform/files/extended_attributes.h"
 #include "ravelin/options.h"
 #include "src/FileProcessor.h"
 #include "tests/harness/faulty_files.h"

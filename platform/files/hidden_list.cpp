@@ -1,5 +1,6 @@
-#include "platform/files/file_marks.h"
+#include "platform/files/hidden_list.h"
 
+#include "platform/files/extended_attributes.h"
 #include "platform/files/file_calls.h"
 #include "platform/files/file_manager.h"
 #include "ravelin/main_queue.h"
@@ -11,7 +12,6 @@
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -23,16 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t max_list_size = 4 * 1024 * 1024; // bytes; a larger one is left alone
 constexpr std::string_view our_list_attribute = "ravelin.made_this_list";
-
-bool is_plain_file(const fs::path& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-}
-
-/// Unprivileged programs may only use the "user." namespace.
-std::string attribute_name(std::string_view name) {
-  return "user." + std::string(name);
-}
 
 enum class Wait { no, yes };
 
@@ -151,42 +141,6 @@ bool edit_list(const fs::path& directory, const std::string& name, bool listed, 
 }
 
 } // namespace
-
-void set_extended_attribute(const URL& url, std::string_view name,
-                            const std::optional<Data>& value) noexcept try {
-  const auto path = url.path();
-  if (!is_plain_file(path))
-    return;
-  const auto full_name = attribute_name(name);
-  if (!value) {
-    file_calls().removexattr(path.c_str(), full_name.c_str());
-    return;
-  }
-  // Not flushed: the first bytes of the file are, and file systems keep the order of changes to
-  // one file.
-  file_calls().setxattr(path.c_str(), full_name.c_str(), value->bytes().data(), value->size());
-} catch (...) {
-  // Best effort: a download must not fail over an attribute.
-}
-
-std::optional<std::string> extended_attribute(const URL& url, std::string_view name) {
-  const auto path = url.path();
-  const auto full_name = attribute_name(name);
-  std::string value(256, '\0');
-  for (;;) {
-    const auto size = ::getxattr(path.c_str(), full_name.c_str(), value.data(), value.size());
-    if (size >= 0) {
-      value.resize(static_cast<std::size_t>(size));
-      return value;
-    }
-    if (errno != ERANGE)
-      return std::nullopt;
-    const auto needed = ::getxattr(path.c_str(), full_name.c_str(), nullptr, 0);
-    if (needed < 0)
-      return std::nullopt;
-    value.resize(static_cast<std::size_t>(needed));
-  }
-}
 
 bool set_hidden(const URL& url, bool hidden) noexcept try {
   const auto path = url.path();

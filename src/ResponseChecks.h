@@ -15,10 +15,10 @@ namespace ravelin {
 /// is accepted.
 ///
 /// Threads: a plain value. Errors: returned, not thrown.
-class Safeguards {
+class ResponseChecks {
 public:
-  Safeguards() = default;
-  explicit Safeguards(const Options& options)
+  ResponseChecks() = default;
+  explicit ResponseChecks(const Options& options)
       : reject_http_errors_(options.reject_http_errors.value_or(false)),
         require_exact_ranges_(options.require_exact_ranges.value_or(false)),
         reject_changed_content_(options.reject_changed_content.value_or(false)) {}

@@ -1,4 +1,4 @@
-#include "src/Safeguards.h"
+#include "src/ResponseChecks.h"
 
 #include "bramblekit/collections.h"
 #include "bramblekit/errors.h"
@@ -63,8 +63,8 @@ std::optional<std::string> describe_change_since(const std::string& started,
 
 } // namespace
 
-std::optional<Error> Safeguards::refuse_status(const URLResponse& response,
-                                               bool asked_for_range) const {
+std::optional<Error> ResponseChecks::refuse_status(const URLResponse& response,
+                                                   bool asked_for_range) const {
   const auto length = case_insensitive(response.header_fields, "Content-Length");
   if (require_exact_ranges_ && length && length->find(',') != std::string::npos)
     return to_error(
@@ -79,7 +79,7 @@ std::optional<Error> Safeguards::refuse_status(const URLResponse& response,
   return std::nullopt;
 }
 
-std::optional<Error> Safeguards::refuse_header(const URLResponse& response) const {
+std::optional<Error> ResponseChecks::refuse_header(const URLResponse& response) const {
   if (auto refused = refuse_status(response, false))
     return refused;
   if (require_exact_ranges_ && response.status == 206)
@@ -89,8 +89,8 @@ std::optional<Error> Safeguards::refuse_header(const URLResponse& response) cons
 }
 
 std::optional<Error>
-Safeguards::refuse_response(const URLResponse& response, const std::optional<BytesRange>& asked,
-                            const std::optional<ContentVersion>& expected) const {
+ResponseChecks::refuse_response(const URLResponse& response, const std::optional<BytesRange>& asked,
+                                const std::optional<ContentVersion>& expected) const {
   if (auto refused = asked ? refuse_status(response, true) : refuse_header(response))
     return refused;
   if (asked && require_exact_ranges_)
@@ -109,8 +109,8 @@ Safeguards::refuse_response(const URLResponse& response, const std::optional<Byt
 }
 
 std::optional<std::int64_t>
-Safeguards::required_length(const std::optional<BytesRange>& asked,
-                            const std::optional<ContentVersion>& expected) const {
+ResponseChecks::required_length(const std::optional<BytesRange>& asked,
+                                const std::optional<ContentVersion>& expected) const {
   if (!require_exact_ranges_)
     return std::nullopt;
   if (asked)
@@ -119,8 +119,8 @@ Safeguards::required_length(const std::optional<BytesRange>& asked,
 }
 
 std::optional<Error>
-Safeguards::refuse_excess(std::int64_t received, const std::optional<BytesRange>& asked,
-                          const std::optional<ContentVersion>& expected) const {
+ResponseChecks::refuse_excess(std::int64_t received, const std::optional<BytesRange>& asked,
+                              const std::optional<ContentVersion>& expected) const {
   const auto required = required_length(asked, expected);
   if (!required || received <= *required)
     return std::nullopt;
@@ -133,8 +133,8 @@ Safeguards::refuse_excess(std::int64_t received, const std::optional<BytesRange>
 }
 
 std::optional<Error>
-Safeguards::refuse_length(std::int64_t received, const std::optional<BytesRange>& asked,
-                          const std::optional<ContentVersion>& expected) const {
+ResponseChecks::refuse_length(std::int64_t received, const std::optional<BytesRange>& asked,
+                              const std::optional<ContentVersion>& expected) const {
   if (auto excess = refuse_excess(received, asked, expected))
     return excess;
   const auto required = required_length(asked, expected);
@@ -145,9 +145,9 @@ Safeguards::refuse_length(std::int64_t received, const std::optional<BytesRange>
                                       std::to_string(*required) + " bytes"));
 }
 
-std::optional<Error> Safeguards::refuse_continuing(const std::string& started,
-                                                   const std::optional<std::string>& known_etag,
-                                                   const ContentVersion& current) const {
+std::optional<Error> ResponseChecks::refuse_continuing(const std::string& started,
+                                                       const std::optional<std::string>& known_etag,
+                                                       const ContentVersion& current) const {
   if (!reject_changed_content_)
     return std::nullopt;
   auto change = describe_change_since(started, current.last_modified);
