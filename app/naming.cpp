@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 
 namespace ravelin::app {
 
@@ -27,6 +28,30 @@ std::string human_size(std::int64_t bytes) {
   for (; value >= 1024 && unit + 1 < units.size(); ++unit)
     value /= 1024;
   return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, units[unit]);
+}
+
+std::optional<std::int64_t> parse_size(const std::string& text) {
+  char* rest = nullptr;
+  const double number = std::strtod(text.c_str(), &rest);
+  std::string unit(rest);
+  if (rest == text.c_str() || unit.size() > 2)
+    return std::nullopt;
+  if (unit.size() == 2 && (unit.back() == 'B' || unit.back() == 'b'))
+    unit.pop_back();
+  constexpr double kilo = 1024.0;
+  double factor = 1;
+  if (unit == "k" || unit == "K")
+    factor = kilo;
+  else if (unit == "m" || unit == "M")
+    factor = kilo * kilo;
+  else if (unit == "g" || unit == "G")
+    factor = kilo * kilo * kilo;
+  else if (!unit.empty())
+    return std::nullopt;
+  const double bytes = number * factor;
+  if (!(bytes >= 0 && bytes < 9e18))
+    return std::nullopt;
+  return static_cast<std::int64_t>(bytes);
 }
 
 std::string human_time(std::chrono::seconds time) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace ravelin::app {
@@ -17,6 +18,10 @@ std::string shown_link(const std::string& link);
 
 /// "12.3 MiB".
 std::string human_size(std::int64_t bytes);
+
+/// Converts texts such as "10k" and "1.5M" to bytes; K, M and G are powers of 1024. None if
+/// invalid.
+std::optional<std::int64_t> parse_size(const std::string& text);
 
 /// "12:34", with hours from an hour on.
 std::string human_time(std::chrono::seconds time);

@@ -38,6 +38,7 @@ struct RawOptions {
   double events_interval = 0;
   double patience = 600;
   int retries = 5;
+  int connections = 5;
   bool no_split = false;
   bool no_safeguards = false;
 };
@@ -124,6 +125,11 @@ void add_checksum_options(CLI::App& get, RawOptions& raw) {
 void add_network_options(CLI::App& get, RawOptions& raw) {
   get.option_defaults()->group("Network");
   get.add_flag("--no-split", raw.no_split, "Use one connection instead of five");
+  get.add_option("--connections", raw.connections,
+                 "Maximum connections of one file, 1 to 5 (default 5); unlike --no-split, 1 can "
+                 "resume")
+      ->type_name("N")
+      ->check(range(1, 5));
   get.add_option("--min-split-size", raw.min_split_size,
                  "Use one connection for files smaller than this (default 256k)")
       ->type_name("SIZE")
@@ -234,6 +240,7 @@ void apply(const RawOptions& raw, GetOptions& options) {
   auto& values = options.download;
   values = Options::careful();
   values.reuse_header_response = true;
+  values.max_connections = raw.connections;
   values.min_split_size = parse_size(raw.min_split_size);
   if (!values.min_split_size)
     throw CLI::ValidationError("--min-split-size",
@@ -305,30 +312,6 @@ int print_parse_error(const CLI::App& parser, const CLI::ParseError& error) {
 }
 
 } // namespace
-
-std::optional<std::int64_t> parse_size(const std::string& text) {
-  char* rest = nullptr;
-  const double number = std::strtod(text.c_str(), &rest);
-  std::string unit(rest);
-  if (rest == text.c_str() || unit.size() > 2)
-    return std::nullopt;
-  if (unit.size() == 2 && (unit.back() == 'B' || unit.back() == 'b'))
-    unit.pop_back();
-  constexpr double kilo = 1024.0;
-  double factor = 1;
-  if (unit == "k" || unit == "K")
-    factor = kilo;
-  else if (unit == "m" || unit == "M")
-    factor = kilo * kilo;
-  else if (unit == "g" || unit == "G")
-    factor = kilo * kilo * kilo;
-  else if (!unit.empty())
-    return std::nullopt;
-  const double bytes = number * factor;
-  if (!(bytes >= 0 && bytes < 9e18))
-    return std::nullopt;
-  return static_cast<std::int64_t>(bytes);
-}
 
 namespace {
 

@@ -55,8 +55,4 @@ struct Parsed {
 };
 Parsed parse_arguments(int argc, const char* const* argv);
 
-/// Converts texts such as "10k" and "1.5M" to bytes; K, M and G are powers of 1024. None if
-/// invalid.
-std::optional<std::int64_t> parse_size(const std::string& text);
-
 } // namespace ravelin::app

@@ -18,6 +18,7 @@ complete -c ravelin $get -l on-change -x -a 'restart fail' -d 'What to do if the
 complete -c ravelin $get -s R -l remote-time -d 'Set the time that the server tells'
 complete -c ravelin $get -l xattr -d 'Note the link in the extended attributes'
 complete -c ravelin $get -l sha256-from -r -F -d 'Look up the checksums in this list'
+complete -c ravelin $get -l connections -x -a '1 2 3 4 5' -d 'Maximum connections of one file'
 complete -c ravelin $get -l min-split-size -x -d 'Use one connection for smaller files'
 complete -c ravelin $get -l no-split -d 'Use one connection'
 complete -c ravelin $get -s j -l max-downloads -x -d 'Maximum number of files at once'
