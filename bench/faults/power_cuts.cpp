@@ -37,11 +37,10 @@ struct Write {
 /// The content of a disk, in a file, and what was written to it.
 class LoggedDisk {
 public:
-  LoggedDisk(const fs::path& image, const fs::path& directory)
-      : size_(fs::file_size(image)), directory_(directory) {
+  LoggedDisk(const fs::path& image, const fs::path& directory) : size_(fs::file_size(image)) {
     const int file = ::open(image.c_str(), O_RDWR | O_CLOEXEC);
-    content_ =
-        static_cast<char*>(::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    void* const mapped = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    content_ = static_cast<char*>(mapped);
     ::close(file);
     fs::create_directory(directory);
     fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
@@ -79,7 +78,6 @@ public:
     fuse_destroy(fuse_);
     ::munmap(content_, size_);
   }
-  LoggedDisk& operator=(LoggedDisk&&) = delete;
   std::vector<Write> take_log() {
     const std::lock_guard lock(mutex_);
     return std::exchange(log_, {});
@@ -92,7 +90,6 @@ private:
     log_.push_back(std::move(write));
   }
   const std::size_t size_;
-  const fs::path directory_;
   char* content_ = nullptr;
   fuse* fuse_ = nullptr;
   std::mutex mutex_;
@@ -113,7 +110,6 @@ public:
     must(dir, "mkdir -p disk && mount -o loop " + file + " disk && mkdir -p disk/d");
   }
   ~Mounted() { run(dir_.path(), "umount disk"); }
-  Mounted& operator=(Mounted&&) = delete;
 
 private:
   const TempDir& dir_;

@@ -179,8 +179,6 @@ TEST(Program, does_what_the_command_line_says) {
        {"mkdir d; seq -f $at/%g?echo 400 >list; ulimit -n 128; get -j 2 -d d -i list && ls d | "
         "wc -l; rm -r d list",
         0, "^400\n$"},
-       {"ravelin get --help >/dev/full", 1, "standard output"},
-       {"get $at/f; ravelin status f >/dev/full", 1, "standard output", "f "},
        {"get --events $at/f >/dev/full", 1, "standard output", "f "},
        {"for to in '2>&-' '2>/dev/full' '2> >(true)' '0<&- >&- 2>&-'; do eval get $to; echo $?; "
         "eval get $at/g?404 $to; echo $?; eval ravelin get -c replace $at/f $to; echo $?; done; "

@@ -7,8 +7,6 @@
 
 #include <clocale>
 
-// What works without a process.
-
 namespace test {
 namespace {
 using namespace ravelin;

@@ -2,8 +2,8 @@
 #include "platform/network/http_date.h"
 #include "ravelin/response.h"
 #include "ravelin/text.h"
-#include "src/ResumeData.h"
 #include "src/ResponseChecks.h"
+#include "src/ResumeData.h"
 #include "src/SuggestedName.h"
 
 #include <algorithm>

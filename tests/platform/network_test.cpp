@@ -209,7 +209,6 @@ TEST(URLSessionDeathTest, tells_no_network_from_a_host_that_is_away_and_may_hang
   EXPECT_EXIT(ask_alone(), testing::ExitedWithCode(0), "-1009-1004-999 at once");
 }
 
-// Each chunk costs a flush.
 TEST(DataTask, collects_bytes_that_arrive_slowly) {
   const ScriptedServer server(
       Reply{.body = test::pattern(6000), .piece = 100, .piece_delay = 10ms});

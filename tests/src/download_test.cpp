@@ -40,19 +40,17 @@ TEST_F(DownloadTest, fetches_five_ranges_where_it_can_and_else_the_whole) {
 }
 
 TEST_F(DownloadTest, leaves_small_content_in_one_piece_if_told_to) {
-  serve({.body = body});
   for (const auto& [min_size, requests] :
        {std::pair(501, std::string("all all")), {500, all_ranges}}) {
+    serve({.body = body});
     Options options;
     options.min_split_size = min_size;
     download({.opr = std::make_shared<RavelinOperation>(options)});
     EXPECT_EQ(asked(), requests);
     RavelinOperation::clear_files(file());
-    serve({.body = body});
   }
 }
 
-// The server answers one request; the option decides whether that is enough.
 TEST_F(DownloadTest, takes_what_is_not_split_from_the_first_answer_if_told_to) {
   const std::tuple<bool, bool, Reply, std::string, std::string> cases[] = {
       {true, true, {.accept_ranges = false}, "cfsd+", "all"},
