@@ -30,10 +30,11 @@ std::string find_unnoted_owner(const URL& destination) {
     return {};
   std::error_code ignored;
   const auto directory = path.has_parent_path() ? path.parent_path() : ".";
-  for (const auto& entry : std::filesystem::directory_iterator(directory, ignored))
-    if (entry.path().stem() == path.stem() &&
-        platform::extended_attribute(URL::file(entry.path()), "lg_ignore"))
-      return entry.path().filename().native();
+  std::filesystem::directory_iterator entry(directory, ignored);
+  for (; entry != std::filesystem::directory_iterator(); entry.increment(ignored))
+    if (entry->path().stem() == path.stem() &&
+        platform::extended_attribute(URL::file(entry->path()), "lg_ignore"))
+      return entry->path().filename().native();
   return {};
 }
 

@@ -39,8 +39,9 @@ void PartialDataOpr::bg_request(const URL& url, const StatusClosure& status_clos
   sema = std::make_shared<platform::Semaphore>(0U);
   std::optional<Error> error;
   try {
-    ephemeral_session = URLSession::make(
-        *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
+    if (!held_response) // whose session has a thread already
+      ephemeral_session = URLSession::make(
+          *ephemeral_config, std::static_pointer_cast<PartialDataOpr>(shared_from_this()));
     main_sync([&]() MAIN_ONLY { start_task(url, status_closure); });
     sema->wait();
     error = task_err;

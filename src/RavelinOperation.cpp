@@ -90,7 +90,8 @@ void RavelinOperation::Impl::start_flow(Run run) {
     bramblekit::bg_async(0.0, [this, keep = self(), shared] { bg_run(std::move(*shared)); });
   } catch (...) { // there is no thread for it
     MainQueue::async([this, keep = self(), shared, error = Error::current()]() MAIN_ONLY {
-      complete(shared->claim_error.value_or(error), std::move(*shared));
+      auto outcome = shared->claim_error.value_or(error);
+      complete(std::move(outcome), std::move(*shared));
     });
   }
 }
@@ -121,11 +122,13 @@ void RavelinOperation::Impl::complete(std::optional<Error> outcome, Run run) noe
   stat_closure = nullptr;
   if (opr.is_cancelled()) {
     outcome = to_error(Exception());
-    should_clear_files = should_clear_files && may_clear(run);
     if (should_clear_files) {
       try {
-        FileProcessor::delete_resume_file(run.destination);
-        FileProcessor::delete_main_file(run.destination);
+        should_clear_files = may_clear(run);
+        if (should_clear_files) {
+          FileProcessor::delete_resume_file(run.destination);
+          FileProcessor::delete_main_file(run.destination);
+        }
       } catch (...) {
         // The run was cancelled even if its files cannot be deleted.
       }

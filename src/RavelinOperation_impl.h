@@ -158,7 +158,6 @@ public:
   // Set by the background flow before it starts a request, which it does through the main thread.
   std::shared_ptr<FileProcessor> file_proc;
   bramblekit::StopWatch watch MAIN_STATE;
-  bramblekit::StopWatch since_chunk MAIN_STATE;
   std::int64_t unsaved_bytes MAIN_STATE = 0; // arrived since the last save was queued
   SpeedMeter speed_meter MAIN_STATE;
   PartSchedule parts MAIN_STATE;

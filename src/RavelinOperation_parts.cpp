@@ -114,7 +114,6 @@ void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const pla
   part.curr_bytes = checked_add(part.curr_bytes, static_cast<std::int64_t>(data.size()));
   parts.has_received(part_index, static_cast<std::int64_t>(data.size()));
   unsaved_bytes += static_cast<std::int64_t>(data.size());
-  since_chunk.reset();
   if (watch.elapsed_time() > save_interval) {
     unsaved_bytes = 0;
     file_proc->async_update_resume_file();
@@ -153,7 +152,7 @@ bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_ind
   if (!is_split || opr.is_cancelled() || download_exception || file_proc->exception.get())
     return false;
   const bool may_retry = settings->options.retry && settings->options.retry->max_attempts > 0;
-  if (((is_refused_for_now(error) && may_retry) || lacks_resources(error)) &&
+  if (may_retry && (is_refused_for_now(error) || lacks_resources(error)) &&
       parts.another_is_open(part_index)) {
     parts.limit_connections(partial_data_oprs.size() - 1);
     parts.wait_for_connection(part_index);

@@ -26,7 +26,6 @@ namespace {
 
 constexpr auto save_check_interval = std::chrono::milliseconds(50);
 constexpr auto burst_check_interval = std::chrono::milliseconds(10);
-constexpr double burst_pause = 0.01;              // seconds without a chunk that end a burst
 constexpr std::int64_t large_burst = 1024 * 1024; // bytes
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
@@ -185,13 +184,9 @@ void RavelinOperation::Impl::check_content(const URL& link) {
     note_origin(file, link); // the same content from a new link
 }
 
-/// Saves the record of the last chunks, since no further chunk may arrive to cause a save. The end
-/// of a burst is the best moment: a save at its beginning would miss most of it, and the next one
-/// would be as late.
+/// Saves the record of the last chunks, since no further chunk may arrive to cause a save.
 void RavelinOperation::Impl::save_if_behind() {
-  const bool burst_ended = unsaved_bytes >= large_burst && since_chunk.elapsed_time() > burst_pause;
-  if (unsaved_bytes == 0 ||
-      watch.elapsed_time() <= (burst_ended ? save_interval / 4 : save_interval))
+  if (unsaved_bytes == 0 || watch.elapsed_time() <= save_interval)
     return;
   unsaved_bytes = 0;
   file_proc->async_update_resume_file();

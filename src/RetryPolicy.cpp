@@ -65,7 +65,9 @@ milliseconds add_jitter(milliseconds wait) {
 bool RetryPolicy::may_retry(const CustomError& error, Clock::time_point now) {
   const bool has_received = received_ > 0; // if so, the server or network may just be restarting
   const bool is_away = is_unreachable(error) || error.holds<CustomError::timeout>();
-  const bool may_recover = is_unreachable(error) || is_refused_range(error);
+  const auto* const other = error.get_if<CustomError::other>();
+  const bool may_recover =
+      is_unreachable(error) || is_refused_range(error) || (other && lacks_resources(other->error));
   if (!is_temporary(error) && !(may_recover && has_received))
     return false;
   beyond_attempts_ = attempt_ >= limits_.max_attempts;

@@ -86,10 +86,7 @@ bool write_new(const fs::path& path, std::string_view text, Flush flush_mode) {
 
 /// For the main thread, which does not wait for the list.
 void unlist_in_background(const URL& url) try {
-  run_in_background([url] {
-    if (::access(url.path().c_str(), F_OK) != 0) // not replaced by another download
-      set_hidden(url, false);
-  });
+  run_in_background([url] { set_hidden(url, false, Unlist::if_gone); });
 } catch (const std::system_error&) {
   // There is no thread: the line stays until a file of that name is complete.
 }

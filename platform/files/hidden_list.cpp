@@ -26,8 +26,8 @@ constexpr std::string_view our_list_attribute = "ravelin.made_this_list";
 
 enum class Wait { no, yes };
 
-/// Keeps other processes from editing the list at the same time. Gives up after 100 ms, since
-/// anyone who can read the directory can hold its lock forever.
+/// Keeps other processes from editing the list at the same time. Gives up after 100 ms at most,
+/// since anyone who can read the directory can hold its lock forever.
 class DirectoryLock {
 public:
   DirectoryLock(const fs::path& directory, Wait wait)
@@ -125,7 +125,8 @@ void edit_locked_list(const fs::path& directory, const std::string& name, bool l
 }
 
 /// Whether it is done, or cannot be.
-bool edit_list(const fs::path& directory, const std::string& name, bool listed, Wait wait) {
+bool edit_list(const fs::path& directory, const std::string& name, bool listed, Wait wait,
+               Unlist when) {
   // Background threads of this process wait for each other without a limit: only other processes
   // can make the directory lock time out.
   static auto& mutex = *new std::mutex;
@@ -135,14 +136,17 @@ bool edit_list(const fs::path& directory, const std::string& name, bool listed, 
   else if (!guard.try_lock())
     return false;
   const DirectoryLock lock(directory, wait);
-  if (lock.held())
+  // A file that is there again was put there by another download, which has listed it.
+  const bool is_stale =
+      !listed && when == Unlist::if_gone && ::access((directory / name).c_str(), F_OK) == 0;
+  if (lock.held() && !is_stale)
     edit_locked_list(directory, name, listed);
   return !lock.is_busy();
 }
 
 } // namespace
 
-bool set_hidden(const URL& url, bool hidden) noexcept try {
+bool set_hidden(const URL& url, bool hidden, Unlist when) noexcept try {
   const auto path = url.path();
   const auto name = path.filename().native();
   const bool hidden_by_name = name.empty() || name.front() == '.';
@@ -151,8 +155,8 @@ bool set_hidden(const URL& url, bool hidden) noexcept try {
   if (hidden && !is_plain_file(path))
     return true;
   const auto wait = MainQueue::is_main_thread() ? Wait::no : Wait::yes;
-  return edit_list(path.has_parent_path() ? path.parent_path() : fs::path("."), name, hidden,
-                   wait) ||
+  return edit_list(path.has_parent_path() ? path.parent_path() : fs::path("."), name, hidden, wait,
+                   when) ||
          wait == Wait::yes;
 } catch (...) {
   return true; // best effort, as above

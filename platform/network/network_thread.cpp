@@ -141,7 +141,7 @@ void NetworkThread::replace_descriptors() {
   static auto& abandoned = *new std::vector<CURLM*>; // still referenced, for leak checkers
   if (multi_)
     abandoned.push_back(std::exchange(multi_, nullptr));
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   for (const auto& command : std::exchange(commands_, {}))
     if (command.kind == Command::start)
       command.task->complete(closed);
@@ -154,6 +154,7 @@ void NetworkThread::replace_descriptors() {
     sockets_.replace_by(sockets);
     sockets_.watch(wake_.descriptor(), EPOLLIN);
   } catch (...) { // none left: the next wait fails again
+    lock.unlock();
     std::this_thread::sleep_for(max_draining_time / 10);
   }
 }

@@ -21,18 +21,28 @@ Store& store() {
   return instance;
 }
 
-template <class... Arguments> void free_on_main(std::function<void(Arguments...)>& function) {
+/// Shares a function whose last copy is destroyed on the main thread.
+template <class... Arguments> class FreedOnMain {
+public:
   using Function = std::function<void(Arguments...)>;
-  if (!function)
-    return;
-  const auto free = [](Function* unused) noexcept {
+
+  explicit FreedOnMain(Function function) : shared_(new Function(std::move(function)), free) {}
+  void operator()(Arguments... arguments) const { (*shared_)(arguments...); }
+
+private:
+  static void free(Function* unused) noexcept {
     if (MainQueue::is_main_thread())
       delete unused;
     else
       MainQueue::async([unused] { delete unused; });
-  };
-  const std::shared_ptr<Function> shared(new Function(std::move(function)), free);
-  function = [shared](Arguments... arguments) { (*shared)(arguments...); };
+  }
+
+  std::shared_ptr<Function> shared_;
+};
+
+template <class... Arguments> void free_on_main(std::function<void(Arguments...)>& function) {
+  if (function && !function.template target<FreedOnMain<Arguments...>>())
+    function = FreedOnMain<Arguments...>(std::move(function));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "ravelin/text.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -237,7 +238,8 @@ Error Transfer::failure(CURLcode code) const {
   // libcurl reports a header line that is too long as out of memory.
   if (code == CURLE_OUT_OF_MEMORY && headers_.is_in_header())
     return url_error(URLError::bad_server_response, "the header of the response is too large");
-  if (socket_error_ != 0 && code == CURLE_COULDNT_CONNECT)
+  constexpr std::array lacking = {EMFILE, ENFILE, ENOBUFS, ENOMEM};
+  if (std::ranges::find(lacking, socket_error_) != lacking.end() && code == CURLE_COULDNT_CONNECT)
     return url_error(URLError::resource_unavailable,
                      std::string("could not open a socket: ") + std::strerror(socket_error_));
   long proxy_status = 0;

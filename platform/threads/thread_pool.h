@@ -19,7 +19,8 @@ public:
   ReservedThread(const ReservedThread&) = delete;
   ReservedThread& operator=(const ReservedThread&) = delete;
 
-  /// Runs `job`, after the one before has ended. An exception thrown by it terminates the process.
+  /// Runs `job`. Call it only when the job before has ended or is about to. An exception thrown by
+  /// it terminates the process.
   void run(Job job);
 };
 
