@@ -35,6 +35,8 @@ private:
 };
 
 std::string read_file(const fs::path& file) {
+  if (fs::is_directory(file))
+    throw std::system_error(EISDIR, std::system_category());
   std::ifstream in(file);
   std::ostringstream text;
   if (!in || (in.peek() != std::ifstream::traits_type::eof() && !(text << in.rdbuf())))
@@ -42,8 +44,8 @@ std::string read_file(const fs::path& file) {
   return text.str();
 }
 
-void download(const std::string& link, const fs::path& file, const Options& options) {
-  const auto operation = std::make_shared<RavelinOperation>(options);
+void download(const std::string& link, const fs::path& file,
+              const std::shared_ptr<RavelinOperation>& operation) {
   std::optional<std::string> error;
   operation->resume(URL(link), URL::file(file), false, OnConflict::replace,
                     [&](const Status& status) {
@@ -51,6 +53,8 @@ void download(const std::string& link, const fs::path& file, const Options& opti
                         return;
                       if (const auto* const failed = status.get_if<Status::error>())
                         error = failed->custom_error.text();
+                      if (status.holds<Status::cancelled>())
+                        error = "interrupted";
                       MainQueue::stop();
                     });
   MainQueue::run();
@@ -60,11 +64,12 @@ void download(const std::string& link, const fs::path& file, const Options& opti
 
 } // namespace
 
-std::string read_checksum_list(const std::string& from, const Options& options) {
+std::string read_checksum_list(const std::string& from,
+                               const std::shared_ptr<RavelinOperation>& operation) {
   if (from.find("://") == std::string::npos)
     return read_file(from);
   const TemporaryDirectory directory;
-  download(from, directory.path() / "list", options);
+  download(from, directory.path() / "list", operation);
   return read_file(directory.path() / "list");
 }
 

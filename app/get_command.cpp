@@ -246,16 +246,44 @@ sigset_t signals_to_handle() {
   return signals;
 }
 
-/// The first signal stops the downloads cleanly, the second one exits at once. The files can be
-/// resumed in either case.
-void watch_signals(Batch& batch, const sigset_t& signals) {
-  std::thread([&batch, signals] {
+/// The first signal calls `on_signal` on the main thread, the second one exits at once. The files
+/// can be resumed in either case.
+void watch_signals(const sigset_t& signals, void (*on_signal)(int)) {
+  std::thread([signals, on_signal] {
     int signal = 0;
     sigwait(&signals, &signal);
-    MainQueue::async([&batch, signal] { batch.interrupt(signal); });
+    MainQueue::async([on_signal, signal] { on_signal(signal); });
     sigwait(&signals, &signal);
     _exit(signal == SIGTERM ? terminated : interrupted);
   }).detach();
+}
+
+// What a signal stops. Never deleted, since a signal may arrive during exit; the main thread's.
+Batch* current_batch = nullptr;
+std::shared_ptr<RavelinOperation>& list_download() {
+  static auto& operation = *new std::shared_ptr<RavelinOperation>;
+  return operation;
+}
+
+void stop_all(int signal) {
+  if (current_batch)
+    current_batch->interrupt(signal);
+  else
+    list_download()->cancel(); // or its next run, if there is none yet
+}
+
+/// Whether the checksums are known, or the reason was printed.
+bool read_checksums(GetOptions& options) {
+  if (!options.checksum_list)
+    return true;
+  try {
+    options.checksum_list_text = read_checksum_list(*options.checksum_list, list_download());
+    return true;
+  } catch (const std::exception& error) {
+    print_to_stderr(fmt::format("ravelin: could not read the checksums in '{}': {}\n",
+                                shown_link(*options.checksum_list), printable(error.what())));
+    return false;
+  }
 }
 
 void refresh_every_second(Batch& batch) try {
@@ -272,34 +300,27 @@ void refresh_every_second(Batch& batch) try {
 } // namespace
 
 int run_get(GetOptions options) {
-  if (const auto& list = options.checksum_list) {
-    try {
-      options.checksum_list_text = read_checksum_list(*list, options.download);
-    } catch (const std::exception& error) {
-      print_to_stderr(fmt::format("ravelin: could not read the checksums in '{}': {}\n",
-                                  shown_link(*list), printable(error.what())));
-      return failed;
-    }
-  }
   const auto signals = signals_to_handle();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr); // before the first thread, which inherits it
   auto process_options = default_options();
   process_options.rate_limit = options.rate_limit;
   set_default_options(process_options);
   RavelinOperation::set_max_simultaneous_download_count(options.max_downloads);
-  static Batch* batch = nullptr; // never deleted: a signal may arrive during exit
-  batch = new Batch(options);
+  list_download() = std::make_shared<RavelinOperation>(options.download);
   try {
-    watch_signals(*batch, signals);
+    watch_signals(signals, stop_all);
   } catch (const std::system_error& error) {
     print_to_stderr(fmt::format("ravelin: could not start a thread: {}\n", error.code().message()));
     return failed;
   }
+  if (!read_checksums(options))
+    return list_download()->state().holds<State::cancelled>() ? interrupted : failed;
+  current_batch = new Batch(std::move(options));
   if (isatty(STDERR_FILENO))
-    refresh_every_second(*batch);
-  batch->start();
+    refresh_every_second(*current_batch);
+  current_batch->start();
   MainQueue::run();
-  return batch->exit_status();
+  return current_batch->exit_status();
 }
 
 } // namespace ravelin::app
