@@ -2,6 +2,7 @@
 
 #include "ravelin/options.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -24,7 +25,11 @@ public:
   PartSchedule() = default;
   explicit PartSchedule(const Options& options);
 
-  bool may_open(std::size_t open_connections) const { return open_connections < max_connections_; }
+  bool may_open(std::size_t open_connections, Clock::time_point now = Clock::now()) const {
+    return open_connections < max_connections_ && now >= held_until_;
+  }
+  /// Opens no connection until then.
+  void hold_until(Clock::time_point time) { held_until_ = std::max(held_until_, time); }
   void limit_connections(std::size_t count);
   void wait_for_connection(std::int64_t part) { waiting_.push_back(part); }
   bool has_waiting() const { return !waiting_.empty(); }
@@ -57,6 +62,7 @@ private:
   void check_rates(Clock::time_point now);
 
   std::size_t max_connections_ = 1;
+  Clock::time_point held_until_;
   int max_replacements_ = 0;
   std::array<Part, 5> parts_;
   std::deque<std::int64_t> waiting_;

@@ -161,6 +161,7 @@ public:
   std::int64_t unsaved_bytes MAIN_STATE = 0; // arrived since the last save was queued
   SpeedMeter speed_meter MAIN_STATE;
   PartSchedule parts MAIN_STATE;
+  std::optional<Error> holding_error MAIN_STATE; // the server's wish to wait before more requests
   std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry
   std::unique_ptr<DestinationLock> destination_lock; // belongs to the background flow while it runs
   const std::int64_t split_count = parts_when_split;

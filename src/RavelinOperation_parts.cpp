@@ -35,6 +35,7 @@ ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData
 void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
                                          HeldResponse held_response) {
   parts = PartSchedule(settings->options);
+  holding_error.reset();
   if (!should_split) {
     start_download(link, 0, false, std::move(held_response));
     return;
@@ -156,6 +157,11 @@ bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_ind
       parts.another_is_open(part_index)) {
     parts.limit_connections(partial_data_oprs.size() - 1);
     parts.wait_for_connection(part_index);
+    const auto* const loading = error.get_if<URLLoadingError>();
+    if (loading && loading->retry_after) {
+      parts.hold_until(PartSchedule::Clock::now() + *loading->retry_after);
+      holding_error = error;
+    }
     log("'" + without_password(link.text()) + "': using fewer connections: " + error.text());
     return true;
   }
@@ -186,8 +192,9 @@ void RavelinOperation::Impl::end_part(const URL& link, std::int64_t part_index,
     start_waiting_parts(link);
   if (!partial_data_oprs.empty())
     return;
-  if (parts.has_waiting() && !download_exception)
-    download_exception = to_error(Exception()); // cancelled before they could be restarted
+  if (parts.has_waiting() && !download_exception) // cancelled, or the server wants to be left alone
+    download_exception =
+        opr.is_cancelled() ? to_error(Exception()) : holding_error.value_or(to_error(Exception()));
   if (!data_opr_sema)
     platform::fatal("nothing waits for the parts of this download");
   data_opr_sema->signal();

@@ -138,6 +138,7 @@ TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is
     Reply fault;
     std::string ranges;
     int sent_before = 0; // the last request
+    std::string story = "cfsd+";
   } cases[] = {
       {5, "199", 1, reset, in_two},
       {5, "199", 1, cut, in_two},
@@ -146,6 +147,13 @@ TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is
       {2, "499", 2, reset, "0-99 100-199 200-299 300-399 400-499 440-499 480-499 all", 380},
       {5, "399", 1, {.status = 403}, twice, 100},
       {5, "399", 1, {.status = 429}, twice, 100},
+      {5,
+       "399",
+       1,
+       {.status = 429, .headers = {{"Retry-After", "1"}}},
+       twice + " all",
+       400,
+       "cfsdcsd+"},
       {4, "399", 1, {.status = 503}, twice, 200},
       {2, "none", 0, {}, all_ranges, 300},
       {1, "none", 0, {}, all_ranges, 400}};
@@ -165,7 +173,7 @@ TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is
                                                           : slow;
     });
     const auto& run = download({});
-    EXPECT_EQ(run.story, "cfsd+") << run.error_text;
+    EXPECT_EQ(run.story, c.story) << run.error_text;
     EXPECT_EQ(asked(), c.ranges);
     EXPECT_GE(sent_before, c.sent_before);
     EXPECT_EQ(server->bytes_sent(), 500);
