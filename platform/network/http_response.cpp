@@ -74,6 +74,14 @@ const std::string* find_field(const HeaderFields& fields, std::string_view name)
   return found == fields.end() ? nullptr : &found->second;
 }
 
+std::optional<std::string> unknown_coding(const URLResponse& response) {
+  const auto* const coding = find_field(response.header_fields, "Transfer-Encoding");
+  if (!coding || equal_ignoring_case(*coding, "chunked") ||
+      equal_ignoring_case(*coding, "identity"))
+    return std::nullopt;
+  return *coding;
+}
+
 HeaderCollector::Line HeaderCollector::add(std::string_view line) {
   size_ += line.size();
   if (size_ > max_header_bytes)

@@ -26,6 +26,9 @@ struct URLResponse {
   std::string url{}; // after redirects
 };
 
+/// The transfer coding if it is other than "chunked".
+std::optional<std::string> unknown_coding(const URLResponse& response);
+
 /// Parses the header lines of consecutive responses and keeps the last one.
 class HeaderCollector {
 public:

@@ -23,10 +23,10 @@ int open_timer() {
 }
 
 void start_timer(int timer, std::chrono::milliseconds time) {
-  itimerspec spec{};
-  spec.it_value.tv_sec = static_cast<time_t>(time.count() / 1000);
-  spec.it_value.tv_nsec = static_cast<long>(time.count() % 1000 * 1'000'000);
-  timerfd_settime(timer, 0, &spec, nullptr);
+  itimerspec setting{};
+  setting.it_value.tv_sec = static_cast<time_t>(time.count() / 1000);
+  setting.it_value.tv_nsec = static_cast<long>(time.count() % 1000 * 1'000'000);
+  timerfd_settime(timer, 0, &setting, nullptr);
 }
 
 int open_address_monitor() {

@@ -33,15 +33,6 @@ bool has_line_break(const std::string& text) {
   return text.find_first_of("\r\n") != std::string::npos;
 }
 
-/// The transfer coding if it is other than "chunked".
-std::optional<std::string> unknown_coding(const URLResponse& response) {
-  const auto* const coding = find_field(response.header_fields, "Transfer-Encoding");
-  if (!coding || equal_ignoring_case(*coding, "chunked") ||
-      equal_ignoring_case(*coding, "identity"))
-    return std::nullopt;
-  return *coding;
-}
-
 } // namespace
 
 Transfer::Transfer(CURLM* multi, CURLSH* shared, std::shared_ptr<DataTask> task,
