@@ -1,5 +1,7 @@
 #include "platform/data.h"
 
+#include "platform/fatal.h"
+
 #include <algorithm>
 #include <new>
 #include <sys/mman.h>
@@ -31,7 +33,7 @@ void Block::Deleter::operator()(std::byte* memory) const {
     delete[] memory;
 }
 
-Data::Data(std::unique_ptr<Block> block) : block_(block.release()) {
+Data::Data(std::unique_ptr<Block> block) : block_(block.release()), size_(block_->size) {
   block_->references.store(1, std::memory_order_relaxed);
 }
 
@@ -42,9 +44,18 @@ Data Data::copy_of(std::string_view text) {
   return Data(std::move(block));
 }
 
-Data::Data(const Data& other) : block_(other.block_) {
+Data::Data(const Data& other) : block_(other.block_), begin_(other.begin_), size_(other.size_) {
   if (block_)
     block_->references.fetch_add(1, std::memory_order_relaxed);
+}
+
+Data Data::part(std::size_t begin, std::size_t size) const {
+  if (begin > this->size() || size > this->size() - begin)
+    fatal("a part of the bytes that is not within them");
+  Data piece(*this);
+  piece.begin_ += begin;
+  piece.size_ = size;
+  return piece;
 }
 
 Data::~Data() {

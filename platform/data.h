@@ -46,16 +46,22 @@ public:
   explicit Data(std::unique_ptr<Block> block);
   static Data copy_of(std::string_view text);
   Data(const Data& other);
-  Data(Data&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
+  Data(Data&& other) noexcept
+      : block_(std::exchange(other.block_, nullptr)), begin_(other.begin_), size_(other.size_) {}
   Data& operator=(Data other) noexcept {
     std::swap(block_, other.block_);
+    begin_ = other.begin_;
+    size_ = other.size_;
     return *this;
   }
   ~Data();
 
-  std::size_t size() const { return block_ ? block_->size : 0; }
+  /// `size` bytes from `begin`, which must be within the bytes. Shares the block.
+  Data part(std::size_t begin, std::size_t size) const;
+
+  std::size_t size() const { return block_ ? size_ : 0; }
   std::span<const std::byte> bytes() const {
-    return block_ ? std::span<const std::byte>(block_->bytes.get(), block_->size)
+    return block_ ? std::span<const std::byte>(block_->bytes.get() + begin_, size_)
                   : std::span<const std::byte>();
   }
   std::string_view text() const {
@@ -64,6 +70,8 @@ public:
 
 private:
   Block* block_ = nullptr;
+  std::size_t begin_ = 0;
+  std::size_t size_ = 0;
 };
 
 } // namespace ravelin::platform

@@ -59,6 +59,7 @@ void HeaderOpr::start_task(const URL& url) {
   auto task = ephemeral_session->data_task(std::move(request));
   task_err.reset();
   recieved_response = false;
+  started_at = std::chrono::steady_clock::now();
   task->resume();
   data_task = std::move(task);
 }
@@ -66,7 +67,7 @@ void HeaderOpr::start_task(const URL& url) {
 HeaderOpr::Result HeaderOpr::required_result() const {
   if (!ranges_accepted || !http_header || !server_side_date)
     platform::fatal("a response without a header");
-  return {*ranges_accepted, *http_header, content_len, *server_side_date};
+  return {*ranges_accepted, *http_header, content_len, *server_side_date, response_time};
 }
 
 void HeaderOpr::finish(std::optional<Error> error, std::optional<Result> result,
@@ -98,6 +99,7 @@ void HeaderOpr::urlSession(URLSession&, platform::DataTask& dataTask,
   if (recieved_response)
     return;
   recieved_response = true;
+  response_time = std::chrono::steady_clock::now() - started_at;
   if (!didReceive.is_http) {
     task_err = to_error(
         bramblekit::error_msg("Couldn't cast response to `HTTPURLResponse`.", "src/HeaderOpr",

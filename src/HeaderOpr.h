@@ -9,6 +9,7 @@
 #include "ravelin/response.h"
 #include "src/ResponseChecks.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -30,6 +31,7 @@ public:
     platform::HeaderFields header;
     std::optional<std::int64_t> content_length; // bytes
     std::string server_side_date;
+    std::chrono::steady_clock::duration response_time; // including that to connect
   };
   struct Status {
     struct success {
@@ -79,6 +81,8 @@ private:
   std::optional<bool> ranges_accepted;
   std::optional<std::int64_t> content_len; // bytes
   std::optional<std::string> server_side_date;
+  std::chrono::steady_clock::time_point started_at;
+  std::chrono::steady_clock::duration response_time{};
   std::optional<Error> task_err;
   bool recieved_response = false;
   std::shared_ptr<platform::DataTask> data_task MAIN_STATE;

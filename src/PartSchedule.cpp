@@ -39,10 +39,25 @@ std::optional<std::int64_t> PartSchedule::take_waiting() {
 void PartSchedule::has_started(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request) {
   auto& started = at(part);
   started.request = request;
+  started.started_at = Clock::now();
   started.is_open = true;
   started.received = 0;
   started.last_received = 0;
   started.slow_since.reset();
+}
+
+bool PartSchedule::is_faster_than_next(std::int64_t part, Clock::duration response_time,
+                                       Clock::time_point now) const {
+  const auto& next = at(part + 1);
+  return !next.is_open || now + (now - at(part).started_at) < next.started_at + response_time;
+}
+
+std::shared_ptr<PartialDataOpr> PartSchedule::take_over(std::int64_t part) {
+  std::erase(waiting_, part);
+  auto& taken = at(part);
+  taken.is_open = false;
+  taken.is_given_up = false;
+  return std::exchange(taken.request, {}).lock();
 }
 
 bool PartSchedule::has_ended(std::int64_t part) {

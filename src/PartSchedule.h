@@ -36,6 +36,16 @@ public:
   std::optional<std::int64_t> take_waiting();
 
   void has_started(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request);
+  /// Whether the part is still the request's, and not taken over or finished.
+  bool is_served_by(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request) const {
+    return at(part).request.lock() == request;
+  }
+  /// Whether the request that ends `part` now would end the next part, too, before a request of its
+  /// own is answered, which takes `response_time`.
+  bool is_faster_than_next(std::int64_t part, Clock::duration response_time,
+                           Clock::time_point now = Clock::now()) const;
+  /// The part needs no request of its own any more. Returns the one that it had, if any.
+  std::shared_ptr<PartialDataOpr> take_over(std::int64_t part);
   void has_received(std::int64_t part, std::int64_t bytes) { at(part).received += bytes; }
   /// Returns whether its request was cancelled for being slow.
   bool has_ended(std::int64_t part);
@@ -49,7 +59,8 @@ public:
 
 private:
   struct Part {
-    std::weak_ptr<PartialDataOpr> request; // while it has a connection
+    std::weak_ptr<PartialDataOpr> request; // the last one
+    Clock::time_point started_at;
     bool is_open = false;
     bool is_given_up = false;
     int replacements = 0;

@@ -134,6 +134,10 @@ public:
   void start_download(const URL& link, std::int64_t part_index, bool use_range,
                       HeldResponse held_response = nullptr) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;
+  void did_receive_whole(const platform::Data& data, const std::shared_ptr<PartialDataOpr>& request)
+      MAIN_ONLY;
+  bool go_on_with_next_part(const std::shared_ptr<PartialDataOpr>& request) MAIN_ONLY;
+  ResumeData::Part& record_of_part(std::int64_t index) const MAIN_ONLY;
   Progress advance_progress() MAIN_ONLY;
   void bg_after_receive_data(PartialDataOpr& request) BG_ONLY;
   bool requeue_part(const URL& link, std::int64_t part_index, const Error& error) MAIN_ONLY;
@@ -153,6 +157,7 @@ public:
   bool ranges_accepted MAIN_STATE = false;
   std::optional<std::int64_t> content_len MAIN_STATE; // bytes
   std::string server_side_date MAIN_STATE;
+  std::chrono::steady_clock::duration response_time MAIN_STATE{}; // of the header request
   ContentVersion probed_version MAIN_STATE;
   std::optional<Response> response MAIN_STATE;
   // Set by the background flow before it starts a request, which it does through the main thread.
@@ -161,6 +166,7 @@ public:
   std::int64_t unsaved_bytes MAIN_STATE = 0; // arrived since the last save was queued
   SpeedMeter speed_meter MAIN_STATE;
   PartSchedule parts MAIN_STATE;
+  std::int64_t reached_part MAIN_STATE = 0;      // by the response with the whole content
   std::optional<Error> holding_error MAIN_STATE; // the server's wish to wait before more requests
   std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry
   std::unique_ptr<DestinationLock> destination_lock; // belongs to the background flow while it runs

@@ -20,17 +20,12 @@ using platform::checked_add;
 using platform::checked_subtract;
 using platform::Semaphore;
 
-namespace {
-
-ResumeData::Part& required_part(const FileProcessor* file_proc, const ResumeData* record,
-                                std::int64_t index) {
-  if (!file_proc || !record || index < 0 ||
-      index >= static_cast<std::int64_t>(record->parts.size()))
+ResumeData::Part& RavelinOperation::Impl::record_of_part(std::int64_t index) const {
+  if (!file_proc || !file_proc->resume_data || index < 0 ||
+      index >= static_cast<std::int64_t>(file_proc->resume_data->parts.size()))
     platform::fatal("the resume record has no part " + std::to_string(index));
-  return *record->parts[static_cast<std::size_t>(index)];
+  return *file_proc->resume_data->parts[static_cast<std::size_t>(index)];
 }
-
-} // namespace
 
 void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
                                          HeldResponse held_response) {
@@ -40,11 +35,14 @@ void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
     start_download(link, 0, false, std::move(held_response));
     return;
   }
-  for (std::int64_t i = 0; i < split_count; ++i)
-    if (parts.may_open(partial_data_oprs.size()))
-      start_download(link, i, true);
-    else
-      parts.wait_for_connection(i);
+  std::int64_t first_to_request = 0;
+  if (held_response && record_of_part(0).curr_bytes == 0) {
+    start_download(link, 0, false, std::move(held_response));
+    first_to_request = 1;
+  }
+  held_response = nullptr; // closes its connection
+  for (auto i = first_to_request; i < split_count; ++i)
+    parts.wait_for_connection(i);
   start_waiting_parts(link);
 }
 
@@ -62,7 +60,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
   bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
   std::optional<PartialDataOpr::BytesRange> range;
   if (use_range) {
-    const auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
+    const auto& part = record_of_part(part_index);
     if (part.curr_bytes >= part.total_bytes_expected)
       return;
     const auto end = checked_add(part.begin_pos, part.total_bytes_expected);
@@ -78,8 +76,12 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
     data_opr_sema = std::make_shared<Semaphore>(0U);
   parts.has_started(part_index, request);
   using Event = PartialDataOpr::Status;
-  const auto handler = [this, keep = self(), link, part_index,
-                        request](const Event& event) MAIN_ONLY {
+  const bool is_whole_of_split = !use_range && file_proc->split_count;
+  if (is_whole_of_split)
+    reached_part = part_index;
+  const auto handler = [this, keep = self(), link, is_whole_of_split, request,
+                        part_index](const Event& event) MAIN_ONLY {
+    const auto part = is_whole_of_split ? reached_part : part_index;
     std::visit(match{
                    [&](const Event::started& started) MAIN_ONLY {
                      bramblekit::suppress_warns_for(started.content_length);
@@ -88,20 +90,26 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
                    },
                    [](const Event::connecting&) {},
                    [&](const Event::did_receive_data& received) MAIN_ONLY {
-                     did_receive_data(part_index, received.progress.data);
+                     if (is_whole_of_split)
+                       did_receive_whole(received.progress.data, request);
+                     else
+                       did_receive_data(part, received.progress.data);
                      replace_slow_part();
                    },
                    [&](const Event::bg_after_receive_data&) { bg_after_receive_data(*request); },
                    [&](const Event::error& failed) MAIN_ONLY {
-                     if (!requeue_part(link, part_index, failed.error))
+                     if (parts.is_served_by(part, request) &&
+                         !requeue_part(link, part, failed.error))
                        download_exception = failed.error;
-                     end_part(link, part_index, request);
+                     end_part(link, part, request);
                    },
-                   [&](const Event::success&) MAIN_ONLY { end_part(link, part_index, request); },
+                   [&](const Event::success&) MAIN_ONLY { end_part(link, part, request); },
                    [&](const Event::cancelled&) MAIN_ONLY {
-                     if (!parts.is_given_up(part_index) || opr.is_cancelled())
+                     const bool is_intended =
+                         parts.is_given_up(part) || !parts.is_served_by(part, request);
+                     if (!is_intended || opr.is_cancelled())
                        download_exception = to_error(Exception());
-                     end_part(link, part_index, request);
+                     end_part(link, part, request);
                    },
                },
                event.value);
@@ -110,7 +118,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
 }
 
 void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const platform::Data& data) {
-  auto& part = required_part(file_proc.get(), file_proc->resume_data.get(), part_index);
+  auto& part = record_of_part(part_index);
   file_proc->async_write_bytes(checked_add(part.begin_pos, part.curr_bytes), data);
   part.curr_bytes = checked_add(part.curr_bytes, static_cast<std::int64_t>(data.size()));
   parts.has_received(part_index, static_cast<std::int64_t>(data.size()));
@@ -123,6 +131,39 @@ void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const pla
   const auto progress = advance_progress();
   speed_meter.note(progress.received_bytes);
   report({State::downloading{progress}}, {Status::downloading{progress}});
+}
+
+/// The whole content comes in order and goes on with the next part if that is faster than waiting
+/// for the answer to its request, as it often is while the server is far away.
+void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
+                                               const std::shared_ptr<PartialDataOpr>& request) {
+  std::size_t done = 0;
+  while (done < data.size() && !opr.is_cancelled()) {
+    const auto& part = record_of_part(reached_part);
+    const auto room = checked_subtract(part.total_bytes_expected, part.curr_bytes);
+    const bool is_last = reached_part == split_count - 1;
+    const auto size =
+        is_last ? data.size() - done : std::min(data.size() - done, static_cast<std::size_t>(room));
+    did_receive_data(reached_part, data.part(done, size));
+    done += size;
+    if (!is_last && static_cast<std::int64_t>(size) == room && !go_on_with_next_part(request))
+      return;
+  }
+}
+
+bool RavelinOperation::Impl::go_on_with_next_part(const std::shared_ptr<PartialDataOpr>& request) {
+  const bool is_faster = record_of_part(reached_part + 1).curr_bytes == 0 &&
+                         parts.is_faster_than_next(reached_part, response_time);
+  parts.take_over(reached_part);
+  if (!is_faster) {
+    request->cancel();
+    return false;
+  }
+  ++reached_part;
+  if (const auto slower = parts.take_over(reached_part))
+    slower->cancel();
+  parts.has_started(reached_part, request);
+  return true;
 }
 
 Progress RavelinOperation::Impl::advance_progress() {
@@ -186,7 +227,8 @@ void RavelinOperation::Impl::replace_slow_part() {
 void RavelinOperation::Impl::end_part(const URL& link, std::int64_t part_index,
                                       const std::shared_ptr<PartialDataOpr>& request) {
   partial_data_oprs.erase(request);
-  if (parts.has_ended(part_index) && !download_exception && !opr.is_cancelled())
+  if (parts.is_served_by(part_index, request) && parts.has_ended(part_index) &&
+      !download_exception && !opr.is_cancelled())
     parts.wait_for_connection(part_index); // its request was slow
   if (!download_exception)
     start_waiting_parts(link);

@@ -27,6 +27,9 @@ namespace {
 constexpr auto save_check_interval = std::chrono::milliseconds(50);
 constexpr auto burst_check_interval = std::chrono::milliseconds(10);
 constexpr std::int64_t large_burst = 1024 * 1024; // bytes
+// Further requests to a server that is nearer are answered at once, and closing the connection in
+// the middle of the content would cost more than it gives.
+constexpr auto far_response_time = std::chrono::milliseconds(50);
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 
@@ -38,7 +41,7 @@ bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int6
 
 } // namespace
 
-/// Returns the response if the content is to be taken from it.
+/// Returns the response if the content may be taken from it.
 RavelinOperation::Impl::HeldResponse
 RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allowed) {
   std::optional<HeaderOpr::Status> result;
@@ -60,7 +63,8 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
     if (settings->options.reuse_header_response.value_or(false))
       header_opr->holds_response = [split_allowed,
                                     options = settings](const HeaderOpr::Result& header) {
-        return !can_split(split_allowed, header.ranges_accepted, header.content_length,
+        return header.response_time >= far_response_time ||
+               !can_split(split_allowed, header.ranges_accepted, header.content_length,
                           options->options);
       };
     // Last: if anything threw after it, the request would outlive the locals that it refers to.
@@ -73,6 +77,7 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
         if (success->result.content_length >= 0) // a negative length counts as unknown
           content_len = success->result.content_length;
         server_side_date = success->result.server_side_date;
+        response_time = success->result.response_time;
         response = make_response(request->response, success->result);
         held_response = std::move(request->held_response);
         probed_version = ContentVersion::of_whole(success->result.header);

@@ -1,5 +1,7 @@
 #include "tests/src/transfer_fixture.h"
 
+#include <regex>
+
 // Downloads that nothing but the server, the disk or the application disturbs.
 
 namespace test {
@@ -79,6 +81,36 @@ TEST_F(DownloadTest, takes_what_is_not_split_from_the_first_answer_if_told_to) {
     if (run.story.ends_with('+')) {
       EXPECT_EQ(dir.read("file.bin"), body);
     }
+    RavelinOperation::clear_files(file());
+  }
+}
+
+// From a server that is far away, several parts have come before the other requests are answered.
+// Those that were not needed may not even have been sent.
+TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
+  const Reply fast{.body = body, .header_delay = 300ms};
+  const Reply slow{.body = body, .header_delay = 60ms, .piece = 10, .piece_delay = 20ms};
+  const Reply cut{.body = body, .header_delay = 300ms, .cut_after = 150};
+  const Reply never{.header_delay = 10s};
+  const std::tuple<Reply, Reply, int, std::string> cases[] = {
+      {fast, never, 5, "(100-199 )?(200-299 )?(300-399 )?(400-499 )?all"},
+      {slow, Reply{.body = body}, 5, "100-199 200-299 300-399 400-499 all"},
+      {cut, Reply{.body = body, .header_delay = 1s}, 5,
+       "(100-199 )?150-199 200-299 300-399 400-499 all"},
+      {cut, Reply{.body = body}, 1, "150-199 200-299 300-399 400-499 all"},
+      {fast, never, 1, "all"}};
+  for (const auto& [first, others, connections, requests] : cases) {
+    SCOPED_TRACE(requests);
+    Options options;
+    options.retry = Retry{.max_attempts = 1};
+    options.max_connections = connections;
+    options.reuse_header_response = true;
+    serve([&](const Request& request) { return request.index == 0 ? first : others; });
+    const auto& run = download({.opr = std::make_shared<RavelinOperation>(options)});
+    EXPECT_EQ(run.story, "cfsd+") << run.error_text;
+    EXPECT_TRUE(std::regex_match(asked(), std::regex(requests))) << asked();
+    EXPECT_EQ(run.last<Status::downloading>()->progress.received_bytes, 500);
+    EXPECT_EQ(dir.read("file.bin"), body);
     RavelinOperation::clear_files(file());
   }
 }
