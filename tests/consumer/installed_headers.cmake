@@ -3,9 +3,11 @@ file(GLOB_RECURSE headers ${PREFIX}/include/ravelin/*.h ${PREFIX}/include/raveli
 list(LENGTH headers count)
 foreach(header ${headers})
   set(command ${CXX} -std=c++20 -x c++)
-  if(header MATCHES "integrations/(glib|qt|uv).h")
+  if(header MATCHES "integrations/(glib|glib_desktop|qt|qt_desktop|uv).h")
     set(package_glib glib-2.0)
+    set(package_glib_desktop gio-unix-2.0)
     set(package_qt Qt6Core)
+    set(package_qt_desktop Qt6DBus)
     set(package_uv libuv)
     execute_process(COMMAND pkg-config --cflags ${package_${CMAKE_MATCH_1}}
       OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE missing ERROR_QUIET)
