@@ -16,7 +16,8 @@ URL file_url(const QString& file) {
   return URL::file(QFile::encodeName(file).toStdString());
 }
 
-DownloadRow::DownloadRow(Entry entry, QWidget* parent) : QFrame(parent), entry_(std::move(entry)) {
+DownloadRow::DownloadRow(Entry entry, std::shared_ptr<RunningDownloads> running, QWidget* parent)
+    : QFrame(parent), entry_(std::move(entry)), running_(std::move(running)) {
   build();
   check_file();
 }
@@ -38,7 +39,7 @@ void DownloadRow::check_file() {
   if (complete_)
     show_text("Done, " + describe_size(QFileInfo(entry_.file).size()));
   else
-    show_text(state.is_unfinished ? "Paused" : "Not started");
+    show_text(state.is_unfinished ? describe_bytes(progress_) + ", paused" : "Not started");
 }
 
 void DownloadRow::start(const QString& link, OnConflict on_conflict) {
@@ -48,13 +49,14 @@ void DownloadRow::start(const QString& link, OnConflict on_conflict) {
   if (timer_ == 0)
     timer_ = startTimer(200); // milliseconds; there are far more events than that
   show_text("Connecting");
-  const auto callback = [row = QPointer(this), run = ++run_](const Status& status) {
+  auto callback = [row = QPointer(this), run = ++run_](const Status& status) {
     if (status.holds<Status::files_are_created>())
       return; // sent on a background thread, where widgets must not be used
     if (row && row->run_ == run)
       row->on_status(status);
   };
-  operation_->resume(URL(link.toStdString()), file_url(entry_.file), true, on_conflict, callback);
+  operation_->resume(URL(link.toStdString()), file_url(entry_.file), true, on_conflict,
+                     running_->watch(std::move(callback)));
   on_changed();
 }
 
@@ -69,14 +71,16 @@ void DownloadRow::on_status(const Status& status) {
       [](const Status::started&) {},
       [&](const Status::downloading& now) { progress_ = now.progress; },
       [&](const Status::cancelling&) { show_text("Stopping"); },
-      [&](const Status::cancelled&) { end_run("Paused"); },
-      [&](const Status::success&) { end_run({}); },
-      [&](const Status::error& e) { end_run(QString::fromStdString(e.custom_error.text())); },
+      [&](const Status::cancelled&) { end_run(End::paused); },
+      [&](const Status::success&) { end_run(End::complete); },
+      [&](const Status::error& e) {
+        end_run(End::failed, QString::fromStdString(e.custom_error.text()).simplified());
+      },
       [](const Status::files_are_created&) {},
   });
 }
 
-void DownloadRow::end_run(const QString& text) {
+void DownloadRow::end_run(End end, const QString& error) {
   killTimer(std::exchange(timer_, 0));
   operation_.reset();
   if (removing_) {
@@ -85,9 +89,10 @@ void DownloadRow::end_run(const QString& text) {
     return;
   }
   check_file();
-  if (!text.isEmpty() && !complete_)
-    show_text(text.simplified(), text != "Paused");
+  if (end == End::failed && !complete_)
+    show_text(error, true);
   on_changed();
+  on_ended(end, text_->text());
 }
 
 void DownloadRow::pause() {
@@ -116,9 +121,7 @@ void DownloadRow::toggle() {
 void DownloadRow::timerEvent(QTimerEvent*) {
   if (!operation_ || !operation_->state().holds<State::downloading>())
     return;
-  auto text = describe_size(progress_.received_bytes);
-  if (progress_.content_length)
-    text += " of " + describe_size(*progress_.content_length);
+  const auto text = describe_bytes(progress_);
   const auto speed = describe_speed(operation_->speed());
   show_text(speed.isEmpty() ? text : text + ", " + speed);
 }

@@ -2,8 +2,10 @@
 
 #include "download_row.h"
 
+#include <QEvent>
 #include <QGridLayout>
 #include <QLabel>
+#include <QPainter>
 #include <QProgressBar>
 #include <QStyle>
 #include <QToolButton>
@@ -19,10 +21,26 @@ QLabel* make_label(const char* name, QSizePolicy::Policy width) {
   return label;
 }
 
-QString bar_style(const char* colour) {
-  return QString("QProgressBar { border: 0; border-radius: 4px; background: #e3e6ea; }"
-                 "QProgressBar::chunk { border-radius: 4px; background: %1; }")
-      .arg(colour);
+// What the palette has no colours for.
+struct Colours {
+  QColor text, error;                                            // of the words
+  const char *empty, *paused, *running, *complete, *failed_part; // of the bar
+};
+Colours colours_for(const QPalette& palette) {
+  const bool is_dark = palette.color(QPalette::Base).lightness() < 128;
+  return is_dark
+             ? Colours{0xA9AFB7, 0xFF8F85, "#43484f", "#78818b", "#4c97e0", "#4bab70", "#cf5a52"}
+             : Colours{0x60656C, 0xB02020, "#e3e6ea", "#9aa3ad", "#2f7fd1", "#3c9a5f", "#c04040"};
+}
+
+// The style's media icons are black shapes, which a dark window hides.
+QIcon in_colour(const QIcon& shape, const QColor& colour, const QToolButton& button) {
+  auto picture = shape.pixmap(button.iconSize(), button.devicePixelRatioF());
+  QPainter painter(&picture);
+  painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+  painter.fillRect(picture.rect(), colour);
+  painter.end();
+  return picture;
 }
 
 } // namespace
@@ -71,33 +89,49 @@ void DownloadRow::show_text(const QString& text, bool is_error) {
   name_->setToolTip(entry_.link);
   text_->setText(text);
   text_->setToolTip(text);
-  auto colours = palette();
-  colours.setColor(QPalette::WindowText,
-                   is_error ? QColor(0xB0, 0x20, 0x20) : QColor(0x60, 0x65, 0x6C));
-  text_->setPalette(colours);
-  percent_->setPalette(colours);
-  show_bar(is_error);
+  is_error_ = is_error;
+  show_colours();
+}
+
+void DownloadRow::changeEvent(QEvent* event) {
+  QFrame::changeEvent(event);
+  if (event->type() == QEvent::PaletteChange)
+    show_colours();
+}
+
+void DownloadRow::show_colours() {
+  auto words = palette();
+  const auto colours = colours_for(words);
+  words.setColor(QPalette::WindowText, is_error_ ? colours.error : colours.text);
+  text_->setPalette(words);
+  percent_->setPalette(words);
+  show_bar();
   show_toggle();
 }
 
-void DownloadRow::show_bar(bool is_error) {
+void DownloadRow::show_bar() {
   const auto value = complete_ ? 1.0F : progress_.prog_value;
   const bool is_busy_bar = !value && is_running(); // the length is not known
   bar_->setRange(0, is_busy_bar ? 0 : 1000);
   bar_->setValue(static_cast<int>(1000 * value.value_or(0)));
   percent_->setText(value ? QString("%1 %").arg(static_cast<int>(100 * *value)) : QString());
-  const auto* const colour = complete_      ? "#3c9a5f"
-                             : is_error     ? "#c04040"
-                             : is_running() ? "#2f7fd1"
-                                            : "#9aa3ad";
-  if (colour_ != colour)
-    bar_->setStyleSheet(bar_style(colour));
-  colour_ = colour;
+  const auto colours = colours_for(palette());
+  const auto* const received = complete_      ? colours.complete
+                               : is_error_    ? colours.failed_part
+                               : is_running() ? colours.running
+                                              : colours.paused;
+  const auto style = QString("QProgressBar { border: 0; border-radius: 4px; background: %1; }"
+                             "QProgressBar::chunk { border-radius: 4px; background: %2; }")
+                         .arg(colours.empty, received);
+  if (bar_style_ != style) // setting it is slow
+    bar_->setStyleSheet(style);
+  bar_style_ = style;
 }
 
 void DownloadRow::show_toggle() {
   const auto icon = is_running() ? QStyle::SP_MediaPause : QStyle::SP_MediaPlay;
-  toggle_->setIcon(style()->standardIcon(icon));
+  toggle_->setIcon(
+      in_colour(style()->standardIcon(icon), palette().color(QPalette::Text), *toggle_));
   toggle_->setToolTip(is_running() ? "Pause" : "Resume");
   toggle_->setVisible(!complete_);
 }

@@ -1,6 +1,7 @@
 #include "download_window.h"
 
 #include "download_row.h"
+#include "notification.h"
 #include "questions.h"
 
 #include <ravelin/ravelin_operation.h>
@@ -8,13 +9,64 @@
 
 #include <QCloseEvent>
 #include <QDir>
+#include <QDropEvent>
 #include <QFile>
 #include <QFileDialog>
 #include <QLineEdit>
+#include <QMimeData>
+#include <QRegularExpression>
 #include <QUrl>
 #include <algorithm>
+#include <utility>
 
 using namespace ravelin;
+
+namespace {
+
+QStringList links_in(const QString& text) {
+  static const QRegularExpression link("https?://\\S+", QRegularExpression::CaseInsensitiveOption);
+  QStringList result;
+  for (auto found = link.globalMatch(text); found.hasNext();)
+    result += found.next().captured();
+  return result;
+}
+
+/// A browser names the link of a dragged picture or page here, and in the text perhaps its title.
+QString dragged_text(const QMimeData& data) {
+  QString links;
+  for (const auto& url : data.urls())
+    links += QString::fromUtf8(url.toEncoded()) + "\n";
+  return links.isEmpty() ? data.text() : links;
+}
+
+} // namespace
+
+void DownloadWindow::add_typed() {
+  const auto text = link_->text();
+  if (links_in(text).size() > 1)
+    add_all(text);
+  else
+    add(text); // with or without http://
+}
+
+void DownloadWindow::add_all(const QString& text) {
+  const auto links = links_in(text);
+  if (links.isEmpty())
+    show_notice("There is no http or https link in it.");
+  for (const auto& link : links)
+    add(link);
+}
+
+void DownloadWindow::dragEnterEvent(QDragEnterEvent* event) {
+  if (!links_in(dragged_text(*event->mimeData())).isEmpty())
+    event->acceptProposedAction();
+}
+
+void DownloadWindow::dropEvent(QDropEvent* event) {
+  event->setDropAction(Qt::CopyAction); // a move would delete the text where it came from
+  event->accept();
+  add_all(dragged_text(*event->mimeData()));
+}
 
 void DownloadWindow::add(const QString& link) {
   const auto url = QUrl::fromUserInput(link.trimmed());
@@ -107,6 +159,24 @@ void DownloadWindow::on_changed() {
   save();
   if (closing_ && !is_any_running())
     close();
+}
+
+void DownloadWindow::on_ended(const DownloadRow& row, bool has_failed, const QString& text) {
+  ++(has_failed ? failed_count_ : complete_count_);
+  last_name_ = row.name();
+  last_text_ = text;
+}
+
+void DownloadWindow::tell_end() {
+  const int complete = std::exchange(complete_count_, 0);
+  const int failed = std::exchange(failed_count_, 0);
+  if (complete + failed == 0 || isActiveWindow())
+    return;
+  if (complete + failed == 1)
+    show_notification(last_name_, last_text_);
+  else
+    show_notification("Downloads have ended",
+                      QString("%1 complete, %2 failed").arg(complete).arg(failed));
 }
 
 void DownloadWindow::save() const {

@@ -5,21 +5,31 @@
 
 #include <ravelin/ravelin_operation.h>
 
+#include <QClipboard>
 #include <QDir>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScrollArea>
+#include <QShortcut>
 #include <QSpinBox>
 #include <QStyle>
 #include <QToolButton>
 #include <QVBoxLayout>
 
 DownloadWindow::DownloadWindow(const QString& settings_file)
-    : settings_file_(settings_file), state_(SavedState::load(settings_file)) {
+    : settings_file_(settings_file), state_(SavedState::load(settings_file)),
+      running_(std::make_shared<ravelin::RunningDownloads>()),
+      launcher_(running_, QGuiApplication::desktopFileName().toStdString()),
+      sleep_inhibitor_(running_, "Downloads", "Files are being downloaded") {
   setWindowTitle("Downloads");
   resize(640, 520);
+  setAcceptDrops(true);
+  auto* const paste = new QShortcut(QKeySequence::Paste, this); // unless the entry has the focus
+  connect(paste, &QShortcut::activated, this,
+          [this] { add_all(QGuiApplication::clipboard()->text()); });
   auto* const lines = new QVBoxLayout(this);
   lines->addWidget(build_entry_line());
   lines->addWidget(build_settings_line());
@@ -38,12 +48,13 @@ DownloadWindow::DownloadWindow(const QString& settings_file)
 QWidget* DownloadWindow::build_entry_line() {
   link_ = new QLineEdit;
   link_->setObjectName("link");
-  link_->setPlaceholderText("Paste a link");
+  link_->setPlaceholderText("Paste or drop links");
   link_->setClearButtonEnabled(true);
+  link_->setAcceptDrops(false); // so that the window gets them
   auto* const button = new QPushButton("Download");
   button->setObjectName("add");
-  connect(button, &QPushButton::clicked, this, [this] { add(link_->text()); });
-  connect(link_, &QLineEdit::returnPressed, this, [this] { add(link_->text()); });
+  connect(button, &QPushButton::clicked, this, [this] { add_typed(); });
+  connect(link_, &QLineEdit::returnPressed, this, [this] { add_typed(); });
   auto* const widget = new QWidget;
   auto* const line = new QHBoxLayout(widget);
   line->setContentsMargins({});
@@ -92,8 +103,14 @@ QWidget* DownloadWindow::build_list() {
 }
 
 DownloadRow* DownloadWindow::append(const Entry& entry) {
-  auto* const row = new DownloadRow(entry, this);
+  auto* const row = new DownloadRow(entry, running_, this);
   row->on_changed = [this] { on_changed(); };
+  row->on_ended = [this, row](DownloadRow::End end, const QString& text) {
+    if (end != DownloadRow::End::paused)
+      on_ended(*row, end == DownloadRow::End::failed, text);
+    if (!is_any_running())
+      tell_end();
+  };
   row->on_remove_clicked = [this, row] { ask_to_remove(row); };
   row->on_removed = [this, row] { delete_row(row); };
   rows_.push_back(row);

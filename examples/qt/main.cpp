@@ -6,12 +6,15 @@
 #include <ravelin/options.h>
 
 #include <QApplication>
+#include <QIcon>
 #include <QStandardPaths>
 
 int main(int argc, char** argv) {
   QApplication application(argc, argv);
   QApplication::setApplicationName("download_window");
   QApplication::setApplicationDisplayName("Downloads");
+  QApplication::setDesktopFileName("invalid.ravelin.downloads"); // as in desktop/
+  QApplication::setWindowIcon(QIcon::fromTheme(QApplication::desktopFileName()));
   const ravelin::QtAdapter adapter; // runs the library in Qt's event loop
 
   ravelin::set_default_options(ravelin::Options::careful());

@@ -21,6 +21,7 @@ public:
         setenv("DISPLAY", (":" + found.str(2)).c_str(), 1);
         setenv("QT_QPA_PLATFORM", "xcb", 1);
         setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/dev/null", 1);
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/dev/null", 1);
         setenv("XDG_RUNTIME_DIR", dir_.path().c_str(), 1);
         return;
       }

@@ -6,6 +6,15 @@ QString describe_size(std::int64_t bytes) {
   return QLocale::c().formattedDataSize(bytes, 1);
 }
 
+QString describe_bytes(const ravelin::Progress& progress) {
+  const auto received = describe_size(progress.received_bytes);
+  if (!progress.content_length)
+    return received;
+  const auto length = describe_size(*progress.content_length);
+  const bool is_same_unit = received.section(' ', 1) == length.section(' ', 1);
+  return (is_same_unit ? received.section(' ', 0, 0) : received) + " of " + length;
+}
+
 QString describe_speed(const ravelin::RavelinOperation::Speed& speed) {
   if (speed.bytes_per_second < 1)
     return {};

@@ -1,4 +1,4 @@
-// Takes a picture of the window with some downloads: window_picture FILE
+// Takes a picture of the window with some downloads: window_picture FILE [dark]
 
 #include "download_window.h"
 #include "screen.h"
@@ -9,6 +9,7 @@
 
 #include <QApplication>
 #include <QFrame>
+#include <QPalette>
 #include <QPixmap>
 #include <QTest>
 #include <QToolButton>
@@ -16,14 +17,24 @@
 #include <filesystem>
 #include <fstream>
 
+QPalette dark_palette() {
+  QPalette palette(QColor(0x31363B), QColor(0x2B2F33)); // buttons, windows
+  palette.setColor(QPalette::Base, QColor(0x1D2023));
+  palette.setColor(QPalette::PlaceholderText, QColor(0x8C939A));
+  return palette;
+}
+
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: window_picture FILE\n");
+  const bool is_dark = argc == 3 && argv[2] == std::string("dark");
+  if (argc != 2 && !is_dark) {
+    std::fprintf(stderr, "usage: window_picture FILE [dark]\n");
     return 2;
   }
   const Screen screen;
   setenv("QT_SCALE_FACTOR", "2", 1);
   const QApplication application(argc, argv);
+  if (is_dark)
+    QApplication::setPalette(dark_palette());
   const ravelin::QtAdapter adapter;
   ravelin::set_default_options(ravelin::Options::careful());
 

@@ -49,21 +49,21 @@ struct Window : testing::Test {
 TEST_F(Window, runs_pauses_and_continues_its_downloads_and_finds_them_again) {
   part("limit")->setProperty("value", 1);
   add("/a");
-  await(0, "439.5 KiB of 976.6 KiB");
+  await(0, "439.5 of 976.6 KiB");
   add("/b");
   await(1, "Waiting");
   click(part("toggle"));
-  await(1, "439.5 KiB of 976.6 KiB");
+  await(1, "439.5 of 976.6 KiB");
   window->close();
-  await(1, "Paused");
+  await(1, "439.5 of 976.6 KiB, paused");
   EXPECT_FALSE(window->isVisible());
   window.emplace(settings).show();
-  EXPECT_EQ(words(0) + words(1), "PausedPaused");
+  EXPECT_EQ(words(0) + words(1), "439.5 of 976.6 KiB, paused439.5 of 976.6 KiB, paused");
   EXPECT_EQ(part("bar")->property("value"), 450);
   click(part("toggle"));
-  await(0, "878.9 KiB of 976.6 KiB");
+  await(0, "878.9 of 976.6 KiB");
   click(part("toggle"));
-  await(0, "Paused");
+  await(0, "878.9 of 976.6 KiB, paused");
   click(part("toggle"));
   await(0, "Done");
   EXPECT_TRUE(files.read("a") == body);
@@ -83,6 +83,31 @@ TEST_F(Window, asks_what_to_do_about_a_file_that_is_there) {
     await(row + 1, "no row");
   }
   EXPECT_TRUE(files.read("c") == body && files.read("c (1)") == body);
+}
+
+TEST_F(Window, takes_links_that_are_dropped_or_pasted_on_it) {
+  const auto link = [&](const char* name) { return QString(server.url(name).c_str()); };
+  QMimeData files_only, browser;
+  files_only.setUrls({QUrl("file:///a")});
+  browser.setText("Title of the page");
+  browser.setUrls({QUrl(link("/a")), QUrl("file:///a")});
+  for (auto* const data : {&files_only, &browser}) {
+    QDragEnterEvent enter({5, 5}, Qt::MoveAction, data, Qt::LeftButton, Qt::NoModifier);
+    enter.ignore();
+    QApplication::sendEvent(&*window, &enter);
+    EXPECT_EQ(enter.isAccepted(), data == &browser);
+  }
+  QDropEvent drop({5, 5}, Qt::CopyAction | Qt::MoveAction, &browser, Qt::LeftButton,
+                  Qt::NoModifier);
+  static_cast<QObject&>(*window).event(&drop); // the application would want a real drag
+  EXPECT_EQ(drop.dropAction(), Qt::CopyAction);
+  await(0, "439.5 of 976.6 KiB");
+  QApplication::clipboard()->setText("both " + link("/b") + "\nand " + link("/d"));
+  QApplication::setActiveWindow(&*window);
+  window->setFocus();
+  QTest::keySequence(&*window, QKeySequence::Paste);
+  await(2, "439.5 of 976.6 KiB");
+  await(3, "no row");
 }
 
 int main(int argc, char** argv) {
