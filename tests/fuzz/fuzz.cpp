@@ -1,3 +1,4 @@
+#include "app/naming.h"
 #include "app/options.h"
 #include "platform/network/http_date.h"
 #include "ravelin/response.h"
