@@ -67,7 +67,9 @@ int many_kills(long wanted, unsigned seed) {
       return false;
     std::mt19937 random(1000 * seed + static_cast<unsigned>(number));
     const int killed = source.download(1 + random() % 4, 0, 900, random);
-    kills += std::max(killed, 0), corrupt += killed < 0, ++downloads;
+    kills += std::max(killed, 0), corrupt += killed < 0;
+    if (++downloads % 100 == 0)
+      std::printf("  %ld kills\n", kills.load());
     return true;
   });
   const double cost = source.sent() / static_cast<double>(std::max(downloads.load(), 1L));
