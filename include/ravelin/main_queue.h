@@ -11,7 +11,8 @@ namespace ravelin {
 /// There are two ways to run the queue: call `run()`, or, in an event loop of your own, call
 /// `drain()` whenever `descriptor()` is readable.
 ///
-/// Threads: see each function. Ownership: one per process, never destroyed.
+/// Threads: see each function; one for the main thread ends the process if called on another.
+/// Ownership: one per process, never destroyed.
 class [[gnu::visibility("default")]] MainQueue {
 public:
   MainQueue() = delete;
@@ -27,8 +28,9 @@ public:
 
   /// Runs queued work, and sleeps while there is none, until `stop()` is called. Main thread.
   static void run();
-  /// Makes `run()` return after the current task. If `run()` is not active, the next call returns
-  /// at once. Any thread; may be called in a task.
+  /// Makes `run()` return. Tasks that are queued already may run before it does; later ones stay
+  /// queued. If `run()` is not active, the next call returns like that, without sleeping. Any
+  /// thread; may be called in a task.
   static void stop();
 
   /// Runs the tasks that are queued now, without waiting, and returns their number. Tasks queued

@@ -15,13 +15,14 @@ namespace ravelin {
 /// How a download retries after errors that may be temporary.
 struct Retry {
   /// Maximum retries after a lost connection, a timeout or, with `reject_http_errors`, a busy
-  /// server (408, 429 and 5xx). The count is reset on progress. 0 turns retries off.
+  /// server (408, 429 and 5xx); once bytes have arrived, also after other errors that may pass,
+  /// such as a host that is not found. The count is reset on progress. 0 turns retries off.
   int max_attempts = 0;
   /// Once bytes have arrived, how long to keep retrying beyond `max_attempts` while the server is
   /// silent or unreachable, or there is no network. Retries at once when a network comes up.
   std::chrono::milliseconds patience{0};
-  /// How often a range is requested again without ending the run, if its connection is lost after
-  /// bytes have arrived or is below a quarter of the median speed for ten seconds.
+  /// How often a range is requested again without ending the run, if its connection is lost while
+  /// the download makes progress, or is below a quarter of the median speed for ten seconds.
   int max_range_restarts = 2;
 };
 
@@ -42,14 +43,15 @@ struct [[gnu::visibility("default")]] Options {
   std::optional<std::string> proxy;
   /// A file of PEM certificates to trust instead of the system's.
   std::optional<std::string> ca_bundle;
-  /// Names and values of header fields to send with every request.
+  /// Names and values of header fields to send with every request. Redirects take them along only
+  /// within the origin of the link.
   std::vector<std::pair<std::string, std::string>> headers;
   /// Unset: the library's name and version.
   std::optional<std::string> user_agent;
   /// Maximum bytes per second, above 0. In the options of an operation it limits that download; in
   /// the default options, all downloads together. Both may be set.
   std::optional<std::int64_t> rate_limit;
-  /// How long to wait for a server that sends nothing, above 0. Unset: 60 seconds.
+  /// How long to wait for a server that sends nothing, above 0, at most a day. Unset: 60 seconds.
   std::optional<std::chrono::milliseconds> idle_timeout;
 
   // Safeguards. Unset: off. `careful()` turns all of them on.
@@ -98,9 +100,11 @@ struct [[gnu::visibility("default")]] Options {
   /// first part that another request brings sooner. Unset: off.
   std::optional<bool> reuse_header_response;
 
-  /// Called on the main thread before a run waits to retry. It may cancel the operation.
+  /// Called on the main thread before a run waits to retry. It may cancel the operation, and must
+  /// not throw.
   std::function<void(const RetryNotice& notice)> on_retry;
-  /// Called on the main thread with lines for a log, such as why a part is requested again.
+  /// Called on the main thread with lines for a log, such as why a part is requested again. Must
+  /// not throw.
   std::function<void(const std::string& line)> log;
 
   /// Options with all safeguards on and nothing else set.

@@ -11,7 +11,7 @@
  *
  * Errors are reported by the final event of a run. No function throws; if memory runs out, the
  * process is terminated. Texts are UTF-8 and paths are bytes. A null text means an empty one unless
- * the function says otherwise.
+ * the function says otherwise. Handles must not be null, except those of the `free` functions.
  */
 
 #include <stdbool.h>
@@ -37,8 +37,8 @@ void ravelin_main_queue_async(void (*task)(void* user), void* user);
 /** Runs queued work, and sleeps while there is none, until `ravelin_main_queue_stop()` is called.
  * Main thread. */
 void ravelin_main_queue_run(void);
-/** Makes `ravelin_main_queue_run()` return after the current task. If it is not active, the next
- * call returns at once. Any thread. */
+/** Makes `ravelin_main_queue_run()` return. Tasks that are queued already may run before it does;
+ * later ones stay queued. If it is not active, the next call returns like that. Any thread. */
 void ravelin_main_queue_stop(void);
 /** A descriptor for event loops; readable while tasks are queued and `ravelin_main_queue_run()` is
  * not active; -1 if there is none left. Do not read, write or close it. Any thread. */
@@ -124,7 +124,7 @@ typedef void (*ravelin_callback)(void* user, const ravelin_event* event);
 /** A download of one link to one file, which can be stopped and resumed. */
 typedef struct ravelin_operation ravelin_operation;
 
-/** Creates an operation. Release it with `ravelin_operation_free()`. Any thread. */
+/** Creates an operation. Release it with `ravelin_operation_free()`. Any thread, waits. */
 ravelin_operation* ravelin_operation_new(void);
 /** Releases the handle. The current run continues and still calls its callback; to stop it, cancel
  * it first. Null is ignored. Any thread. */
@@ -140,7 +140,8 @@ void ravelin_operation_resume(ravelin_operation* operation, const char* link, co
 /** Asks the run to stop and keeps its files. The final event follows later. If the operation is
  * idle, its next run is stopped instead. Any thread, waits. */
 void ravelin_operation_cancel(ravelin_operation* operation);
-/** Like `ravelin_operation_cancel()`, and deletes the files at the end. Any thread, waits. */
+/** Like `ravelin_operation_cancel()`, and deletes the files at the end; `also_cleared_files` of the
+ * event tells whether it did. Any thread, waits. */
 void ravelin_operation_cancel_and_clear_files(ravelin_operation* operation);
 /** Returns the state of the operation. Fills `progress` unless it is null: with 0 bytes, except
  * while downloading and after a cancelled run. Any thread, waits. */
@@ -160,8 +161,8 @@ void ravelin_set_max_simultaneous_download_count(int64_t count);
 /** The progress of a destination according to its resume record. Needs no operation; reads one
  * small file on the calling thread. Any thread. */
 ravelin_progress ravelin_get_progress(const char* dest_file);
-/** Deletes a destination and its resume record. Errors are ignored. Do not use it while the
- * destination is being downloaded. Any thread. */
+/** Deletes a destination and its resume record, unless another unfinished file needs that. Errors
+ * are ignored. Do not use it while the destination is being downloaded. Any thread. */
 void ravelin_clear_files(const char* dest_file);
 
 /* ---- Options ----

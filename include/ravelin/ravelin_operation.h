@@ -96,7 +96,7 @@ public:
     bool can_continue = false;       ///< the next run keeps what has been downloaded
     bool is_in_use = false;          ///< a download with `check_destination` is in progress
     Progress progress;               ///< according to the record
-    Origin origin = Origin::unknown; ///< compared with the given link; pointless without one
+    Origin origin = Origin::unknown; ///< without a link: `other_link` if one is noted
     URL resume_file;                 ///< the path of the record, whether it exists or not
     std::string record_owner;        ///< another unfinished file that uses the record, or empty
   };
@@ -113,12 +113,15 @@ public:
   /// the final `Status::cancelled` later. May be repeated. If the operation is idle, its next run
   /// is stopped before it sends a request.
   void cancel() override;
-  /// Like `cancel()`, and deletes the files at the end.
+  /// Like `cancel()`, and deletes the files at the end; `Status::cancelled` tells whether it did.
+  /// Nothing is deleted if the operation is idle or, with `check_destination`, if the files belong
+  /// to another download.
   void cancel_and_clear_files();
   /// Cancels all operations that are running or waiting.
   static void cancel_all(bool also_clear_files);
-  /// Deletes a destination and its resume record on the calling thread. Errors are ignored. Do not
-  /// use it while the destination is being downloaded.
+  /// Deletes a destination and its resume record on the calling thread. The record stays if the
+  /// file cannot be deleted or if another unfinished file needs it. Errors are ignored. Do not use
+  /// it while the destination is being downloaded.
   static void clear_files(const URL& dest_file);
 
   class Impl; ///< internal

@@ -39,7 +39,7 @@ struct [[gnu::visibility("default")]] Response {
 /// set.
 ///
 /// Threads: any; the answer is called on the main thread.
-/// Ownership: the application's; it may be destroyed while a request is in progress.
+/// Ownership: the application's; if it is destroyed while a request is in progress, that goes on.
 class [[gnu::visibility("default")]] HeaderRequest {
 public:
   /// Options that are not set are taken from the default options of the process.

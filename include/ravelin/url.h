@@ -24,7 +24,7 @@ public:
   bool is_file() const {
     return is_file_;
   }
-  /// The path of a file URL, or the decoded path of a "file:" link; otherwise empty.
+  /// The path of a file URL, or the decoded path of a "file://" link; otherwise empty.
   std::filesystem::path path() const;
   /// The link as given; for a file URL, "file://" and the percent-encoded absolute path.
   std::string text() const;
