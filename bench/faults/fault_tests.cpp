@@ -191,6 +191,8 @@ TEST_F(FaultyDisk, loses_what_was_not_flushed_when_the_power_fails) {
     }
     SCOPED_TRACE(story);
     completes(files);
+    if (seed % 250 == 249)
+      std::printf("  %d power cuts so far\n", faults.load()), std::fflush(stdout);
     return seed + 1 < seeds;
   });
   std::printf("%d power cuts\n", faults.load());

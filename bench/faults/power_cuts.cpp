@@ -168,12 +168,11 @@ public:
       if (ran.status != 0)
         throw std::runtime_error(std::string(one_.name) + ": " + ran.err);
     });
+    const auto flushes = std::ranges::count_if(log, &std::string::empty, &Write::bytes);
     long cuts = 0, in_recoveries = 0;
     const auto print = [&] {
       std::printf("  %-5s %-22s %td flushes, %ld cuts, %ld in recoveries, %ld wrong\n",
-                  system_.c_str(), one_.name,
-                  std::ranges::count_if(log, &std::string::empty, &Write::bytes), cuts,
-                  in_recoveries, wrong_);
+                  system_.c_str(), one_.name, flushes, cuts, in_recoveries, wrong_);
     };
     cut(dir, "disk.img", log, points, [&](const std::string& where) {
       const auto recovery =
@@ -183,7 +182,7 @@ public:
         check(dir, where + ", then " + again + " of the recovery", server_.url());
         ++in_recoveries;
       });
-      if (++cuts % 50 == 0)
+      if (++cuts % 50 == 0 && cuts != points)
         print();
     });
     print();
