@@ -94,8 +94,9 @@ typedef enum ravelin_error_kind {
 typedef struct ravelin_progress {
   int64_t received_bytes; /**< written to disk or queued for writing */
   int64_t content_length; /**< bytes; -1 if not known */
-  double fraction;        /**< 0.0 to 1.0; -1.0 if the length is not known */
-  bool is_at_snap_point;  /**< true about once per snap interval, to limit updates */
+  double fraction; /**< 0.0 to 1.0, or above if the server sends more than it was asked for and
+                        nothing refuses that; -1.0 if the length is not known */
+  bool is_at_snap_point; /**< true about once per snap interval, to limit updates */
 } ravelin_progress;
 
 /** One event. It and its texts are valid until the callback returns. Fields that a status does not

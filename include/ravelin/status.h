@@ -39,8 +39,10 @@ struct Progress {
         is_at_snap_point(at_snap_point) {}
 
   std::optional<std::int64_t> content_length; ///< bytes; none if the server did not send it
-  std::optional<float> prog_value;            ///< 0.0 to 1.0; none if the length is not known
-  std::int64_t received_bytes;                ///< written to disk or queued for writing
+  /// 0.0 to 1.0, or above if the server sends more than it was asked for and nothing refuses that;
+  /// none if the length is not known.
+  std::optional<float> prog_value;
+  std::int64_t received_bytes; ///< written to disk or queued for writing
   /// True about once per `progress_snap_interval`, for applications that want few updates.
   bool is_at_snap_point;
 
