@@ -29,6 +29,8 @@ std::string describe_reason(const CustomError& error) {
   }
   if (loading && loading->refusal == URLLoadingError::Refusal::changed_content)
     text += "; use --on-conflict replace to download it again";
+  if (loading && loading->refusal == URLLoadingError::Refusal::unknown_content)
+    text += "; use --same-file to check that and continue, or choose another file";
   if (other && (other->error.code() == std::errc::no_space_on_device ||
                 other->error.code() == std::errc::file_too_large))
     text += "; free up space, then run the same command to resume";

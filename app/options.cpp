@@ -33,6 +33,7 @@ struct RawOptions {
   std::string sha256;
   std::string sha256_from;
   std::string on_change = "restart";
+  bool same_file = false;
   std::string proxy, ca_file, user_agent, output, directory, input;
   double timeout = 0;
   double events_interval = 0;
@@ -100,6 +101,9 @@ void add_file_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
                  "(default) or fail")
       ->type_name("ACTION")
       ->check(CLI::IsMember({"restart", "fail"}).description(""));
+  get.add_flag("--same-file", raw.same_file,
+               "Continue an unfinished file from another link if the ends of what is there are the "
+               "same");
   get.add_option("-j,--max-downloads", options.max_downloads,
                  "Maximum number of files to download at once (default 5)")
       ->type_name("N")
@@ -240,6 +244,7 @@ void apply(const RawOptions& raw, GetOptions& options) {
   auto& values = options.download;
   values = Options::careful();
   values.reuse_header_response = true;
+  values.compare_new_link = raw.same_file;
   values.max_connections = raw.connections;
   values.min_split_size = parse_size(raw.min_split_size);
   if (!values.min_split_size)

@@ -15,6 +15,7 @@ complete -c ravelin $get -s J -l remote-header-name -d 'Ask the server for the f
 complete -c ravelin $get -s i -l input-file -r -F -d 'Read links from a file'
 complete -c ravelin $get -s c -l on-conflict -x -a 'resume replace keep_both stop' -d 'What to do if the file exists'
 complete -c ravelin $get -l on-change -x -a 'restart fail' -d 'What to do if the content has changed'
+complete -c ravelin $get -l same-file -d 'Continue from another link if what is there is the same'
 complete -c ravelin $get -s R -l remote-time -d 'Set the time that the server tells'
 complete -c ravelin $get -l xattr -d 'Note the link in the extended attributes'
 complete -c ravelin $get -l sha256-from -r -F -d 'Look up the checksums in this list'

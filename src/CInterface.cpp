@@ -365,6 +365,9 @@ void ravelin_options_set_report_write_errors(ravelin_options* options, bool on) 
 void ravelin_options_set_check_destination(ravelin_options* options, bool on) {
   options->options.check_destination = on;
 }
+void ravelin_options_set_compare_new_link(ravelin_options* options, bool on) {
+  options->options.compare_new_link = on;
+}
 
 void ravelin_operation_set_options(ravelin_operation* operation, const ravelin_options* options) {
   no_throw([&] { operation->operation->set_options(options->options); });

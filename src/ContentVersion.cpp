@@ -1,6 +1,7 @@
 #include "src/ContentVersion.h"
 
 #include "bramblekit/collections.h"
+#include "platform/network/http_date.h"
 #include "src/HeaderValues.h"
 
 namespace ravelin {
@@ -40,6 +41,18 @@ std::optional<std::string> describe_difference(const ContentVersion& first,
   if (first.last_modified && later.last_modified && first.last_modified != later.last_modified)
     return "its Last-Modified was " + *first.last_modified + " and is now " + *later.last_modified;
   return std::nullopt;
+}
+
+bool is_shown_equal(const ContentVersion& first, const ContentVersion& later) {
+  if (describe_difference(first, later))
+    return false;
+  if (first.strong_etag && later.strong_etag)
+    return true;
+  if (!first.last_modified || !later.last_modified || !first.total || !later.total)
+    return false;
+  const auto modified = platform::parse_http_date(*first.last_modified);
+  const auto begun = platform::parse_http_date(first.begun);
+  return modified && begun && *modified < *begun;
 }
 
 } // namespace ravelin

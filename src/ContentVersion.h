@@ -21,6 +21,10 @@ struct ContentVersion {
   static ContentVersion of(const platform::URLResponse& response);
 };
 
+/// Whether equal validators show that two links have the same content. An equal date does not, if
+/// the content may have been modified again within that second.
+bool is_shown_equal(const ContentVersion& first, const ContentVersion& later);
+
 /// What differs, as a sentence; none if everything known of both is equal. If both have a strong
 /// ETag, the dates are ignored: they are too coarse for changes within a second.
 std::optional<std::string> describe_difference(const ContentVersion& first,

@@ -10,6 +10,7 @@ namespace {
 
 constexpr const char* link_attribute = "ravelin_link";
 constexpr const char* etag_attribute = "ravelin_etag";
+constexpr const char* date_attribute = "ravelin_last_modified";
 
 /// The link without its fragment and credentials.
 std::string plain(std::string link) {
@@ -57,12 +58,18 @@ void note_origin(const URL& file, const URL& link) {
   bramblekit::ext_attr(file)[link_attribute] = bramblekit::to_data(make_note(link));
 }
 
-std::optional<std::string> noted_etag(const URL& file) {
-  return platform::extended_attribute(file, etag_attribute);
+ContentVersion noted_version(const URL& file, const ResumeData& record) {
+  return {platform::extended_attribute(file, etag_attribute),
+          platform::extended_attribute(file, date_attribute), record.content_length,
+          record.server_side_date};
 }
 
-void note_etag(const URL& file, const std::optional<std::string>& etag) {
-  bramblekit::ext_attr(file)[etag_attribute] = etag ? bramblekit::to_data(*etag) : std::nullopt;
+void note_version(const URL& file, const ContentVersion& version) {
+  const auto note = [&](const char* name, const std::optional<std::string>& value) {
+    bramblekit::ext_attr(file)[name] = value ? bramblekit::to_data(*value) : std::nullopt;
+  };
+  note(etag_attribute, version.strong_etag);
+  note(date_attribute, version.last_modified);
 }
 
 } // namespace ravelin

@@ -2,9 +2,8 @@
 
 #include "ravelin/ravelin_operation.h"
 #include "ravelin/url.h"
-
-#include <optional>
-#include <string>
+#include "src/ContentVersion.h"
+#include "src/ResumeData.h"
 
 namespace ravelin {
 
@@ -17,9 +16,10 @@ Origin origin_of(const URL& file, const URL& link);
 /// Failures are not reported.
 void note_origin(const URL& file, const URL& link);
 
-/// The strong ETag of the content of an unfinished file, kept in the same way.
-std::optional<std::string> noted_etag(const URL& file);
-/// No value removes the attribute. Failures are not reported.
-void note_etag(const URL& file, const std::optional<std::string>& etag);
+/// The version of the content of an unfinished file when its download started: what is in its
+/// record, and its ETag and date, which are kept in the same way as the link.
+ContentVersion noted_version(const URL& file, const ResumeData& record);
+/// Notes the ETag and the date, or removes what is not set. Failures are not reported.
+void note_version(const URL& file, const ContentVersion& version);
 
 } // namespace ravelin

@@ -48,7 +48,7 @@ std::int64_t size_of(const URL& file) {
 bool RavelinOperation::Impl::remove_marks(const URL& file) {
   const bool is_shown = bramblekit::set_is_hidden(file, false);
   bramblekit::ext_attr(file)["lg_ignore"] = std::nullopt;
-  note_etag(file, std::nullopt);
+  note_version(file, {});
   return is_shown;
 }
 
@@ -106,19 +106,6 @@ bool RavelinOperation::Impl::bg_is_complete(const Run& run) {
                     (length ? "has " + std::to_string(*length) : "is of unknown length") +
                     "; delete it or choose another file");
   return true;
-}
-
-/// An unfinished file from another link might be continued with the wrong content, unless the ETag
-/// is the same. Links that differ only in the query count as the same, since queries may contain
-/// tokens that change.
-void RavelinOperation::Impl::bg_check_unfinished(const Run& run) {
-  if (!checks_destination() || run.must_restart || !exists(run.destination) ||
-      origin_of(run.destination, run.link) != Origin::other_link)
-    return;
-  const auto etag = main_sync([&]() MAIN_ONLY { return probed_version.strong_etag; });
-  if (!etag || etag != noted_etag(run.destination))
-    throw TextError("the unfinished file is from another link, and no ETag shows that its content "
-                    "is the same; delete it or choose another file");
 }
 
 /// Whether existing files must be replaced, for example because the file is shorter than recorded.

@@ -28,6 +28,10 @@
 
 namespace ravelin {
 
+/// Whether content of `length` bytes, if known, is downloaded in parts.
+bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int64_t> length,
+               const Options& options);
+
 /// The implementation of an operation.
 ///
 /// Threads: fields and functions belong to the main thread unless they are marked otherwise.
@@ -52,6 +56,7 @@ public:
     bool is_complete;
     bool must_restart; // replace existing files once the server has answered
     platform::Links links = platform::Links::followed;
+    bool is_compared = false; // what is there was found at the link, although it is another one
   };
 
   // The public flow.
@@ -113,7 +118,9 @@ public:
   void bg_lock_destination(Run& run) BG_ONLY;
   static void bg_refuse_foreign_files(Run& run) BG_ONLY;
   bool bg_is_complete(const Run& run) BG_ONLY;
-  void bg_check_unfinished(const Run& run) BG_ONLY;
+  void bg_check_unfinished(Run& run, bool split_allowed) BG_ONLY;
+  void bg_compare(const Run& run, const ResumeData& record) BG_ONLY;
+  std::string bg_request_bytes(const URL& link, const platform::BytesRange& range) BG_ONLY;
   bool must_restart(const Run& run) const;
   bool may_clear(const Run& run) const MAIN_ONLY;
   void check_finished_file() const MAIN_ONLY;
@@ -123,7 +130,7 @@ public:
   HeldResponse bg_request_http_header(const URL& link, bool split_allowed) BG_ONLY;
   void bg_start_connections(Run& run, bool split_allowed, HeldResponse held_response) BG_ONLY;
   bool bg_prepare_files(Run& run, bool split_allowed) BG_ONLY;
-  void check_content(const URL& link) MAIN_ONLY;
+  void check_content(Run& run) MAIN_ONLY;
   void save_if_behind() MAIN_ONLY;
   bool finish_files() MAIN_ONLY;
   void save_received() noexcept MAIN_ONLY;

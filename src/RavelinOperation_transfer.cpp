@@ -33,13 +33,13 @@ constexpr auto far_response_time = std::chrono::milliseconds(50);
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 
+} // namespace
+
 bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int64_t> length,
                const Options& options) {
   const auto min_size = std::max<std::int64_t>(options.min_split_size.value_or(1), 1);
   return split_allowed && ranges_accepted && length.value_or(0) >= min_size;
 }
-
-} // namespace
 
 /// Returns the response if the content may be taken from it.
 RavelinOperation::Impl::HeldResponse
@@ -103,7 +103,7 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
 
 void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
                                                   HeldResponse held_response) {
-  bg_check_unfinished(run);
+  bg_check_unfinished(run, split_allowed);
   const bool should_split = bg_prepare_files(run, split_allowed);
   std::optional<Error> error;
   try {
@@ -114,7 +114,7 @@ void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
       unsaved_bytes = 0;
       if (opr.is_cancelled())
         throw Exception();
-      check_content(run.link);
+      check_content(run);
       start_parts(run.link, should_split, std::move(held_response));
       return data_opr_sema;
     });
@@ -168,27 +168,28 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
   return should_split;
 }
 
-/// A resumed download must have the same content. A new one notes its link and ETag, so that later
-/// runs can check that; a date does not show that the content was replaced by an older file.
-void RavelinOperation::Impl::check_content(const URL& link) {
+/// A resumed download must have the same content. A new one notes its link, ETag and date, so that
+/// later runs can check that; the server's date does not show that an older file took its place.
+void RavelinOperation::Impl::check_content(Run& run) {
   auto& record = *file_proc->resume_data;
   const auto& file = *file_proc->main_file_url;
   const ResponseChecks safeguards(settings->options);
-  if (record.received_bytes() == 0) {
-    record.server_side_date = server_side_date; // nothing was received before
+  const bool is_first = record.received_bytes() == 0;
+  if (is_first || std::exchange(run.is_compared, false)) { // so far it is content of this version
+    record.server_side_date = server_side_date;
     if (checks_destination())
-      note_origin(file, link);
+      note_origin(file, run.link);
     // Only split downloads are ever resumed.
     if (file_proc->split_count && (safeguards.reject_changed_content() || checks_destination()))
-      note_etag(file, probed_version.strong_etag);
+      note_version(file, probed_version);
     return;
   }
   if (const auto refused =
-          safeguards.refuse_continuing(record.server_side_date, noted_etag(file), probed_version))
+          safeguards.refuse_continuing(noted_version(file, record), probed_version))
     refused->rethrow();
-  const auto origin = origin_of(file, link);
+  const auto origin = origin_of(file, run.link);
   if (checks_destination() && (origin == Origin::same_path || origin == Origin::other_link))
-    note_origin(file, link); // the same content from a new link
+    note_origin(file, run.link); // the same content from a new link
 }
 
 /// Saves the record of the last chunks, since no further chunk may arrive to cause a save.

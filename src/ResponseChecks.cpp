@@ -145,14 +145,13 @@ ResponseChecks::refuse_length(std::int64_t received, const std::optional<BytesRa
                                       std::to_string(*required) + " bytes"));
 }
 
-std::optional<Error> ResponseChecks::refuse_continuing(const std::string& started,
-                                                       const std::optional<std::string>& known_etag,
+std::optional<Error> ResponseChecks::refuse_continuing(const ContentVersion& known,
                                                        const ContentVersion& current) const {
   if (!reject_changed_content_)
     return std::nullopt;
-  auto change = describe_change_since(started, current.last_modified);
+  auto change = describe_change_since(known.begun, current.last_modified);
   if (!change)
-    change = describe_difference({known_etag, {}, {}}, {current.strong_etag, {}, {}});
+    change = describe_difference(known, current);
   return change ? std::optional(changed_content(*change)) : std::nullopt;
 }
 

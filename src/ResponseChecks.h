@@ -39,10 +39,8 @@ public:
   std::optional<Error> refuse_length(std::int64_t received,
                                      const std::optional<platform::BytesRange>& asked,
                                      const std::optional<ContentVersion>& expected) const;
-  /// Resuming a download of content with the ETag `known_etag` that was started at `started` by the
-  /// server's clock.
-  std::optional<Error> refuse_continuing(const std::string& started,
-                                         const std::optional<std::string>& known_etag,
+  /// Resuming a download of what was `known` when it was started.
+  std::optional<Error> refuse_continuing(const ContentVersion& known,
                                          const ContentVersion& current) const;
 
 private:

@@ -139,10 +139,10 @@ struct FaultyDisk : testing::Test {
   // with older content.
   const ScriptedServer server{[this](const Request& request) {
     if (request.target.ends_with("?slow"))
-      return Reply{.body = content, .piece = 4000, .piece_delay = 60ms};
+      return Reply{.headers = etag_1.headers, .body = content, .piece = 4000, .piece_delay = 60ms};
     if (request.target.ends_with("?older"))
       return Reply{.body = pattern(50'000, 2), .cut_after = 5000};
-    return Reply{.body = content};
+    return Reply{.headers = etag_1.headers, .body = content};
   }};
   std::atomic<int> faults = 0;
 };

@@ -56,7 +56,13 @@ public:
   }
 
   /// Why a safeguard refused a response.
-  enum class Refusal { none, http_status, range, changed_content };
+  enum class Refusal {
+    none,
+    http_status,
+    range,
+    changed_content,
+    unknown_content ///< an unfinished file is from another link; see `Options::compare_new_link`
+  };
   /// `none` unless a safeguard refused the response.
   Refusal refusal = Refusal::none;
   /// Whether the request asked for a range.

@@ -79,13 +79,18 @@ struct [[gnu::visibility("default")]] Options {
   /// - a second process, or a download whose resume record has the same name, is refused;
   /// - an unfinished file without a record, or shorter than its record says, is downloaded again;
   /// - a file from another link is refused, unless it is unfinished and the new link has the same
-  ///   strong ETag; links that differ only in the query count as the same;
+  ///   strong ETag or, where one of them has none, the same Last-Modified and length; an unfinished
+  ///   one from a link that differs only in the query starts again if the content has changed;
   /// - a complete file that is not known to be from exactly this link is accepted only if it has
   ///   the length of the content;
   /// - in a directory that other users may write to, a file or record that is a symbolic link or
   ///   belongs to another user is refused;
   /// - with `OnConflict::replace` the old file is deleted once the server has answered.
   std::optional<bool> check_destination;
+  /// With `check_destination`, an unfinished file from another link, or one whose link is not
+  /// known, is continued if the last 64 KiB of each part that has arrived are the same at the new
+  /// link, whatever its ETag. They are requested first. Unset: off, also in `careful()`.
+  std::optional<bool> compare_new_link;
 
   /// Unset: nothing is retried.
   std::optional<Retry> retry;

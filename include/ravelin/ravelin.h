@@ -221,6 +221,9 @@ void ravelin_options_set_accept_empty_content(ravelin_options* options, bool on)
 void ravelin_options_set_report_write_errors(ravelin_options* options, bool on);
 /** The destination is locked, and only files from the same link are continued or accepted. */
 void ravelin_options_set_check_destination(ravelin_options* options, bool on);
+/** With the option above, an unfinished file from another link is continued if the last 64 KiB of
+ * each part that has arrived are the same at the new link. Off unless set. */
+void ravelin_options_set_compare_new_link(ravelin_options* options, bool on);
 
 /** Sets the options of an operation for runs that start later. They are copied. Any thread,
  * waits. */

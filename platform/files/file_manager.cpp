@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace ravelin::platform {
 namespace {
@@ -84,6 +85,38 @@ bool write_new(const fs::path& path, std::string_view text, Flush flush_mode) {
          (flush_mode == Flush::no || flush(opened.number));
 }
 
+int open_to_read(const fs::path& path, Links links) {
+  const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | // opening a pipe would block
+                    (links == Links::refused ? O_NOFOLLOW : 0);
+  Descriptor opened{file_calls().open(path.c_str(), flags, 0)};
+  if (opened.number < 0)
+    fail(errno, "open", path);
+  struct stat status {};
+  if (::fstat(opened.number, &status) != 0)
+    fail(errno, "read", path);
+  if (!S_ISREG(status.st_mode))
+    fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "read", path);
+  return std::exchange(opened.number, -1);
+}
+
+/// Returns how many bytes there were.
+std::size_t read_all(int descriptor, char* to, std::size_t size, std::int64_t offset,
+                     const fs::path& path) {
+  std::size_t done = 0;
+  while (done < size) {
+    const auto got =
+        ::pread(descriptor, to + done, size - done, offset + static_cast<std::int64_t>(done));
+    if (got < 0 && errno == EINTR)
+      continue;
+    if (got < 0)
+      fail(errno, "read", path);
+    if (got == 0)
+      break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
 /// For the main thread, which does not wait for the list.
 void unlist_in_background(const URL& url) try {
   run_in_background([url] { set_hidden(url, false, Unlist::if_gone); });
@@ -153,36 +186,28 @@ bool is_plain_file(const fs::path& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
+std::string read_range(const URL& url, std::int64_t offset, std::size_t size, Links links) {
+  const auto path = url.path();
+  const Descriptor opened{open_to_read(path, links)};
+  std::string text(size, '\0');
+  text.resize(read_all(opened.number, text.data(), size, offset, path));
+  return text;
+}
+
 std::string read_text(const URL& url, std::size_t limit, Links links) {
   const auto path = url.path();
-  const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | // opening a pipe would block
-                    (links == Links::refused ? O_NOFOLLOW : 0);
-  const Descriptor opened{file_calls().open(path.c_str(), flags, 0)};
-  if (opened.number < 0)
-    fail(errno, "open", path);
-  struct stat status {};
-  if (::fstat(opened.number, &status) != 0)
-    fail(errno, "read", path);
-  if (!S_ISREG(status.st_mode))
-    fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, "read", path);
+  const Descriptor opened{open_to_read(path, links)};
   std::string text(4096, '\0');
-  std::size_t size = 0;
-  for (;;) {
-    const auto got = ::read(opened.number, text.data() + size, text.size() - size);
-    if (got < 0 && errno == EINTR)
-      continue;
-    if (got < 0)
-      fail(errno, "read", path);
-    size += static_cast<std::size_t>(got);
+  for (std::size_t size = 0;;) {
+    size += read_all(opened.number, text.data() + size, text.size() - size,
+                     static_cast<std::int64_t>(size), path);
     if (size > limit)
       fail(EFBIG, "read", path);
-    if (got == 0)
-      break;
-    if (size == text.size())
-      text.resize(text.size() * 2);
+    const bool is_whole = size < text.size();
+    text.resize(is_whole ? size : text.size() * 2);
+    if (is_whole)
+      return text;
   }
-  text.resize(size);
-  return text;
 }
 
 void remove_temporary_of(const URL& url) noexcept {

@@ -2,6 +2,7 @@
 
 #include "ravelin/url.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,6 +38,8 @@ public:
 bool is_plain_file(const std::filesystem::path& path);
 /// The content of the file. Throws if it has more than `limit` bytes.
 std::string read_text(const URL& url, std::size_t limit, Links links = Links::followed);
+/// `size` bytes of the file from `offset` on, or what it has of them.
+std::string read_range(const URL& url, std::int64_t offset, std::size_t size, Links links);
 /// Whether a text and its file name are flushed to storage, so that they survive a power failure.
 enum class Flush { yes, no };
 /// Replaces the whole file by `text` or does not change it. A killed process leaves at most one

@@ -78,9 +78,9 @@ Options Options::completed_from(const Options& defaults) const {
            &Options::reject_http_errors, &Options::require_exact_ranges,
            &Options::reject_changed_content, &Options::refuse_tls_downgrade,
            &Options::accept_empty_content, &Options::report_write_errors,
-           &Options::check_destination, &Options::retry, &Options::max_connections,
-           &Options::min_split_size, &Options::reuse_header_response, &Options::on_retry,
-           &Options::log);
+           &Options::check_destination, &Options::compare_new_link, &Options::retry,
+           &Options::max_connections, &Options::min_split_size, &Options::reuse_header_response,
+           &Options::on_retry, &Options::log);
   for (const auto& field : defaults.headers) {
     const bool replaced = std::ranges::any_of(headers, [&](const auto& own) {
       return platform::equal_ignoring_case(own.first, field.first);

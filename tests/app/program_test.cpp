@@ -18,10 +18,12 @@ using namespace std::chrono_literals;
 
 const std::string body = pattern(400'003);
 const std::string sum = std::string(43, 'A') + "="; // of nothing here
+const Headers etag = {{"ETag", "\"0\""}};
 const std::map<std::string, Reply> replies = {
-    {"ok", {.body = body}},
-    {"slow", {.body = body, .piece = 2000, .piece_delay = 50ms}},    // two seconds in five parts
-    {"slower", {.body = body, .piece = 2000, .piece_delay = 300ms}}, // twelve
+    {"ok", {.headers = etag, .body = body}},
+    {"slow", // two seconds in five parts
+     {.headers = etag, .body = body, .piece = 2000, .piece_delay = 50ms}},
+    {"slower", {.headers = etag, .body = body, .piece = 2000, .piece_delay = 300ms}}, // twelve
     {"v1", {.headers = {{"ETag", "\"1\""}}, .body = body, .piece = 2000, .piece_delay = 50ms}},
     {"w1", {.headers = {{"ETag", "\"1\""}}, .body = body}},
     {"v2",
@@ -29,6 +31,8 @@ const std::map<std::string, Reply> replies = {
       .body = body}},
     {"digest", {.status = 302, .headers = {{"Location", "/"}, {"Digest", "sha-256=" + sum}}}},
     {"cut", {.body = body, .cut_after = 5000}},
+    {"bare", {.body = body}},
+    {"other", {.body = body.substr(9) + body.substr(0, 9)}},
     {"empty", {.accept_ranges = false}},
     {"mute", {.header_delay = 1h}},
     {"lost", {.close_at_once = true}},
@@ -247,8 +251,11 @@ TEST(Program, stops_and_continues) {
        0, "^130\n.*can be resumed\n143\n.*resumed\n130\n.*resumed\n$", "HUP INT TERM "},
       {"begin $at/f?v1+403; saved; stop KILL; get $at/f?v1+403; get -o f $at/g?v2; "
        "get -o f $at/h?w1",
-       0, "status 403; if the link has expired.* -o 'f' LINK\n.*another link, and no ETag.*\n$",
+       0, "status 403; if the link has expired.* -o 'f' LINK\n.*another link, .*ETag was.*\n$",
        "f "},
+      {"begin $at/f?slow; saved; stop KILL; get -o f $at/g?bare; get --same-file -o f $at/g?other; "
+       "get --same-file -o f $at/g?bare",
+       0, "^.*unknown .*same; use --same-file .*\n.*are different.*\n$", "f "},
       {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};

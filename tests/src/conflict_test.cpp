@@ -185,6 +185,57 @@ TEST_F(ConflictTest, takes_over_from_one_that_waits_or_that_a_callback_started_j
   EXPECT_EQ(dir.read("a"), body);
 }
 
+TEST_F(ConflictTest, continues_from_another_link_what_is_shown_to_be_the_same_there) {
+  const std::string whole = pattern(10'000), tail = pattern(9'500) + pattern(500, 2);
+  const Headers one = {{"ETag", "\"1\""}}, two = {{"ETag", "\"2\""}},
+                at_7 = {{"Last-Modified", "Tue, 10 Nov 2026 07:00:00 GMT"}};
+  const std::string missing = "1000-1999 2500-3999 4500-5999 6500-7999 8500-9999 all";
+  const std::string samples = "0-999 1000-1999 2000-2499 2500-3999 4000-4499 4500-5999 "
+                              "6000-6499 6500-7999 8000-8499 8500-9999 all";
+  const std::tuple<Headers, Reply, bool, std::string, std::string> cases[] = {
+      {{}, {.body = whole}, false, "unknown whether", "all"},
+      {one, {.headers = two, .body = whole}, false, "unknown whether", "all"},
+      {one, {.headers = one, .body = whole}, false, "", missing},
+      {at_7, {.headers = at_7, .body = whole}, false, "", missing},
+      {one, {.headers = two, .body = whole}, true, "", samples},
+      {{},
+       {.body = pattern(8'200) + tail.substr(8'200, 290) + "!" + tail.substr(8'491)},
+       true,
+       "bytes 8000-8499 are different",
+       "0-999 2000-2499 4000-4499 6000-6499 8000-8499 all"},
+      {{}, {.body = tail + "!"}, true, "its length was 10000", "all"},
+      {{}, {.body = whole, .accept_ranges = false}, true, "without byte ranges", "all"},
+      {one,
+       {.headers = one, .body = whole, .honour_ranges = false},
+       true,
+       "200 instead",
+       "0-999 all"}};
+  for (const auto& [headers, later, compares, text, ranges] : cases) {
+    SCOPED_TRACE(ranges + text);
+    auto options = Options::careful();
+    options.compare_new_link = compares;
+    serve([&, first = headers](const Request& request) {
+      const bool is_first = request.header("Range").value_or("").starts_with("bytes=0");
+      return Reply{.headers = first, .body = whole, .stall_after = is_first ? 1000 : 500};
+    });
+    cancel(start_until(3000, {.opr = std::make_shared<RavelinOperation>(options)}));
+    const auto before = dir.read("file.bin") + dir.read(".file.lgresume");
+    serve(later); // at another port
+    const auto& run = download({.opr = std::make_shared<RavelinOperation>(options)});
+    EXPECT_TRUE(run.error_text.find(text) != text.npos) << run.error_text;
+    EXPECT_EQ(asked(), ranges);
+    EXPECT_TRUE(text.empty() ? dir.read("file.bin") == whole
+                             : dir.read("file.bin") + dir.read(".file.lgresume") == before);
+    if (ranges == "all" && compares) { // and it stops in the middle of a comparison
+      serve({.body = whole, .stall_after = 10});
+      auto& comparing = start({.opr = std::make_shared<RavelinOperation>(options)});
+      pump_until([&] { return server->requests().size() == 2; });
+      EXPECT_EQ(cancel(comparing), "cxX");
+    }
+    RavelinOperation::clear_files(file());
+  }
+}
+
 TEST_F(ConflictTest, refuses_what_others_may_have_put_in_the_place_of_its_files) {
   serve(Reply{.body = pattern(1000)});
   dir.write("victim", "untouched");

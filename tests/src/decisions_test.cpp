@@ -212,16 +212,23 @@ TEST(ResponseChecksTest, refuse_a_body_of_the_wrong_length) {
 }
 
 TEST(ResponseChecksTest, refuse_to_continue_with_other_content) {
-  const std::tuple<std::string, std::optional<std::string>, ContentVersion, std::string> cases[] = {
-      {monday, "a", {"a", monday, {}}, ""},
-      {monday, "a", {"b", monday, {}}, "changed"},
-      {monday, "a", {"a", tuesday, {}}, "changed"},
-      {tuesday, "a", {"a", monday, {}}, ""},
-      {monday, {}, {"b", {}, {}}, ""},
-      {"no date", "a", {{}, tuesday, {}}, ""}};
-  for (const auto& [begun, etag, current, refused] : cases) {
-    EXPECT_EQ(describe(with("c").refuse_continuing(begun, etag, current)), refused) << begun;
-    EXPECT_FALSE(with("hr").refuse_continuing(begun, etag, current));
+  const std::tuple<ContentVersion, ContentVersion, std::string, bool> cases[] = {
+      {{"a", {}, {}, monday}, {"a", monday, {}}, "", true},
+      {{"a", {}, {}, monday}, {"b", monday, {}}, "changed", false},
+      {{"a", {}, {}, monday}, {"a", tuesday, {}}, "changed", true},
+      {{"a", {}, {}, tuesday}, {"a", monday, {}}, "", true},
+      {{{}, {}, 20, monday}, {"b", {}, 20}, "", false},
+      {{"a", {}, {}, "no date"}, {{}, tuesday, {}}, "", false},
+      {{"a", monday, 20, tuesday}, {{}, monday, 20}, "", true},
+      {{"a", monday, 20, tuesday}, {{}, monday, {}}, "", false},
+      {{{}, monday, 20, monday}, {{}, monday, 20}, "", false},
+      {{{}, tuesday, 20, tuesday}, {{}, monday, 20}, "changed", false},
+      {{"a", monday, 20, tuesday}, {"a", monday, 21}, "changed", false}};
+  for (const auto& [known, current, refused, shown_equal] : cases) {
+    SCOPED_TRACE(&known - &std::get<0>(cases[0]));
+    EXPECT_EQ(describe(with("c").refuse_continuing(known, current)), refused);
+    EXPECT_FALSE(with("hr").refuse_continuing(known, current));
+    EXPECT_EQ(is_shown_equal(known, current), shown_equal);
   }
 }
 
