@@ -54,6 +54,24 @@ std::optional<Checksum> find_digest(const std::string& value, Checksum::Algorith
 
 } // namespace
 
+Hasher::Hasher(Checksum::Algorithm algorithm)
+    : algorithm_(algorithm), context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+  EVP_DigestInit_ex(context_.get(), algorithm == Checksum::sha256 ? EVP_sha256() : EVP_sha512(),
+                    nullptr);
+}
+
+void Hasher::add(std::string_view bytes) {
+  EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size());
+}
+
+Checksum Hasher::finish() {
+  Bytes digest(EVP_MAX_MD_SIZE);
+  unsigned size = 0;
+  EVP_DigestFinal_ex(context_.get(), digest.data(), &size);
+  digest.resize(size);
+  return {algorithm_, hexadecimal(digest)};
+}
+
 std::optional<Checksum> parse_sha256(std::string text) {
   std::ranges::transform(text, text.begin(), [](unsigned char c) { return std::tolower(c); });
   if (text.size() != 64 || text.find_first_not_of("0123456789abcdef") != std::string::npos)
@@ -107,20 +125,13 @@ Checksum checksum_of(const std::filesystem::path& file, Checksum::Algorithm algo
   };
   if (!opened)
     fail();
-  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
-                                                                        EVP_MD_CTX_free);
-  EVP_DigestInit_ex(context.get(), algorithm == Checksum::sha256 ? EVP_sha256() : EVP_sha512(),
-                    nullptr);
+  Hasher hasher(algorithm);
   std::vector<char> piece(256 * 1024);
   while (const auto got = std::fread(piece.data(), 1, piece.size(), opened.get()))
-    EVP_DigestUpdate(context.get(), piece.data(), got);
+    hasher.add({piece.data(), got});
   if (std::ferror(opened.get()))
     fail();
-  Bytes digest(EVP_MAX_MD_SIZE);
-  unsigned size = 0;
-  EVP_DigestFinal_ex(context.get(), digest.data(), &size);
-  digest.resize(size);
-  return {algorithm, hexadecimal(digest)};
+  return hasher.finish();
 }
 
 } // namespace ravelin::app

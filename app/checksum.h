@@ -3,8 +3,12 @@
 #include <ravelin/ravelin.hpp>
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+
+struct evp_md_ctx_st; // of OpenSSL
 
 namespace ravelin::app {
 
@@ -15,6 +19,19 @@ struct Checksum {
 
   /// "SHA-256".
   std::string name() const { return algorithm == sha256 ? "SHA-256" : "SHA-512"; }
+};
+
+/// Computes the checksum of bytes that come one after the other.
+class Hasher {
+public:
+  explicit Hasher(Checksum::Algorithm algorithm);
+  void add(std::string_view bytes);
+  /// Once, at the end.
+  Checksum finish();
+
+private:
+  Checksum::Algorithm algorithm_;
+  std::unique_ptr<evp_md_ctx_st, void (*)(evp_md_ctx_st*)> context_;
 };
 
 /// A SHA-256 checksum of 64 hexadecimal digits. None if `text` is something else.

@@ -3,9 +3,11 @@
 #include "app/checksum_list.h"
 #include "app/download.h"
 #include "app/event_lines.h"
+#include "app/job.h"
 #include "app/name_request.h"
 #include "app/naming.h"
 #include "app/output.h"
+#include "app/piped_download.h"
 
 #include <ravelin/ravelin.hpp>
 
@@ -28,13 +30,13 @@ namespace fs = std::filesystem;
 /// The downloads of one command.
 ///
 /// Threads: main thread.
-class Batch {
+class Batch final : public Job {
 public:
   explicit Batch(GetOptions options)
       : options_(std::move(options)), view_(options_.quiet || options_.events),
         files_(options_.links.size()) {}
 
-  void start() {
+  void start() override {
     for (std::size_t i = 0; i < files_.size(); ++i) {
       const auto& link = options_.links[i].url;
       const fs::path name = options_.output.value_or(suggested_name(URL(link)).value_or(no_name));
@@ -46,7 +48,7 @@ public:
     request_names();
   }
 
-  void interrupt(int signal) {
+  void interrupt(int signal) override {
     signal_ = signal;
     for (std::size_t i = 0; i < next_request_; ++i)
       name_requests_[i].second->cancel();
@@ -54,9 +56,9 @@ public:
       download->cancel();
   }
 
-  void refresh() { view_.refresh(); }
+  void refresh() override { view_.refresh(); }
 
-  int exit_status() {
+  int exit_status() override {
     view_.close();
     if (files_.size() > 1 && !options_.quiet && !options_.events)
       print_summary();
@@ -259,15 +261,15 @@ void watch_signals(const sigset_t& signals, void (*on_signal)(int)) {
 }
 
 // What a signal stops. Never deleted, since a signal may arrive during exit; the main thread's.
-Batch* current_batch = nullptr;
+Job* current_job = nullptr;
 std::shared_ptr<RavelinOperation>& list_download() {
   static auto& operation = *new std::shared_ptr<RavelinOperation>;
   return operation;
 }
 
 void stop_all(int signal) {
-  if (current_batch)
-    current_batch->interrupt(signal);
+  if (current_job)
+    current_job->interrupt(signal);
   else
     list_download()->cancel(); // or its next run, if there is none yet
 }
@@ -286,11 +288,11 @@ bool read_checksums(GetOptions& options) {
   }
 }
 
-void refresh_every_second(Batch& batch) try {
-  std::thread([&batch] {
+void refresh_every_second(Job& job) try {
+  std::thread([&job] {
     for (;;) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
-      MainQueue::async([&batch] { batch.refresh(); });
+      MainQueue::async([&job] { job.refresh(); });
     }
   }).detach();
 } catch (const std::system_error&) {
@@ -315,12 +317,15 @@ int run_get(GetOptions options) {
   }
   if (!read_checksums(options))
     return list_download()->state().holds<State::cancelled>() ? interrupted : failed;
-  current_batch = new Batch(std::move(options));
+  if (options.to_stdout)
+    current_job = new PipedDownload(std::move(options));
+  else
+    current_job = new Batch(std::move(options));
   if (isatty(STDERR_FILENO))
-    refresh_every_second(*current_batch);
-  current_batch->start();
+    refresh_every_second(*current_job);
+  current_job->start();
   MainQueue::run();
-  return current_batch->exit_status();
+  return current_job->exit_status();
 }
 
 } // namespace ravelin::app

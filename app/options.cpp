@@ -79,7 +79,8 @@ public:
 void add_file_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.option_defaults()->group("Files");
   get.add_option("URL", raw.links, "Links to download (http or https)")->type_name("");
-  get.add_option("-o,--output", raw.output, "Write to this file (default: the name in the link)")
+  get.add_option("-o,--output", raw.output,
+                 "Write to this file (default: the name in the link), or - for standard output")
       ->type_name("FILE")
       ->check(not_empty);
   get.add_option("-d,--dir", raw.directory, "Save files in this directory, created if missing")
@@ -234,10 +235,20 @@ void check_combination(const GetOptions& options, const RawOptions& raw) {
     throw CLI::ValidationError("--input-file", "'" + raw.input + "' contains no links");
   if (options.links.empty())
     throw CLI::RequiredError("URL");
-  if (options.links.size() > 1 && options.output)
+  if (options.links.size() > 1 && !raw.output.empty())
     throw CLI::ValidationError("--output", "cannot write several links to one file; use --dir");
   if (options.links.size() > 1 && !raw.sha256.empty())
     throw CLI::ValidationError("--sha256", "cannot check several links against one checksum");
+}
+
+/// Options that ask for something that standard output cannot give. Others that have no effect on
+/// it are ignored.
+void check_output(const CLI::App& get) {
+  for (const auto* const option : {"--on-conflict", "--on-change", "--same-file"})
+    if (get.count(option) > 0)
+      throw CLI::ValidationError(option, "is about files, and '--output -' makes none");
+  if (get.count("--events") > 0)
+    throw CLI::ValidationError("--events", "cannot share standard output with '--output -'");
 }
 
 void apply(const RawOptions& raw, GetOptions& options) {
@@ -263,7 +274,8 @@ void apply(const RawOptions& raw, GetOptions& options) {
   options.events_interval =
       std::chrono::milliseconds(static_cast<std::int64_t>(raw.events_interval * 1000));
   options.directory = raw.directory;
-  if (!raw.output.empty())
+  options.to_stdout = raw.output == "-";
+  if (!raw.output.empty() && !options.to_stdout)
     options.output = raw.output;
   for (const auto& link : raw.links)
     options.links.push_back({complete_link(link), std::nullopt});
@@ -371,6 +383,8 @@ Parsed parse_arguments(int argc, const char* const* argv) {
       options.command = Arguments::get;
       apply(raw, options.get_options);
       check_combination(options.get_options, raw);
+      if (options.get_options.to_stdout)
+        check_output(*get);
       apply_checksums(raw, options.get_options);
     } else {
       options.command = status->parsed() ? Arguments::status : Arguments::clear;

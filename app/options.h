@@ -22,6 +22,7 @@ struct Link {
 
 struct GetOptions {
   std::vector<Link> links;
+  bool to_stdout = false; // one link, in order
   std::optional<std::filesystem::path> output;
   std::filesystem::path directory;
   bool remote_names = false;

@@ -67,6 +67,7 @@ void PartialDataOpr::start_task(const URL& url, const StatusClosure& status_clos
     request.cache_policy = platform::CachePolicy::use_protocol_cache_policy;
     request.time_out_interval = std::chrono::milliseconds(60'000);
     request.range = asked_range;
+    request.if_range = required_etag;
     auto task = ephemeral_session->data_task(std::move(request));
     task->resume();
     data_task = std::move(task);
@@ -106,7 +107,11 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
     platform::fatal("the response to a content request is not HTTP");
   http_header = didReceive.header_fields;
   content_len = announced_length(*http_header);
-  if (auto refused = safeguards.refuse_response(didReceive, asked_range, expected_version)) {
+  auto refused = required_etag ? ResponseChecks::refuse_other_etag(didReceive, *required_etag)
+                               : std::optional<Error>();
+  if (!refused)
+    refused = safeguards.refuse_response(didReceive, asked_range, expected_version);
+  if (refused) {
     task_err = std::move(refused);
     completionHandler(platform::ResponseDisposition::cancel);
     return;

@@ -61,6 +61,9 @@ public:
 
   /// The version that the response must have, if changed content is rejected. Set before `request`.
   std::optional<ContentVersion> expected_version;
+  /// The strong ETag that the response to a range request must have; the server is told so. Set
+  /// before `request`.
+  std::optional<std::string> required_etag;
 
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
                   const platform::URLResponse& didReceive,

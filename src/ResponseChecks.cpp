@@ -155,4 +155,12 @@ std::optional<Error> ResponseChecks::refuse_continuing(const ContentVersion& kno
   return change ? std::optional(changed_content(*change)) : std::nullopt;
 }
 
+std::optional<Error> ResponseChecks::refuse_other_etag(const URLResponse& response,
+                                                       const std::string& required) {
+  const auto etag = ContentVersion::of(response).strong_etag;
+  if (response.status / 100 != 2 || etag == required)
+    return std::nullopt;
+  return changed_content("its ETag was " + required + " and is now " + etag.value_or("missing"));
+}
+
 } // namespace ravelin

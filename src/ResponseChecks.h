@@ -42,6 +42,9 @@ public:
   /// Resuming a download of what was `known` when it was started.
   std::optional<Error> refuse_continuing(const ContentVersion& known,
                                          const ContentVersion& current) const;
+  /// The response to a request for the rest of content with the strong ETag `required`.
+  static std::optional<Error> refuse_other_etag(const platform::URLResponse& response,
+                                                const std::string& required);
 
 private:
   std::optional<Error> refuse_status(const platform::URLResponse& response,

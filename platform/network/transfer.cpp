@@ -23,8 +23,8 @@ constexpr std::size_t max_drained_bytes = 64 * 1024; // of an unwanted body
 
 /// Fields that would break what the library asks for itself.
 bool is_reserved(const std::string& name) {
-  constexpr std::string_view names[] = {"Accept-Encoding", "Connection", "Content-Length", "Range",
-                                        "Transfer-Encoding"};
+  constexpr std::string_view names[] = {"Accept-Encoding", "Connection", "Content-Length", "If-Range",
+                                        "Range", "Transfer-Encoding"};
   return std::ranges::any_of(names,
                              [&](auto reserved) { return equal_ignoring_case(name, reserved); });
 }
@@ -146,6 +146,8 @@ void Transfer::set_request_headers() {
     add("Connection: close");
   if (const auto& range = task_->request().range)
     add("Range: bytes=" + range->text());
+  if (const auto& etag = task_->request().if_range)
+    add("If-Range: " + *etag);
   if (!left_origin_)
     for (const auto& [name, value] : task_->options().headers)
       add(value.empty() ? name + ";" : name + ": " + value);

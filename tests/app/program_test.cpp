@@ -31,6 +31,7 @@ const std::map<std::string, Reply> replies = {
       .body = body}},
     {"digest", {.status = 302, .headers = {{"Location", "/"}, {"Digest", "sha-256=" + sum}}}},
     {"cut", {.body = body, .cut_after = 5000}},
+    {"cut1", {.headers = {{"ETag", "\"1\""}}, .body = body, .cut_after = 5000}},
     {"bare", {.body = body}},
     {"other", {.body = body.substr(9) + body.substr(0, 9)}},
     {"empty", {.accept_ranges = false}},
@@ -139,6 +140,8 @@ TEST(Program, refuses_a_command_line_that_it_does_not_understand) {
         "-H $'A: b\\nC: d'", "-o f g", "-o ''", "g --sha256 $(printf %064d 1)", "-i /nowhere",
         "-i ''"})
     rows.push_back({"ravelin get h " + options, 2, complaint});
+  for (const std::string options : {"g", "-c stop", "--on-change fail", "--same-file", "--events"})
+    rows.push_back({"ravelin get h -o - " + options, 2, complaint});
   check(rows);
 }
 
@@ -221,6 +224,26 @@ TEST(Program, tries_again_what_may_pass) {
          {"get $at/f -o .", 1, "^" + fails("is a directory")},
          {"mkfifo p; get $at/f -o p", 1, "^" + fails("a pipe or a device")},
          {"get http://127.0.0.1:1/f", 1, "^" + fails("connect")}});
+}
+
+TEST(Program, writes_to_standard_output_in_order) {
+  const std::string pipe = "get -o - $at/f?", count = " | wc -c; echo ${PIPESTATUS[0]}";
+  const std::string wrote = " 5000 bytes have already been written .*\n$";
+  check(
+      {{"get $at/f; get -R --xattr -d d --connections 3 -o - $at/g | cmp - f", 0, "^$", "f "},
+       {"get $at/f; " + pipe + "cut1,w1 | cmp - f", 0, "^" + tries("0\\..", "1 of 5") + "$", "f "},
+       {pipe + "cut1,bare" + count, 0, "^5000\n1\n.*\n.*\"1\" and is now missing;" + wrote},
+       {pipe + "cut,ok" + count, 0, "^5000\n1\n.*offers no strong ETag;" + wrote},
+       {pipe + "lost,empty" + count, 0, "^0\n0\n" + tries("0\\..", "1 of 5") + "$"},
+       {pipe + "404" + count, 0, "^0\n1\n.*404\n$"},
+       {pipe + "digest" + count, 0, "^400003\n1\n.*mismatch: got .*; 400003 bytes"},
+       {pipe + "ok" + wrong_sum + count, 0, "^400003\n1\n.*mismatch"},
+       {pipe + "ok | head -c 9 | wc -c; echo ${PIPESTATUS[0]}", 0, "^9\n1\n.*Broken pipe\n$"},
+       {pipe + "ok >/dev/full; " + pipe + "ok >&-", 1, "^.*No space.*\n.*Bad file.*\n$"},
+       {"{ get_for_1s -o - $at/f; echo $? >s; } | until [ -s s ]; do sleep 0.01; done; cat s; rm s",
+        0, "^130\n$"},
+       {"for q in ok echo; do script -qec \"ravelin -o - $at/f?$q\" x; rm x; done", 0,
+        "^ravelin: .*is binary.*\r\nravelin/.*/f\\?echo$"}});
 }
 
 TEST(Program, prints_what_happens_as_lines_of_JSON) {

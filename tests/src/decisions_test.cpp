@@ -189,6 +189,11 @@ TEST(ResponseChecksTest, refuse_a_response) {
   const auto busy = with("h").refuse_header({true, 503, {{"retry-after", "120"}}});
   EXPECT_EQ(busy->get_if<URLLoadingError>()->http_status, 503);
   EXPECT_EQ(busy->get_if<URLLoadingError>()->retry_after, std::chrono::seconds(120));
+  const auto other_etag = [&](int with_status, const platform::HeaderFields& fields) {
+    return describe(ResponseChecks::refuse_other_etag({true, with_status, fields}, "\"a\""));
+  };
+  EXPECT_EQ(other_etag(206, {{tag, "\"a\""}}) + other_etag(416, {}), "");
+  EXPECT_EQ(other_etag(206, {}) + other_etag(200, {{tag, "W/\"a\""}}), "changedchanged");
   const auto changed = with("c").refuse_response({true, 206, {{tag, "\"b\""}}}, part, a);
   EXPECT_NE(changed->text().find("its ETag was \"a\" and is now \"b\""), std::string::npos);
 }
