@@ -4,10 +4,6 @@
 #include "app/job.h"
 #include "app/options.h"
 #include "app/progress_view.h"
-#include "src/HeaderOpr.h"
-#include "src/PartialDataOpr.h"
-#include "src/RetryPolicy.h"
-#include "src/SpeedMeter.h"
 
 #include <ravelin/ravelin.hpp>
 
@@ -15,13 +11,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace ravelin::app {
 
-/// The download of one link to standard output, in order and over one connection. A slow reader
-/// holds the server back, since no chunk is taken before the one before it is written.
+/// The download of one link to standard output. A slow reader holds the server back.
 ///
-/// Threads: main thread, except `bg_write_chunk()`. Ownership: never destroyed, since a write that
+/// Threads: main thread, except `bg_write()`. Ownership: never destroyed, since a write that
 /// a reader blocks may outlast the main queue.
 class PipedDownload final : public Job {
 public:
@@ -33,17 +29,10 @@ public:
   int exit_status() override;
 
 private:
-  void request_header();
-  void on_header(const HeaderOpr& request, const HeaderOpr::Result& result);
-  void request_content(std::unique_ptr<platform::HeldResponse> held_response);
-  void on_event(const PartialDataOpr::Status& event);
-  void on_data(const platform::Data& data);
-  void bg_write_chunk();
-  void on_success();
-  void on_error(const Error& error);
-  bool can_request_rest() const;
-  void wait_to_retry();
-  void after_wait();
+  Options request_options();
+  void on_response(const Response& response);
+  void bg_write(std::string_view bytes);
+  void on_end(ContentRequest::End end, const Error* error);
   // These end the download.
   void fail(const std::string& reason);
   void end(int status, const std::string& summary);
@@ -51,24 +40,14 @@ private:
   const GetOptions options_;
   const Link& link_;
   const std::chrono::steady_clock::time_point began_at_ = std::chrono::steady_clock::now();
-  std::shared_ptr<const platform::RequestSettings> settings_;
-  std::shared_ptr<const platform::RequestSettings> settings_for_rest_;
-  RetryPolicy policy_;
-  SpeedMeter speed_meter_;
+  ContentRequest request_;
   ProgressView view_;
   const std::size_t row_;
-  std::shared_ptr<HeaderOpr> header_request_;
-  std::shared_ptr<PartialDataOpr> request_;
-  ContentVersion version_;
-  bool accepts_ranges_ = false;
   std::optional<Checksum> given_checksum_; // by the user
   std::optional<Checksum> checksum_;       // that the content should have
-  std::optional<Hasher> hasher_;
-  std::int64_t received_ = 0; // bytes
-  // To be written. It passes from the main thread to the delegate queue and back, as each of them
-  // waits for the other.
-  platform::Data chunk_;
-  std::optional<std::string> failure_; // why the request was cancelled
+  std::optional<Hasher> hasher_;           // belongs to the writing thread until the end
+  std::int64_t written_ = 0;               // bytes; the same
+  std::int64_t received_ = 0;              // bytes
   bool has_ended_ = false;
   int signal_ = 0;
   int status_ = success;

@@ -1,8 +1,6 @@
-#include "bramblekit/background.h"
 #include "bramblekit/collections.h"
 #include "bramblekit/main_thread.h"
 #include "platform/network/retry_wait.h"
-#include "ravelin/main_queue.h"
 #include "ravelin/response.h"
 #include "src/HeaderOpr.h"
 #include "src/RetryPolicy.h"
@@ -80,20 +78,11 @@ private:
       end(nullptr, &error);
       return;
     }
-    const auto wait = std::make_shared<platform::RetryWait>(policy_->waits_for_network());
-    retry_wait_ = wait;
+    retry_wait_ = wait_in_background(*policy_, [self = shared_from_this()] { self->after_wait(); });
+    if (!retry_wait_)
+      return end(nullptr, &error);
     if (const auto& on_retry = settings_->options.on_retry)
       on_retry({custom_error, policy_->wait(), policy_->describe_retry()});
-    try {
-      bramblekit::bg_async(0.0,
-                           [self = shared_from_this(), wait, time = policy_->wait()]() mutable {
-                             wait->wait(time);
-                             MainQueue::async([self = std::move(self)] { self->after_wait(); });
-                           });
-    } catch (...) { // there is no thread to wait on
-      retry_wait_ = nullptr;
-      end(nullptr, &error);
-    }
   }
 
   void after_wait() {

@@ -119,7 +119,7 @@ public:
   static void bg_refuse_foreign_files(Run& run) BG_ONLY;
   bool bg_is_complete(const Run& run) BG_ONLY;
   void bg_check_unfinished(Run& run, bool split_allowed) BG_ONLY;
-  void bg_compare(const Run& run, const ResumeData& record) BG_ONLY;
+  std::optional<std::string> bg_compare(const Run& run, const ResumeData& record) BG_ONLY;
   std::string bg_request_bytes(const URL& link, const platform::BytesRange& range) BG_ONLY;
   bool must_restart(const Run& run) const;
   bool may_clear(const Run& run) const MAIN_ONLY;

@@ -3,6 +3,7 @@
 #include "platform/files/file_manager.h"
 #include "src/LinkIdentity.h"
 #include "src/RavelinOperation_impl.h"
+#include "src/ResponseChecks.h"
 
 #include <algorithm>
 
@@ -46,7 +47,7 @@ BytesRange sample_of(const ResumeData::Part& part) {
 
 /// An unfinished file from another link might be continued with the wrong content. The same length
 /// shows nothing. Links that differ only in the query are taken for one whose content may have
-/// changed, since queries may contain tokens.
+/// changed, since queries may contain tokens; without validators, what is there is compared.
 void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed) {
   const auto& file = run.destination;
   const auto origin = origin_of(file, run.link);
@@ -71,18 +72,28 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed) {
     return;
   if (noted.total && current.total && !has_same_length)
     refuse_link(", and " + *difference);
-  if (!compares)
+  if (!compares && origin == Origin::other_link)
     refuse_unknown(difference);
   if (!is_continued)
     refuse_link(", and it cannot be compared and continued without byte ranges");
-  if (record.received_bytes() < min_received)
-    refuse_link(", and has too few bytes for a comparison");
-  bg_compare(run, record);
+  if (record.received_bytes() < min_received) {
+    if (compares)
+      refuse_link(", and has too few bytes for a comparison");
+    run.must_restart = true;
+    return;
+  }
+  if (const auto different = bg_compare(run, record)) {
+    if (compares)
+      refuse_link(", and bytes " + *different + " are different at the new one");
+    changed_content("bytes " + *different + " are different").rethrow();
+  }
   run.is_compared = true;
 }
 
-/// Bytes that are not on record are not looked at: they will be written again.
-void RavelinOperation::Impl::bg_compare(const Run& run, const ResumeData& record) {
+/// The first range that is different. Bytes that are not on record are not looked at: they will be
+/// written again.
+std::optional<std::string> RavelinOperation::Impl::bg_compare(const Run& run,
+                                                              const ResumeData& record) {
   for (const auto& part : record.parts) {
     const auto range = sample_of(*part);
     if (part->curr_bytes <= 0)
@@ -90,8 +101,9 @@ void RavelinOperation::Impl::bg_compare(const Run& run, const ResumeData& record
     const auto ours = platform::read_range(run.destination, range.start,
                                            static_cast<std::size_t>(range.size()), run.links);
     if (ours != bg_request_bytes(run.link, range))
-      refuse_link(", and bytes " + range.text() + " are different at the new one");
+      return range.text();
   }
+  return std::nullopt;
 }
 
 std::string RavelinOperation::Impl::bg_request_bytes(const URL& link, const BytesRange& range) {

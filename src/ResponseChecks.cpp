@@ -25,13 +25,6 @@ Error refusal(Refusal kind, const std::string& text, const URLResponse& response
   return to_error(std::move(error));
 }
 
-Error changed_content(const std::string& what) {
-  URLLoadingError error(URLError::bad_server_response,
-                        "the content of the link has changed: " + what);
-  error.refusal = Refusal::changed_content;
-  return to_error(std::move(error));
-}
-
 /// Why `response` is not exactly the `asked` range; none if it is.
 std::optional<std::string> describe_wrong_range(const BytesRange& asked,
                                                 const URLResponse& response) {
@@ -62,6 +55,13 @@ std::optional<std::string> describe_change_since(const std::string& started,
 }
 
 } // namespace
+
+Error changed_content(const std::string& what) {
+  URLLoadingError error(URLError::bad_server_response,
+                        "the content of the link has changed: " + what);
+  error.refusal = Refusal::changed_content;
+  return to_error(std::move(error));
+}
 
 std::optional<Error> ResponseChecks::refuse_status(const URLResponse& response,
                                                    bool asked_for_range) const {

@@ -58,4 +58,7 @@ private:
   bool reject_changed_content_ = false;
 };
 
+/// The error for content that is no longer that of the download.
+Error changed_content(const std::string& what);
+
 } // namespace ravelin

@@ -1,8 +1,13 @@
 #include "src/RetryPolicy.h"
 
+#include "bramblekit/background.h"
+#include "ravelin/main_queue.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <random>
+#include <system_error>
+#include <utility>
 
 namespace ravelin {
 namespace {
@@ -129,6 +134,18 @@ bool lacks_resources(const Error& error) {
 
 bool is_lost_connection(const Error& error) {
   return error.code() == URLError::network_connection_lost || error.code() == URLError::timed_out;
+}
+
+std::shared_ptr<platform::RetryWait> wait_in_background(const RetryPolicy& policy,
+                                                        std::function<void()> after) try {
+  auto wait = std::make_shared<platform::RetryWait>(policy.waits_for_network());
+  bramblekit::bg_async(0.0, [wait, time = policy.wait(), after = std::move(after)]() mutable {
+    wait->wait(time);
+    MainQueue::async(std::move(after));
+  });
+  return wait;
+} catch (const std::system_error&) {
+  return nullptr;
 }
 
 } // namespace ravelin

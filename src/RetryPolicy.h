@@ -1,10 +1,13 @@
 #pragma once
 
+#include "platform/network/retry_wait.h"
 #include "ravelin/options.h"
 #include "ravelin/status.h"
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -51,5 +54,10 @@ bool is_refused_for_now(const Error& error);
 bool lacks_resources(const Error& error);
 /// Whether the connection was lost or timed out.
 bool is_lost_connection(const Error& error);
+
+/// Calls `after` on the main thread when the policy's wait is over or was interrupted. Null if
+/// there is no thread to wait on. Main thread.
+std::shared_ptr<platform::RetryWait> wait_in_background(const RetryPolicy& policy,
+                                                        std::function<void()> after);
 
 } // namespace ravelin

@@ -79,8 +79,9 @@ struct [[gnu::visibility("default")]] Options {
   /// - a second process, or a download whose resume record has the same name, is refused;
   /// - an unfinished file without a record, or shorter than its record says, is downloaded again;
   /// - a file from another link is refused, unless it is unfinished and the new link has the same
-  ///   strong ETag or, where one of them has none, the same Last-Modified and length; an unfinished
-  ///   one from a link that differs only in the query starts again if the content has changed;
+  ///   strong ETag or, where one of them has none, the same Last-Modified and length. If only the
+  ///   query differs and neither is known, the last 64 KiB of each part are compared, and any
+  ///   difference counts as changed content;
   /// - a complete file that is not known to be from exactly this link is accepted only if it has
   ///   the length of the content;
   /// - in a directory that other users may write to, a file or record that is a symbolic link or

@@ -3,6 +3,7 @@
 /// The whole C++ interface. The C interface is <ravelin/ravelin.h>.
 
 #include "ravelin/async.h"
+#include "ravelin/content_request.h"
 #include "ravelin/error.h"
 #include "ravelin/main_queue.h"
 #include "ravelin/options.h"

@@ -33,6 +33,7 @@ const std::map<std::string, Reply> replies = {
     {"cut", {.body = body, .cut_after = 5000}},
     {"cut1", {.headers = {{"ETag", "\"1\""}}, .body = body, .cut_after = 5000}},
     {"bare", {.body = body}},
+    {"barely", {.body = body, .piece = 2000, .piece_delay = 50ms}},
     {"other", {.body = body.substr(9) + body.substr(0, 9)}},
     {"empty", {.accept_ranges = false}},
     {"mute", {.header_delay = 1h}},
@@ -279,6 +280,8 @@ TEST(Program, stops_and_continues) {
       {"begin $at/f?slow; saved; stop KILL; get -o f $at/g?bare; get --same-file -o f $at/g?other; "
        "get --same-file -o f $at/g?bare",
        0, "^.*unknown .*same; use --same-file .*\n.*are different.*\n$", "f "},
+      {"begin $at/f?barely; saved; stop KILL; get --on-change fail $at/f?other; get $at/f?bare", 0,
+       "^.*changed: bytes .* are different.*\n$", "f "},
       {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
