@@ -47,8 +47,10 @@ public:
   /// The part needs no request of its own any more. Returns the one that it had, if any.
   std::shared_ptr<PartialDataOpr> take_over(std::int64_t part);
   void has_received(std::int64_t part, std::int64_t bytes) { at(part).received += bytes; }
-  /// Returns whether its request was cancelled for being slow.
+  /// Returns whether its request was given up.
   bool has_ended(std::int64_t part);
+  /// Its request will be cancelled, and replaced when it has ended.
+  void give_up(std::int64_t part) { at(part).is_given_up = true; }
   bool is_given_up(std::int64_t part) const;
   bool another_is_open(std::int64_t part) const;
   /// Whether the lost connection of the part may be replaced. If so, counts the replacement.

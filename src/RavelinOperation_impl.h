@@ -147,7 +147,8 @@ public:
   ResumeData::Part& record_of_part(std::int64_t index) const MAIN_ONLY;
   Progress advance_progress() MAIN_ONLY;
   void bg_after_receive_data(PartialDataOpr& request) BG_ONLY;
-  bool requeue_part(const URL& link, std::int64_t part_index, const Error& error) MAIN_ONLY;
+  bool requeue_part(const URL& link, std::int64_t part_index,
+                    const std::shared_ptr<PartialDataOpr>& request, const Error& error) MAIN_ONLY;
   void replace_slow_part() MAIN_ONLY;
   void end_part(const URL& link, std::int64_t part_index,
                 const std::shared_ptr<PartialDataOpr>& request) MAIN_ONLY;
@@ -173,7 +174,9 @@ public:
   std::int64_t unsaved_bytes MAIN_STATE = 0; // arrived since the last save was queued
   SpeedMeter speed_meter MAIN_STATE;
   PartSchedule parts MAIN_STATE;
-  std::int64_t reached_part MAIN_STATE = 0;      // by the response with the whole content
+  // Takes the content of a split download from the response to the header request.
+  std::shared_ptr<PartialDataOpr> whole_request MAIN_STATE;
+  std::int64_t reached_part MAIN_STATE = 0;      // by that request
   std::optional<Error> holding_error MAIN_STATE; // the server's wish to wait before more requests
   std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry
   std::unique_ptr<DestinationLock> destination_lock; // belongs to the background flow while it runs

@@ -20,6 +20,16 @@ using platform::checked_add;
 using platform::checked_subtract;
 using platform::Semaphore;
 
+namespace {
+
+/// Whether it says nothing about the content.
+bool is_refused_range(const URLLoadingError& error) {
+  using Refusal = URLLoadingError::Refusal;
+  return error.refusal == Refusal::http_status || error.refusal == Refusal::range;
+}
+
+} // namespace
+
 ResumeData::Part& RavelinOperation::Impl::record_of_part(std::int64_t index) const {
   if (!file_proc || !file_proc->resume_data || index < 0 ||
       index >= static_cast<std::int64_t>(file_proc->resume_data->parts.size()))
@@ -31,6 +41,7 @@ void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
                                          HeldResponse held_response) {
   parts = PartSchedule(settings->options);
   holding_error.reset();
+  whole_request = nullptr;
   if (!should_split) {
     start_download(link, 0, false, std::move(held_response));
     return;
@@ -76,12 +87,13 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
     data_opr_sema = std::make_shared<Semaphore>(0U);
   parts.has_started(part_index, request);
   using Event = PartialDataOpr::Status;
-  const bool is_whole_of_split = !use_range && file_proc->split_count;
-  if (is_whole_of_split)
+  if (!use_range && file_proc->split_count) {
+    whole_request = request;
     reached_part = part_index;
-  const auto handler = [this, keep = self(), link, is_whole_of_split, request,
+  }
+  const auto handler = [this, keep = self(), link, request,
                         part_index](const Event& event) MAIN_ONLY {
-    const auto part = is_whole_of_split ? reached_part : part_index;
+    const auto part = request == whole_request ? reached_part : part_index;
     std::visit(match{
                    [&](const Event::started& started) MAIN_ONLY {
                      bramblekit::suppress_warns_for(started.content_length);
@@ -90,7 +102,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
                    },
                    [](const Event::connecting&) {},
                    [&](const Event::did_receive_data& received) MAIN_ONLY {
-                     if (is_whole_of_split)
+                     if (request == whole_request)
                        did_receive_whole(received.progress.data, request);
                      else
                        did_receive_data(part, received.progress.data);
@@ -99,7 +111,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
                    [&](const Event::bg_after_receive_data&) { bg_after_receive_data(*request); },
                    [&](const Event::error& failed) MAIN_ONLY {
                      if (parts.is_served_by(part, request) &&
-                         !requeue_part(link, part, failed.error))
+                         !requeue_part(link, part, request, failed.error))
                        download_exception = failed.error;
                      end_part(link, part, request);
                    },
@@ -144,7 +156,8 @@ void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
     const bool is_last = reached_part == split_count - 1;
     const auto size =
         is_last ? data.size() - done : std::min(data.size() - done, static_cast<std::size_t>(room));
-    did_receive_data(reached_part, data.part(done, size));
+    if (size > 0) // the first parts of less than five bytes are empty
+      did_receive_data(reached_part, data.part(done, size));
     done += size;
     if (!is_last && static_cast<std::int64_t>(size) == room && !go_on_with_next_part(request))
       return;
@@ -152,7 +165,7 @@ void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
 }
 
 bool RavelinOperation::Impl::go_on_with_next_part(const std::shared_ptr<PartialDataOpr>& request) {
-  const bool is_faster = record_of_part(reached_part + 1).curr_bytes == 0 &&
+  const bool is_faster = !download_exception && record_of_part(reached_part + 1).curr_bytes == 0 &&
                          parts.is_faster_than_next(reached_part, response_time);
   parts.take_over(reached_part);
   if (!is_faster) {
@@ -189,21 +202,33 @@ void RavelinOperation::Impl::bg_after_receive_data(PartialDataOpr& request) {
 /// Whether the failed part is requested again, at once or when a connection is free, instead of
 /// ending the run.
 bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_index,
+                                          const std::shared_ptr<PartialDataOpr>& request,
                                           const Error& error) {
   const bool is_split = file_proc->split_count.has_value();
   if (!is_split || opr.is_cancelled() || download_exception || file_proc->exception.get())
     return false;
+  if (request == whole_request) { // without it, the part would have had a request of its own
+    parts.wait_for_connection(part_index);
+    return true;
+  }
+  const auto* const loading = error.get_if<URLLoadingError>();
+  const bool whole_may_bring_it =
+      whole_request && part_index > reached_part && record_of_part(part_index).curr_bytes == 0;
   const bool may_retry = settings->options.retry && settings->options.retry->max_attempts > 0;
   if (may_retry && (is_refused_for_now(error) || lacks_resources(error)) &&
       parts.another_is_open(part_index)) {
     parts.limit_connections(partial_data_oprs.size() - 1);
     parts.wait_for_connection(part_index);
-    const auto* const loading = error.get_if<URLLoadingError>();
     if (loading && loading->retry_after) {
       parts.hold_until(PartSchedule::Clock::now() + *loading->retry_after);
       holding_error = error;
     }
     log("'" + without_password(link.text()) + "': using fewer connections: " + error.text());
+    return true;
+  }
+  if (whole_may_bring_it && loading && is_refused_range(*loading)) {
+    parts.limit_connections(partial_data_oprs.size() - 1); // until another one has ended
+    parts.wait_for_connection(part_index);
     return true;
   }
   if (!is_lost_connection(error) || !parts.may_replace(part_index))
@@ -227,11 +252,18 @@ void RavelinOperation::Impl::replace_slow_part() {
 void RavelinOperation::Impl::end_part(const URL& link, std::int64_t part_index,
                                       const std::shared_ptr<PartialDataOpr>& request) {
   partial_data_oprs.erase(request);
+  if (request == whole_request)
+    whole_request = nullptr;
   if (parts.is_served_by(part_index, request) && parts.has_ended(part_index) &&
       !download_exception && !opr.is_cancelled())
     parts.wait_for_connection(part_index); // its request was slow
   if (!download_exception)
     start_waiting_parts(link);
+  if (whole_request && partial_data_oprs.size() == 1 && !parts.has_waiting() &&
+      !opr.is_cancelled() && record_of_part(reached_part).curr_bytes == 0) {
+    parts.give_up(reached_part); // all others have ended, and it has sent nothing
+    whole_request->cancel();
+  }
   if (!partial_data_oprs.empty())
     return;
   if (parts.has_waiting() && !download_exception) // cancelled, or the server wants to be left alone

@@ -94,15 +94,24 @@ TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
   const Reply never{.header_delay = 10s};
   const std::tuple<Reply, Reply, int, std::string> cases[] = {
       {fast, never, 5, "(100-199 )?(200-299 )?(300-399 )?(400-499 )?all"},
-      {slow, Reply{.body = body}, 5, "100-199 200-299 300-399 400-499 all"},
+      {slow, Reply{.body = body}, 5, "(0-99 )?100-199 200-299 300-399 400-499 all"},
       {cut, Reply{.body = body, .header_delay = 1s}, 5,
        "(100-199 )?150-199 200-299 300-399 400-499 all"},
       {cut, Reply{.body = body}, 1, "150-199 200-299 300-399 400-499 all"},
-      {fast, never, 1, "all"}};
+      {fast, never, 1, "all"},
+      {{.body = body, .header_delay = 60ms, .piece = 50, .piece_delay = 20ms},
+       {.body = body, .honour_ranges = false},
+       5,
+       "100-199 200-299 300-399 400-499 all"},
+      {{.body = body, .header_delay = 60ms, .stall_after = 0},
+       {.body = body},
+       5,
+       "0-99 100-199 200-299 300-399 400-499 all"}};
   for (const auto& [first, others, connections, requests] : cases) {
     SCOPED_TRACE(requests);
     Options options;
     options.retry = Retry{.max_attempts = 1};
+    options.require_exact_ranges = true;
     options.max_connections = connections;
     options.reuse_header_response = true;
     serve([&](const Request& request) { return request.index == 0 ? first : others; });
