@@ -29,14 +29,14 @@ public:
   struct Callbacks {
     /// Called on the main thread before the first bytes; again if a retry starts from the
     /// beginning.
-    std::function<void(const Response& response)> on_response;
+    std::function<void(const Response& response)> on_response = {};
     /// Called on the main thread before each call of `on_bytes`, with the bytes of that included.
-    std::function<void(const Progress& progress)> on_progress;
+    std::function<void(const Progress& progress)> on_progress = {};
     /// Called on a library thread, one call at a time. The transfer is held back while it runs. An
     /// exception from it ends the request with that error.
-    std::function<void(std::string_view bytes)> on_bytes;
+    std::function<void(std::string_view bytes)> on_bytes = {};
     /// Called last and once, on the main thread. `error` is null unless the request has failed.
-    std::function<void(End end, const Error* error)> on_end;
+    std::function<void(End end, const Error* error)> on_end = {};
   };
 
   /// Options that are not set are taken from the default options of the process.
