@@ -23,6 +23,7 @@ namespace ravelin {
 /// that goes on.
 class [[gnu::visibility("default")]] ContentRequest {
 public:
+  /// How a request has ended.
   enum class End { complete, cancelled, failed };
 
   /// None of them may throw, except `on_bytes`. Each may be empty.
@@ -49,6 +50,7 @@ public:
   void start(const URL& link, Callbacks callbacks);
   /// Ends the request as soon as `on_bytes` returns. Without effect after the end.
   void cancel();
+  /// The current speed and the estimated time left. Waits for the main thread on another one.
   RavelinOperation::Speed speed() const;
 
 private:
