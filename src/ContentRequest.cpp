@@ -9,6 +9,7 @@
 #include "src/RetryPolicy.h"
 #include "src/SpeedMeter.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace ravelin {
@@ -23,11 +24,16 @@ public:
       : own_options_(platform::with_functions_freed_on_main(std::move(options))) {}
 
   void start(const URL& link, Callbacks callbacks) {
+    if (settings_)
+      throw std::logic_error("a content request can be started only once");
     settings_ = platform::RequestSettings::snapshot(own_options_);
     policy_.emplace(settings_->options.retry.value_or(Retry{}));
     link_ = link;
     callbacks_ = std::move(callbacks);
-    request_header();
+    if (is_cancelled_)
+      MainQueue::async([self = shared_from_this()] { self->end(End::cancelled); });
+    else
+      request_header();
   }
 
   void cancel() {

@@ -37,6 +37,20 @@ constexpr const char* advice = "; delete it or choose another file";
   throw TextError(from_another + reason + advice);
 }
 
+/// Otherwise what has arrived would be thrown away, for example for the page that a link leads to
+/// after it has expired.
+void refuse_other_length(const ResumeData& record, std::optional<std::int64_t> length) {
+  const auto before = record.content_length;
+  if (!record.is_splitted || record.received_bytes() == 0 || !before || before == length)
+    return;
+  const auto& last = *record.parts.back();
+  if (last.begin_pos > *before || last.total_bytes_expected != *before - last.begin_pos)
+    return; // a damaged record, which is another error
+  changed_content("its length was " + std::to_string(*before) + " and is now " +
+                  (length ? std::to_string(*length) : "unknown"))
+      .rethrow();
+}
+
 /// The last bytes of a part that have arrived.
 BytesRange sample_of(const ResumeData::Part& part) {
   const auto end = part.begin_pos + part.curr_bytes;
@@ -49,11 +63,11 @@ BytesRange sample_of(const ResumeData::Part& part) {
 /// shows nothing. Links that differ only in the query are taken for one whose content may have
 /// changed, since queries may contain tokens; without validators, what is there is compared.
 void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed) {
+  run.is_compared = false;
   const auto& file = run.destination;
   const auto origin = origin_of(file, run.link);
   const bool compares = settings->options.compare_new_link.value_or(false);
-  if (!checks_destination() || run.must_restart || origin == Origin::same_link ||
-      (origin == Origin::unknown && !compares) ||
+  if (!checks_destination() || run.must_restart ||
       !platform::FileManager::default_manager().file_exists(file))
     return;
   const auto found = FileProcessor::read_resume_data(file);
@@ -63,10 +77,16 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed) {
     return std::pair(probed_version,
                      can_split(split_allowed, ranges_accepted, content_len, settings->options));
   });
+  if (split_allowed && origin != Origin::other_link &&
+      settings->options.reject_changed_content.value_or(false))
+    refuse_other_length(record, current.total);
+  if (origin == Origin::same_link || (origin == Origin::unknown && !compares))
+    return;
   const bool has_same_length = noted.total && noted.total == current.total;
   const bool is_continued = record.is_splitted && splits && has_same_length;
   const auto difference = describe_difference(noted, current);
-  if (origin != Origin::other_link && (!is_continued || record.received_bytes() == 0 || difference))
+  if (origin != Origin::other_link &&
+      (!is_continued || record.received_bytes() == 0 || (difference && !compares)))
     return; // it starts again, or is refused as changed
   if (is_shown_equal(noted, current) && !compares)
     return;

@@ -91,8 +91,8 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
     whole_request = request;
     reached_part = part_index;
   }
-  const auto handler = [this, keep = self(), link, request,
-                        part_index](const Event& event) MAIN_ONLY {
+  const PartialDataOpr::StatusClosure on_main = [this, keep = self(), link, request,
+                                                 part_index](const Event& event) MAIN_ONLY {
     const auto part = request == whole_request ? reached_part : part_index;
     std::visit(match{
                    [&](const Event::started& started) MAIN_ONLY {
@@ -108,7 +108,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
                        did_receive_data(part, received.progress.data);
                      replace_slow_part();
                    },
-                   [&](const Event::bg_after_receive_data&) { bg_after_receive_data(*request); },
+                   [](const Event::bg_after_receive_data&) {},
                    [&](const Event::error& failed) MAIN_ONLY {
                      if (parts.is_served_by(part, request) &&
                          !requeue_part(link, part, request, failed.error))
@@ -126,7 +126,12 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
                },
                event.value);
   };
-  request->request(link, range, handler);
+  request->request(link, range, [this, request, on_main](const Event& event) {
+    if (std::holds_alternative<Event::bg_after_receive_data>(event.value))
+      bg_after_receive_data(*request);
+    else
+      on_main(event);
+  });
 }
 
 void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const platform::Data& data) {

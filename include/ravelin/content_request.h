@@ -46,7 +46,7 @@ public:
   ContentRequest(const ContentRequest&) = delete;
   ContentRequest& operator=(const ContentRequest&) = delete;
 
-  /// Returns at once. Once.
+  /// Returns at once. A second call throws `std::logic_error`.
   void start(const URL& link, Callbacks callbacks);
   /// Ends the request as soon as `on_bytes` returns. Without effect after the end.
   void cancel();

@@ -36,6 +36,7 @@ const std::map<std::string, Reply> replies = {
     {"barely", {.body = body, .piece = 2000, .piece_delay = 50ms}},
     {"other", {.body = body.substr(9) + body.substr(0, 9)}},
     {"empty", {.accept_ranges = false}},
+    {"short", {.body = "not found", .accept_ranges = false}},
     {"mute", {.header_delay = 1h}},
     {"lost", {.close_at_once = true}},
     {"moved", {.status = 302, .headers = {{"Location", "/elsewhere"}}}},
@@ -284,6 +285,8 @@ TEST(Program, stops_and_continues) {
        "^.*changed: bytes .* are different.*\n$", "f "},
       {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
+      {"begin $at/f?v1+named; saved; stop KILL; get --on-change fail $at/f?short; get $at/f?bare", 0,
+       "^.*changed: its length was 400003 and is now 9;.*\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
     rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
