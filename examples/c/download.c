@@ -1,8 +1,8 @@
 /* Downloads one link to one file: download LINK FILE
  *
  * With ravelin installed: gcc download.c $(pkg-config --cflags --libs ravelin) -o download
- * If ravelin was built with -DBUILD_SHARED_LIBS=ON, this links libravelin.so; set LD_LIBRARY_PATH if
- * the loader does not find it. */
+ * If ravelin was built with -DBUILD_SHARED_LIBS=ON, this links libravelin.so; set LD_LIBRARY_PATH
+ * if the loader does not find it. */
 
 #include <ravelin/ravelin.h>
 

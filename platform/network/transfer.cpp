@@ -23,8 +23,8 @@ constexpr std::size_t max_drained_bytes = 64 * 1024; // of an unwanted body
 
 /// Fields that would break what the library asks for itself.
 bool is_reserved(const std::string& name) {
-  constexpr std::string_view names[] = {"Accept-Encoding", "Connection", "Content-Length", "If-Range",
-                                        "Range", "Transfer-Encoding"};
+  constexpr std::string_view names[] = {"Accept-Encoding", "Connection", "Content-Length",
+                                        "If-Range",        "Range",      "Transfer-Encoding"};
   return std::ranges::any_of(names,
                              [&](auto reserved) { return equal_ignoring_case(name, reserved); });
 }

@@ -48,7 +48,7 @@ struct URLRequest {
   std::chrono::milliseconds time_out_interval = std::chrono::seconds(60); // idle time
   std::optional<BytesRange> range;
   std::optional<std::string> if_range; // the strong ETag for which only the range is wanted
-  bool header_suffices = false; // do not read the body before the delegate allows it
+  bool header_suffices = false;        // do not read the body before the delegate allows it
 };
 
 enum class ResponseDisposition { cancel, allow };

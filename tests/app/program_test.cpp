@@ -285,8 +285,8 @@ TEST(Program, stops_and_continues) {
        "^.*changed: bytes .* are different.*\n$", "f "},
       {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
-      {"begin $at/f?v1+named; saved; stop KILL; get --on-change fail $at/f?short; get $at/f?bare", 0,
-       "^.*changed: its length was 400003 and is now 9;.*\n$", "f "},
+      {"begin $at/f?v1+named; saved; stop KILL; get --on-change fail $at/f?short; get $at/f?bare",
+       0, "^.*changed: its length was 400003 and is now 9;.*\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
     rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
