@@ -138,6 +138,7 @@ public:
   // The parts of the transfer.
   void start_parts(const URL& link, bool should_split, HeldResponse held_response) MAIN_ONLY;
   void start_waiting_parts(const URL& link) MAIN_ONLY;
+  std::shared_ptr<PartialDataOpr> new_request() MAIN_ONLY;
   void start_download(const URL& link, std::int64_t part_index, bool use_range,
                       HeldResponse held_response = nullptr) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;

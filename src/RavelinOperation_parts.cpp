@@ -66,6 +66,18 @@ void RavelinOperation::Impl::start_waiting_parts(const URL& link) {
   }
 }
 
+/// A request that the end of the run waits for.
+std::shared_ptr<PartialDataOpr> RavelinOperation::Impl::new_request() {
+  auto request = std::make_shared<PartialDataOpr>();
+  request->settings = settings;
+  request->expected_version = probed_version;
+  request->expected_version->begun = file_proc->resume_data->server_side_date;
+  partial_data_oprs.insert(request);
+  if (!data_opr_sema)
+    data_opr_sema = std::make_shared<Semaphore>(0U);
+  return request;
+}
+
 void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_index,
                                             bool use_range, HeldResponse held_response) {
   bramblekit::assert_main_thread("start_download(for:part_index:use_range:)");
@@ -77,14 +89,8 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
     const auto end = checked_add(part.begin_pos, part.total_bytes_expected);
     range = {checked_add(part.begin_pos, part.curr_bytes), checked_subtract(end, 1)};
   }
-  const auto request = std::make_shared<PartialDataOpr>();
-  request->settings = settings;
+  const auto request = new_request();
   request->held_response = std::move(held_response);
-  request->expected_version = probed_version;
-  request->expected_version->begun = file_proc->resume_data->server_side_date;
-  partial_data_oprs.insert(request);
-  if (!data_opr_sema)
-    data_opr_sema = std::make_shared<Semaphore>(0U);
   parts.has_started(part_index, request);
   using Event = PartialDataOpr::Status;
   if (!use_range && file_proc->split_count) {
