@@ -56,7 +56,8 @@ public:
     bool is_complete;
     bool must_restart; // replace existing files once the server has answered
     platform::Links links = platform::Links::followed;
-    bool is_compared = false; // what is there was found at the link, although it is another one
+    bool is_compared = false; // what is there was found at the link by comparing
+    bool has_content = false; // has begun the content, or checked what was there of it
   };
 
   // The public flow.
@@ -112,21 +113,25 @@ public:
   void bg_wait_to_retry(std::chrono::milliseconds time) BG_ONLY;
   void log(const std::string& line) const noexcept MAIN_ONLY;
 
+  using HeldResponse = std::unique_ptr<platform::HeldResponse>;
+
   // Checking the files at the destination.
   static bool remove_marks(const URL& file);
   bool checks_destination() const;
   void bg_lock_destination(Run& run) BG_ONLY;
   static void bg_refuse_foreign_files(Run& run) BG_ONLY;
   bool bg_is_complete(const Run& run) BG_ONLY;
-  void bg_check_unfinished(Run& run, bool split_allowed) BG_ONLY;
-  std::optional<std::string> bg_compare(const Run& run, const ResumeData& record) BG_ONLY;
+  void bg_check_unfinished(Run& run, bool split_allowed, HeldResponse& held_response) BG_ONLY;
+  void bg_compare_with_own_link(Run& run, const ResumeData& record, HeldResponse& held_response)
+      BG_ONLY;
+  std::optional<std::string> bg_compare(Run& run, const ResumeData& record,
+                                        HeldResponse& held_response) BG_ONLY;
   std::string bg_request_bytes(const URL& link, const platform::BytesRange& range) BG_ONLY;
   bool must_restart(const Run& run) const;
   bool may_clear(const Run& run) const MAIN_ONLY;
   void check_finished_file() const MAIN_ONLY;
 
   // The transfer.
-  using HeldResponse = std::unique_ptr<platform::HeldResponse>;
   HeldResponse bg_request_http_header(const URL& link, bool split_allowed) BG_ONLY;
   void bg_start_connections(Run& run, bool split_allowed, HeldResponse held_response) BG_ONLY;
   bool bg_prepare_files(Run& run, bool split_allowed) BG_ONLY;

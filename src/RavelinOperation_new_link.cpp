@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-// Whether an unfinished file may be continued from another link.
+// Whether an unfinished file may be continued, from its own link or another one.
 
 namespace ravelin {
 
@@ -51,6 +51,17 @@ void refuse_other_length(const ResumeData& record, std::optional<std::int64_t> l
       .rethrow();
 }
 
+/// What has arrived is kept; the server may be one of several, or soon be itself again.
+void refuse_without_ranges(const ResumeData& record) {
+  if (!record.is_splitted || record.received_bytes() == 0)
+    return;
+  URLLoadingError error(URLError::bad_server_response,
+                        "the unfinished file cannot be continued, because the server no longer "
+                        "offers byte ranges");
+  error.refusal = URLLoadingError::Refusal::changed_content;
+  throw error;
+}
+
 /// The last bytes of a part that have arrived.
 BytesRange sample_of(const ResumeData::Part& part) {
   const auto end = part.begin_pos + part.curr_bytes;
@@ -62,28 +73,37 @@ BytesRange sample_of(const ResumeData::Part& part) {
 /// An unfinished file from another link might be continued with the wrong content. The same length
 /// shows nothing. Links that differ only in the query are taken for one whose content may have
 /// changed, since queries may contain tokens; without validators, what is there is compared.
-void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed) {
+void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
+                                                 HeldResponse& held_response) {
   run.is_compared = false;
   const auto& file = run.destination;
-  const auto origin = origin_of(file, run.link);
-  const bool compares = settings->options.compare_new_link.value_or(false);
-  if (!checks_destination() || run.must_restart ||
+  const bool checks = checks_destination();
+  const auto origin = checks ? origin_of(file, run.link) : Origin::unknown;
+  const bool compares = checks && settings->options.compare_new_link.value_or(false);
+  const bool rejects_changes = settings->options.reject_changed_content.value_or(false);
+  if ((!checks && !rejects_changes) || must_restart(run) ||
       !platform::FileManager::default_manager().file_exists(file))
     return;
   const auto found = FileProcessor::read_resume_data(file);
   const auto record = found ? *found : ResumeData();
   const auto noted = noted_version(file, record);
-  const auto [current, splits] = main_sync([&]() MAIN_ONLY {
-    return std::pair(probed_version,
-                     can_split(split_allowed, ranges_accepted, content_len, settings->options));
+  const auto [current, has_ranges, splits] = main_sync([&]() MAIN_ONLY {
+    return std::tuple(probed_version, ranges_accepted,
+                      can_split(split_allowed, ranges_accepted, content_len, settings->options));
   });
-  if (split_allowed && origin != Origin::other_link &&
-      settings->options.reject_changed_content.value_or(false))
+  const bool is_own = origin == Origin::same_link || (origin == Origin::unknown && !compares);
+  if (split_allowed && checks && rejects_changes && origin != Origin::other_link) {
     refuse_other_length(record, current.total);
-  if (origin == Origin::same_link || (origin == Origin::unknown && !compares))
-    return;
+    if (!has_ranges && is_own)
+      refuse_without_ranges(record);
+  }
   const bool has_same_length = noted.total && noted.total == current.total;
   const bool is_continued = record.is_splitted && splits && has_same_length;
+  if (is_own) {
+    if (rejects_changes && is_continued && record.is_valid() && record.has_counts_within_parts())
+      bg_compare_with_own_link(run, record, held_response);
+    return;
+  }
   const auto difference = describe_difference(noted, current);
   if (origin != Origin::other_link &&
       (!is_continued || record.received_bytes() == 0 || (difference && !compares)))
@@ -96,24 +116,38 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed) {
     refuse_unknown(difference);
   if (!is_continued)
     refuse_link(", and it cannot be compared and continued without byte ranges");
-  if (record.received_bytes() < min_received) {
-    if (compares)
-      refuse_link(", and has too few bytes for a comparison");
-    run.must_restart = true;
-    return;
-  }
-  if (const auto different = bg_compare(run, record)) {
-    if (compares)
-      refuse_link(", and bytes " + *different + " are different at the new one");
+  if (record.received_bytes() < min_received && compares)
+    refuse_link(", and has too few bytes for a comparison");
+  const auto different = bg_compare(run, record, held_response);
+  if (different && compares)
+    refuse_link(", and bytes " + *different + " are different at the new one");
+  if (different)
     changed_content("bytes " + *different + " are different").rethrow();
-  }
-  run.is_compared = true;
+}
+
+/// Where no ETag or date shows that the content of a link is still the same, what an earlier run
+/// received is compared. What this run receives is not: it would cost as many requests at each
+/// retry.
+void RavelinOperation::Impl::bg_compare_with_own_link(Run& run, const ResumeData& record,
+                                                      HeldResponse& held_response) {
+  const auto noted = noted_version(run.destination, record);
+  const auto current = main_sync([&]() MAIN_ONLY { return probed_version; });
+  if (run.has_content || record.received_bytes() == 0 || is_shown_equal(noted, current) ||
+      ResponseChecks(settings->options).refuse_continuing(noted, current))
+    return; // if it is refused, then with its files open
+  if (const auto different = bg_compare(run, record, held_response))
+    changed_content("bytes " + *different + " are different").rethrow();
 }
 
 /// The first range that is different. Bytes that are not on record are not looked at: they will be
-/// written again.
-std::optional<std::string> RavelinOperation::Impl::bg_compare(const Run& run,
-                                                              const ResumeData& record) {
+/// written again. If there are too few for a comparison, the download restarts.
+std::optional<std::string> RavelinOperation::Impl::bg_compare(Run& run, const ResumeData& record,
+                                                              HeldResponse& held_response) {
+  if (record.received_bytes() < min_received) {
+    run.must_restart = true;
+    return std::nullopt;
+  }
+  held_response = nullptr; // the server may allow only one connection
   for (const auto& part : record.parts) {
     const auto range = sample_of(*part);
     if (part->curr_bytes <= 0)
@@ -123,6 +157,7 @@ std::optional<std::string> RavelinOperation::Impl::bg_compare(const Run& run,
     if (ours != bg_request_bytes(run.link, range))
       return range.text();
   }
+  run.is_compared = true;
   return std::nullopt;
 }
 

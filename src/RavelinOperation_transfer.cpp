@@ -103,7 +103,7 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
 
 void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
                                                   HeldResponse held_response) {
-  bg_check_unfinished(run, split_allowed);
+  bg_check_unfinished(run, split_allowed, held_response);
   const bool should_split = bg_prepare_files(run, split_allowed);
   std::optional<Error> error;
   try {
@@ -165,6 +165,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
     destination_lock->start();
   file_proc->setup();
   run.must_restart = false; // the files are this run's own now
+  run.has_content = true;
   return should_split;
 }
 

@@ -35,6 +35,8 @@ const std::map<std::string, Reply> replies = {
     {"bare", {.body = body}},
     {"barely", {.body = body, .piece = 2000, .piece_delay = 50ms}},
     {"other", {.body = body.substr(9) + body.substr(0, 9)}},
+    {"older", {.body = pattern(body.size(), 2), .piece = 2000, .piece_delay = 50ms}},
+    {"whole", {.body = body, .accept_ranges = false}},
     {"empty", {.accept_ranges = false}},
     {"short", {.body = "not found", .accept_ranges = false}},
     {"mute", {.header_delay = 1h}},
@@ -287,6 +289,12 @@ TEST(Program, stops_and_continues) {
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
       {"begin $at/f?v1+named; saved; stop KILL; get --on-change fail $at/f?short; get $at/f?bare",
        0, "^.*changed: its length was 400003 and is now 9;.*\n$", "f "},
+      {"begin $at/f?older+bare; saved; stop KILL; get --on-change fail $at/f?older+bare; "
+       "get $at/f?older+bare",
+       0, "^.*: bytes .* are different; use.*\n.*different; downloading it again\n$", "f "},
+      {"begin $at/f?v1+whole; saved; stop KILL; get --on-change fail $at/f?v1+whole; "
+       "get $at/f?v1+whole",
+       0, "^.*no longer offers byte ranges; use.*\n.*ranges; downloading it again\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
     rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});

@@ -236,6 +236,25 @@ TEST_F(ConflictTest, continues_from_another_link_what_is_shown_to_be_the_same_th
   }
 }
 
+TEST_F(ConflictTest, compares_once_what_came_from_a_link_that_tells_no_version) {
+  const std::string whole = pattern(10'000);
+  serve([&](const Request& request) {
+    const bool is_refused = request.index > 11 && request.index < 17; // what follows the samples
+    return Reply{.status = is_refused ? 503 : 200,
+                 .body = whole,
+                 .stall_after = request.index < 6 ? Position(500) : Position()};
+  });
+  auto options = Options::careful();
+  options.retry = Retry{.max_attempts = 1};
+  cancel(start_until(2500, {.opr = std::make_shared<RavelinOperation>(options)}));
+  const auto& run = download({.opr = std::make_shared<RavelinOperation>(options)});
+  EXPECT_EQ(run.story, "ccsd+") << run.error_text;
+  EXPECT_EQ(dir.read("file.bin"), whole);
+  EXPECT_EQ(asked(), "0-1999 0-499 2000-2499 2000-3999 2500-3999 2500-3999 4000-4499 4000-5999 "
+                     "4500-5999 4500-5999 500-1999 500-1999 6000-6499 6000-7999 6500-7999 "
+                     "6500-7999 8000-8499 8000-9999 8500-9999 8500-9999 all all all");
+}
+
 TEST_F(ConflictTest, refuses_what_others_may_have_put_in_the_place_of_its_files) {
   serve(Reply{.body = pattern(1000)});
   dir.write("victim", "untouched");
