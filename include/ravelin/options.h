@@ -63,7 +63,8 @@ struct [[gnu::visibility("default")]] Options {
   /// request the whole content.
   std::optional<bool> require_exact_ranges;
   /// All responses of a download must have the same version of the content, and a download is
-  /// resumed only if the content has not changed.
+  /// resumed only if the content has not changed. If neither ETag nor date shows that, the last
+  /// 64 KiB of each part that an earlier run has received are requested and compared.
   std::optional<bool> reject_changed_content;
 
   /// A redirect from https to http is not followed.
