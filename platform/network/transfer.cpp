@@ -33,6 +33,14 @@ bool has_line_break(const std::string& text) {
   return text.find_first_of("\r\n") != std::string::npos;
 }
 
+std::string seconds_text(std::chrono::duration<double> time) {
+  auto text = std::to_string(time.count());
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.ends_with('.'))
+    text.pop_back();
+  return text + " seconds";
+}
+
 } // namespace
 
 Transfer::Transfer(CURLM* multi, CURLSH* shared, std::shared_ptr<DataTask> task,
@@ -88,6 +96,7 @@ std::optional<Transfer::Outcome> Transfer::send() {
   if (added != CURLM_OK)
     return Outcome{url_error(URLError::unknown, curl_multi_strerror(added))};
   touch_deadline();
+  sent_at_ = last_activity_;
   return std::nullopt;
 }
 
@@ -255,18 +264,19 @@ Error Transfer::not_http_error() {
 Transfer::Clock::time_point Transfer::deadline() const {
   if (redirect_deadline_)
     return *redirect_deadline_;
-  return paused_ ? Clock::time_point::max() : last_activity_ + idle_timeout_;
+  if (paused_)
+    return Clock::time_point::max();
+  const auto idle_deadline = last_activity_ + idle_timeout_;
+  return response_reported_ ? idle_deadline : std::min(idle_deadline, header_deadline());
 }
 
 Error Transfer::timeout_error() const {
-  const auto seconds = std::chrono::duration<double>(idle_timeout_).count();
-  auto text = std::to_string(seconds);
-  text.erase(text.find_last_not_of('0') + 1);
-  if (text.ends_with('.'))
-    text.pop_back();
-  return url_error(URLError::timed_out, "nothing received from " +
-                                            (link_.host().empty() ? "the server" : link_.host()) +
-                                            " for " + text + " seconds");
+  if (!response_reported_ && Clock::now() >= header_deadline())
+    return url_error(URLError::bad_server_response,
+                     "the header of the response from " + host() + " did not end within " +
+                         seconds_text(max_header_timeouts * idle_timeout_));
+  return url_error(URLError::timed_out,
+                   "nothing received from " + host() + " for " + seconds_text(idle_timeout_));
 }
 
 std::size_t Transfer::on_header(char* bytes, std::size_t one, std::size_t size,

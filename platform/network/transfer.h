@@ -39,7 +39,7 @@ public:
   /// Called when libcurl is done. Returns the outcome, or nothing if another request was sent.
   std::optional<Outcome> ended(CURLcode code);
 
-  /// When the idle timeout expires; never while paused.
+  /// When the idle timeout expires, or the header has taken too long; never while paused.
   Clock::time_point deadline() const;
   Error timeout_error() const;
   /// Whether it is paused by a rate limit.
@@ -79,6 +79,14 @@ private:
   bool may_take_now() const;
   void count_against_limits(std::size_t bytes);
   void touch_deadline() { last_activity_ = Clock::now(); }
+  Clock::time_point header_deadline() const {
+    return sent_at_ + max_header_timeouts * idle_timeout_;
+  }
+  std::string host() const { return link_.host().empty() ? "the server" : link_.host(); }
+
+  /// A server that sends one line after the other would never be idle. Enough for interim responses
+  /// that tell that it is still busy.
+  static constexpr int max_header_timeouts = 10;
 
   CURLM* const multi_;
   CURLSH* const shared_;
@@ -104,6 +112,7 @@ private:
   Clock::time_point last_rate_use_;
   bool length_ignored_ = false;
   std::optional<Error> refused_;
+  Clock::time_point sent_at_ = Clock::now(); // the last request
   Clock::time_point last_activity_ = Clock::now();
   std::chrono::milliseconds idle_timeout_;
 };

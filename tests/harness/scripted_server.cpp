@@ -150,8 +150,11 @@ Reply ScriptedServer::ask_script(Request request) {
 
 void ScriptedServer::answer(int connection, const Reply& reply, const Request& request) {
   pause(connection, reply.header_delay);
-  if (reply.raw || reply.close_at_once)
-    return send(connection, reply.raw.value_or(""));
+  if (reply.raw || reply.close_at_once) {
+    for (send(connection, reply.raw.value_or("")); !reply.drip.empty(); pause(connection, 20ms))
+      send(connection, reply.drip);
+    return;
+  }
 
   const auto slice = slice_of(reply, request);
   const int on = 1;

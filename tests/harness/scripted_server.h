@@ -36,6 +36,7 @@ struct Reply {
   Position reset_after{};                   // RST, once the client's system has so many bytes
   Position stall_after{};                   // silence, until the client leaves or the server ends
   std::optional<std::string> raw{};         // exactly these bytes instead of an answer, then close
+  std::string drip{};                       // after `raw`, again and again until the client leaves
   bool close_at_once = false;               // no byte at all
 };
 

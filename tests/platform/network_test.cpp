@@ -146,6 +146,26 @@ TEST(URLSession, tells_what_came_and_how_it_ended) {
   EXPECT_EQ("-1004-1002-1002", fetch("http://127.0.0.1:1") + fetch("ftp://a") + fetch("odd://a"));
 }
 
+TEST(URLSession, ends_a_header_and_trailers_that_never_end) {
+  const std::string ok = "HTTP/1.1 200 OK\r\n", chunks = "Transfer-Encoding: chunked\r\n\r\n1\r\na";
+  const std::pair<Reply, std::string> answers[] = {
+      {{.raw = ok, .drip = "X: 1\r\n"}, "-1011"},
+      {{.raw = "", .drip = "HTTP/1.1 103 Hints\r\nE: 1\r\n\r\n"}, "-1011"},
+      {{.raw = ok + chunks + "\r\n0\r\n", .drip = "T: 1\r\n"}, "-1001 200 a"}};
+  std::vector<std::pair<std::unique_ptr<ScriptedServer>, std::shared_ptr<Fetch>>> all;
+  const auto begin = Clock::now();
+  for (const auto& [reply, outcome] : answers) {
+    all.emplace_back(std::make_unique<ScriptedServer>(reply), std::make_shared<Fetch>());
+    all.back().second->options.idle_timeout = 300ms;
+    all.back().second->start(all.back().first->url());
+  }
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    EXPECT_EQ(answers[i].second, all[i].second->outcome());
+    const auto time = all[i].second->end - begin;
+    EXPECT_EQ(i < 2, time >= 3s) << "for ten times that of a server that is idle";
+  }
+}
+
 TEST(URLSession, sends_what_is_configured_and_no_secret_to_other_hosts) {
   const ScriptedServer target(Reply{.headers = {{"L", "1"}}, .body = "body"});
   const ScriptedServer first([&](const test::Request& request) {
