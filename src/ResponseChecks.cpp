@@ -3,6 +3,7 @@
 #include "bramblekit/collections.h"
 #include "bramblekit/errors.h"
 #include "platform/network/http_date.h"
+#include "src/HeaderValues.h"
 
 namespace ravelin {
 
@@ -23,6 +24,18 @@ Error refusal(Refusal kind, const std::string& text, const URLResponse& response
   if (const auto wait = case_insensitive(response.header_fields, "Retry-After"))
     error.retry_after = platform::parse_retry_after(*wait);
   return to_error(std::move(error));
+}
+
+/// Why its length does not tell where the content ends. In a chunked response it does not have to.
+std::optional<std::string> describe_bad_length(const URLResponse& response) {
+  const auto length = case_insensitive(response.header_fields, "Content-Length");
+  if (length && length->find(',') != std::string::npos)
+    return "the server sent conflicting values of Content-Length: " + *length;
+  const auto coding = case_insensitive(response.header_fields, "Transfer-Encoding");
+  const bool is_chunked = coding && platform::equal_ignoring_case(*coding, "chunked");
+  if (!length || is_chunked || announced_length(response.header_fields).value_or(-1) >= 0)
+    return std::nullopt;
+  return "the server sent a Content-Length that is not a number of bytes: '" + *length + "'";
 }
 
 /// Why `response` is not exactly the `asked` range; none if it is.
@@ -65,11 +78,6 @@ Error changed_content(const std::string& what) {
 
 std::optional<Error> ResponseChecks::refuse_status(const URLResponse& response,
                                                    bool asked_for_range) const {
-  const auto length = case_insensitive(response.header_fields, "Content-Length");
-  if (require_exact_ranges_ && length && length->find(',') != std::string::npos)
-    return to_error(
-        URLLoadingError(URLError::bad_server_response,
-                        "the server sent conflicting values of Content-Length: " + *length));
   const bool has_no_content =
       response.status / 100 != 2 || response.status == 204 || response.status == 205;
   if (reject_http_errors_ && has_no_content)
@@ -82,7 +90,11 @@ std::optional<Error> ResponseChecks::refuse_status(const URLResponse& response,
 std::optional<Error> ResponseChecks::refuse_header(const URLResponse& response) const {
   if (auto refused = refuse_status(response, false))
     return refused;
-  if (require_exact_ranges_ && response.status == 206)
+  if (!require_exact_ranges_)
+    return std::nullopt;
+  if (const auto bad = describe_bad_length(response))
+    return to_error(URLLoadingError(URLError::bad_server_response, *bad));
+  if (response.status == 206)
     return refusal(Refusal::range, "the server was asked for the whole content and sent a part",
                    response, false);
   return std::nullopt;
