@@ -39,17 +39,16 @@ std::optional<std::int64_t> PartSchedule::take_waiting() {
 void PartSchedule::has_started(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request) {
   auto& started = at(part);
   started.request = request;
-  started.started_at = Clock::now();
   started.is_open = true;
+  started.is_accepted = false;
   started.received = 0;
   started.last_received = 0;
   started.slow_since.reset();
 }
 
-bool PartSchedule::is_faster_than_next(std::int64_t part, Clock::duration response_time,
-                                       Clock::time_point now) const {
-  const auto& next = at(part + 1);
-  return !next.is_open || now + (now - at(part).started_at) < next.started_at + response_time;
+void PartSchedule::has_response(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request) {
+  if (is_served_by(part, request))
+    at(part).is_accepted = true;
 }
 
 std::shared_ptr<PartialDataOpr> PartSchedule::take_over(std::int64_t part) {

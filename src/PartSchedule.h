@@ -40,10 +40,10 @@ public:
   bool is_served_by(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request) const {
     return at(part).request.lock() == request;
   }
-  /// Whether the request that ends `part` now would end the next part, too, before a request of its
-  /// own is answered, which takes `response_time`.
-  bool is_faster_than_next(std::int64_t part, Clock::duration response_time,
-                           Clock::time_point now = Clock::now()) const;
+  /// The response to the request, if it still serves the part, was accepted.
+  void has_response(std::int64_t part, const std::shared_ptr<PartialDataOpr>& request);
+  /// Whether the part has a request whose response was accepted.
+  bool has_response(std::int64_t part) const { return at(part).is_open && at(part).is_accepted; }
   /// The part needs no request of its own any more. Returns the one that it had, if any.
   std::shared_ptr<PartialDataOpr> take_over(std::int64_t part);
   void has_received(std::int64_t part, std::int64_t bytes) { at(part).received += bytes; }
@@ -62,8 +62,8 @@ public:
 private:
   struct Part {
     std::weak_ptr<PartialDataOpr> request; // the last one
-    Clock::time_point started_at;
     bool is_open = false;
+    bool is_accepted = false; // the response to the request
     bool is_given_up = false;
     int replacements = 0;
     std::int64_t received = 0;      // bytes of this connection

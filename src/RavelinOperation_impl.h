@@ -171,7 +171,6 @@ public:
   bool ranges_accepted MAIN_STATE = false;
   std::optional<std::int64_t> content_len MAIN_STATE; // bytes
   std::string server_side_date MAIN_STATE;
-  std::chrono::steady_clock::duration response_time MAIN_STATE{}; // of the header request
   ContentVersion probed_version MAIN_STATE;
   std::optional<Response> response MAIN_STATE;
   // Set by the background flow before it starts a request, which it does through the main thread.

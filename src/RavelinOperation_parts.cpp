@@ -103,6 +103,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
     std::visit(match{
                    [&](const Event::started& started) MAIN_ONLY {
                      bramblekit::suppress_warns_for(started.content_length);
+                     parts.has_response(part, request);
                      if (!std::exchange(download_started, true))
                        send(stat_closure, {Status::started{content_len}});
                    },
@@ -156,8 +157,9 @@ void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const pla
   report({State::downloading{progress}}, {Status::downloading{progress}});
 }
 
-/// The whole content comes in order and goes on with the next part if that is faster than waiting
-/// for the answer to its request, as it often is while the server is far away.
+/// The whole content comes in order and goes on with the next part until one has an accepted
+/// response of its own. Until then it is faster, as it often is while the server is far away, or
+/// the server may refuse all ranges.
 void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
                                                const std::shared_ptr<PartialDataOpr>& request) {
   std::size_t done = 0;
@@ -176,10 +178,10 @@ void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
 }
 
 bool RavelinOperation::Impl::go_on_with_next_part(const std::shared_ptr<PartialDataOpr>& request) {
-  const bool is_faster = !download_exception && record_of_part(reached_part + 1).curr_bytes == 0 &&
-                         parts.is_faster_than_next(reached_part, response_time);
+  const bool goes_on = !download_exception && record_of_part(reached_part + 1).curr_bytes == 0 &&
+                       !parts.has_response(reached_part + 1);
   parts.take_over(reached_part);
-  if (!is_faster) {
+  if (!goes_on) {
     request->cancel();
     return false;
   }

@@ -77,7 +77,6 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
         if (success->result.content_length >= 0) // a negative length counts as unknown
           content_len = success->result.content_length;
         server_side_date = success->result.server_side_date;
-        response_time = success->result.response_time;
         response = make_response(request->response, success->result);
         held_response = std::move(request->held_response);
         probed_version = ContentVersion::of_whole(success->result.header);

@@ -103,6 +103,10 @@ TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
        {.body = body, .honour_ranges = false},
        5,
        "100-199 200-299 300-399 400-499 all"},
+      {{.body = body, .header_delay = 60ms, .piece = 50, .piece_delay = 20ms},
+       {.status = 503, .header_delay = 1s},
+       5,
+       "(100-199 )?(200-299 )?(300-399 )?(400-499 )?all"},
       {{.body = body, .header_delay = 60ms, .stall_after = 0},
        {.body = body},
        5,
@@ -111,6 +115,7 @@ TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
     SCOPED_TRACE(requests);
     Options options;
     options.retry = Retry{.max_attempts = 1};
+    options.reject_http_errors = true;
     options.require_exact_ranges = true;
     options.max_connections = connections;
     options.reuse_header_response = true;
