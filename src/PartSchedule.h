@@ -31,6 +31,10 @@ public:
   /// Opens no connection until then.
   void hold_until(Clock::time_point time) { held_until_ = std::max(held_until_, time); }
   void limit_connections(std::size_t count);
+  /// Parts that wait start a moment after another has ended, when its threads and descriptors are
+  /// free. At once they would be refused.
+  void start_later() { starts_later_ = true; }
+  bool starts_later() const { return starts_later_; }
   void wait_for_connection(std::int64_t part) { waiting_.push_back(part); }
   bool has_waiting() const { return !waiting_.empty(); }
   std::optional<std::int64_t> take_waiting();
@@ -76,6 +80,7 @@ private:
 
   std::size_t max_connections_ = 1;
   Clock::time_point held_until_;
+  bool starts_later_ = false;
   int max_replacements_ = 0;
   std::array<Part, 5> parts_;
   std::deque<std::int64_t> waiting_;

@@ -156,6 +156,8 @@ public:
   bool requeue_part(const URL& link, std::int64_t part_index,
                     const std::shared_ptr<PartialDataOpr>& request, const Error& error) MAIN_ONLY;
   void replace_slow_part() MAIN_ONLY;
+  void start_late_parts(const URL& link) MAIN_ONLY;
+  void end_transfer_without_requests() MAIN_ONLY;
   void end_part(const URL& link, std::int64_t part_index,
                 const std::shared_ptr<PartialDataOpr>& request) MAIN_ONLY;
 

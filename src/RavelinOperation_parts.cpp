@@ -232,6 +232,8 @@ bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_ind
       parts.another_is_open(part_index)) {
     parts.limit_connections(partial_data_oprs.size() - 1);
     parts.wait_for_connection(part_index);
+    if (lacks_resources(error))
+      parts.start_later();
     if (loading && loading->retry_after) {
       parts.hold_until(PartSchedule::Clock::now() + *loading->retry_after);
       holding_error = error;
@@ -270,13 +272,29 @@ void RavelinOperation::Impl::end_part(const URL& link, std::int64_t part_index,
   if (parts.is_served_by(part_index, request) && parts.has_ended(part_index) &&
       !download_exception && !opr.is_cancelled())
     parts.wait_for_connection(part_index); // its request was slow
-  if (!download_exception)
+  if (!download_exception && !parts.starts_later())
     start_waiting_parts(link);
   if (whole_request && partial_data_oprs.size() == 1 && !parts.has_waiting() &&
       !opr.is_cancelled() && record_of_part(reached_part).curr_bytes == 0) {
     parts.give_up(reached_part); // all others have ended, and it has sent nothing
     whole_request->cancel();
   }
+  const bool goes_on = parts.starts_later() && parts.has_waiting() && parts.may_open(0) &&
+                       !download_exception && !opr.is_cancelled();
+  if (!goes_on)
+    end_transfer_without_requests();
+}
+
+/// Starts parts that could not be started when another ended: the server wanted to be left alone,
+/// or there was no thread.
+void RavelinOperation::Impl::start_late_parts(const URL& link) {
+  if (download_exception || !parts.has_waiting())
+    return;
+  start_waiting_parts(link);
+  end_transfer_without_requests(); // if it was cancelled meanwhile
+}
+
+void RavelinOperation::Impl::end_transfer_without_requests() {
   if (!partial_data_oprs.empty())
     return;
   if (parts.has_waiting() && !download_exception) // cancelled, or the server wants to be left alone

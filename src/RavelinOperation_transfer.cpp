@@ -121,8 +121,7 @@ void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
     while (running && !running->wait_for(interval))
       interval = main_sync([&]() MAIN_ONLY {
         save_if_behind();
-        if (!download_exception && !partial_data_oprs.empty())
-          start_waiting_parts(run.link); // the server may have been waited for
+        start_late_parts(run.link);
         return unsaved_bytes < large_burst ? save_check_interval : burst_check_interval;
       });
     file_proc->bg_wait_for_writes(); // so that the record counts every byte
