@@ -81,7 +81,7 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
   const auto origin = checks ? origin_of(file, run.link) : Origin::unknown;
   const bool compares = checks && settings->options.compare_new_link.value_or(false);
   const bool rejects_changes = settings->options.reject_changed_content.value_or(false);
-  if ((!checks && !rejects_changes) || must_restart(run) ||
+  if ((!checks && !rejects_changes) || run.must_restart ||
       !platform::FileManager::default_manager().file_exists(file))
     return;
   const auto found = FileProcessor::read_resume_data(file);
@@ -91,10 +91,11 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
     return std::tuple(probed_version, ranges_accepted,
                       can_split(split_allowed, ranges_accepted, content_len, settings->options));
   });
+  const bool is_short = must_restart(run);
   const bool is_own = origin == Origin::same_link || (origin == Origin::unknown && !compares);
   if (split_allowed && checks && rejects_changes && origin != Origin::other_link) {
     refuse_other_length(record, current.total);
-    if (!has_ranges && is_own)
+    if (!has_ranges && is_own && !is_short)
       refuse_without_ranges(record);
   }
   const bool has_same_length = noted.total && noted.total == current.total;
@@ -116,8 +117,9 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
     refuse_unknown(difference);
   if (!is_continued)
     refuse_link(", and it cannot be compared and continued without byte ranges");
-  if (record.received_bytes() < min_received && compares)
-    refuse_link(", and has too few bytes for a comparison");
+  if (compares && (is_short || record.received_bytes() < min_received))
+    refuse_link(is_short ? ", and is shorter than its record says"
+                         : ", and has too few bytes for a comparison");
   const auto different = bg_compare(run, record, held_response);
   if (different && compares)
     refuse_link(", and bytes " + *different + " are different at the new one");
@@ -140,10 +142,11 @@ void RavelinOperation::Impl::bg_compare_with_own_link(Run& run, const ResumeData
 }
 
 /// The first range that is different. Bytes that are not on record are not looked at: they will be
-/// written again. If there are too few for a comparison, the download restarts.
+/// written again. If there are too few for a comparison, or some of them are lost, the download
+/// restarts.
 std::optional<std::string> RavelinOperation::Impl::bg_compare(Run& run, const ResumeData& record,
                                                               HeldResponse& held_response) {
-  if (record.received_bytes() < min_received) {
+  if (must_restart(run) || record.received_bytes() < min_received) {
     run.must_restart = true;
     return std::nullopt;
   }

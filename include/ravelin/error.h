@@ -61,7 +61,7 @@ public:
     http_status,
     range,
     changed_content, ///< or, with an unfinished file, the server no longer offers byte ranges
-    unknown_content ///< an unfinished file is from another link; see `Options::compare_new_link`
+    unknown_content  ///< an unfinished file is from another link; see `Options::compare_new_link`
   };
   /// `none` unless a safeguard refused the response.
   Refusal refusal = Refusal::none;

@@ -295,6 +295,7 @@ TEST(Program, stops_and_continues) {
       {"begin $at/f?v1+whole; saved; stop KILL; get --on-change fail $at/f?v1+whole; "
        "get $at/f?v1+whole",
        0, "^.*no longer offers byte ranges; use.*\n.*ranges; downloading it again\n$", "f "},
+      {"begin $at/f?barely+bare; saved; stop KILL; >f; get $at/f?barely+bare", 0, "^$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
     rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
