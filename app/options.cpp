@@ -10,8 +10,6 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
-#include <fstream>
-#include <iostream>
 #include <map>
 #include <sstream>
 
@@ -202,37 +200,14 @@ void add_headers(ravelin::Options& values, const std::vector<std::string>& heade
   }
 }
 
-/// A line of a list: a link, after which a checksum may follow.
-Link parse_link(const std::string& line) {
-  const auto blank = line.find_last_of(" \t");
-  const auto checksum =
-      blank == std::string::npos ? std::nullopt : parse_sha256(line.substr(blank + 1));
-  if (!checksum)
-    return {complete_link(line), std::nullopt};
-  return {complete_link(line.substr(0, line.find_last_not_of(" \t", blank) + 1)), checksum};
-}
-
-void read_links(const std::string& from, std::vector<Link>& links) {
-  std::ifstream file;
-  if (from != "-") {
-    file.open(from);
-    if (!file)
-      throw CLI::FileError::Missing(from);
-  }
-  auto& lines = from == "-" ? std::cin : file;
-  for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with("\xEF\xBB\xBF")) // a byte order mark
-      line.erase(0, 3);
-    const auto begin = line.find_first_not_of(" \t\r");
-    if (begin == std::string::npos || line[begin] == '#')
-      continue;
-    links.push_back(parse_link(line.substr(begin, line.find_last_not_of(" \t\r") - begin + 1)));
-  }
+void add_list(const std::string& from, std::vector<Link>& links) try {
+  const auto list = read_link_list(from);
+  links.insert(links.end(), list.begin(), list.end());
+} catch (const std::exception& error) {
+  throw CLI::ValidationError("--input-file", error.what());
 }
 
 void check_combination(const GetOptions& options, const RawOptions& raw) {
-  if (options.links.empty() && !raw.input.empty())
-    throw CLI::ValidationError("--input-file", "'" + raw.input + "' contains no links");
   if (options.links.empty())
     throw CLI::RequiredError("URL");
   if (options.links.size() > 1 && !raw.output.empty())
@@ -280,7 +255,7 @@ void apply(const RawOptions& raw, GetOptions& options) {
   for (const auto& link : raw.links)
     options.links.push_back({complete_link(link), std::nullopt});
   if (!raw.input.empty())
-    read_links(raw.input, options.links);
+    add_list(raw.input, options.links);
   values.retry =
       Retry{.max_attempts = raw.retries,
             .patience = std::chrono::milliseconds(static_cast<std::int64_t>(raw.patience * 1000)),

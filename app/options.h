@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/checksum.h"
+#include "app/link_list.h"
 
 #include <ravelin/ravelin.hpp>
 
@@ -14,11 +14,6 @@
 namespace ravelin::app {
 
 enum ExitStatus { success = 0, failed = 1, usage_error = 2, interrupted = 130, terminated = 143 };
-
-struct Link {
-  std::string url;
-  std::optional<Checksum> checksum; // as given, not the server's
-};
 
 struct GetOptions {
   std::vector<Link> links;

@@ -187,6 +187,8 @@ TEST(Program, does_what_the_command_line_says) {
        {"get --no-safeguards $at/f?404", 0, "^$", "f:error page "},
        {R"(printf '\xef\xbb\xbf%s\r\n' '# 2' $at/a '' " $at/b" $at/a | get -j 1 -i -)", 0, "^$",
         "a a (1) b "},
+       {"printf '%s\n' $at/a \"$at/b $(printf %063d 1)\" | get -i -", 2,
+        "line 2 of '-' is '.*/b 00"},
        {"mkdir d; seq -f $at/%g?echo 400 >list; ulimit -n 128; get -j 2 -d d -i list && ls d | "
         "wc -l; rm -r d list",
         0, "^400\n$"},
