@@ -17,9 +17,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const URLLoadingError* loading_error(const CustomError& error) {
+  const auto* const other = error.get_if<CustomError::other>();
+  return other ? other->error.get_if<URLLoadingError>() : nullptr;
+}
+
 std::string describe_reason(const CustomError& error) {
   const auto* const other = error.get_if<CustomError::other>();
-  const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
+  const auto* const loading = loading_error(error);
   auto text = error.text();
   if (const auto line_feed = text.find('\n'); line_feed != std::string::npos) {
     const bool is_record_invalid = text.find("resume data") != std::string::npos;
@@ -27,8 +32,6 @@ std::string describe_reason(const CustomError& error) {
     if (is_record_invalid)
       text += "; use --on-conflict replace to download it again";
   }
-  if (loading && loading->refusal == URLLoadingError::Refusal::changed_content)
-    text += "; use --on-conflict replace to download it again";
   if (loading && loading->refusal == URLLoadingError::Refusal::unknown_content)
     text += "; use --same-file to check that and continue, or choose another file";
   if (other && (other->error.code() == std::errc::no_space_on_device ||
@@ -144,8 +147,7 @@ void Download::cancel() {
 
 /// Content that has changed since the download was begun is downloaded from its beginning, once.
 bool Download::restarts_after(const CustomError& error) {
-  const auto* const other = error.get_if<CustomError::other>();
-  const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
+  const auto* const loading = loading_error(error);
   if (!loading || loading->refusal != URLLoadingError::Refusal::changed_content ||
       !options_.restart_changed || std::exchange(restarted_, true))
     return false;
@@ -256,13 +258,22 @@ void Download::fail(const CustomError& error) {
   if (restarts_after(error))
     return;
   print_event({Status::error{error}});
-  show_failure(describe_reason(error) + describe_expiry(error));
+  show_failure(describe_reason(error) + describe_expiry(error) + describe_change(error));
+}
+
+/// What to do about content that has changed.
+std::string Download::describe_change(const CustomError& error) const {
+  const auto* const loading = loading_error(error);
+  if (!loading || loading->refusal != URLLoadingError::Refusal::changed_content)
+    return "";
+  return is_new_ && options_.split // all responses were of this run
+             ? "; try again, with --no-split if the server sends another ETag each time"
+             : "; use --on-conflict replace to download it again";
 }
 
 /// What to do about a link that may have expired in the middle of a download.
 std::string Download::describe_expiry(const CustomError& error) const {
-  const auto* const other = error.get_if<CustomError::other>();
-  const auto* const loading = other ? other->error.get_if<URLLoadingError>() : nullptr;
+  const auto* const loading = loading_error(error);
   const auto status = loading ? loading->http_status.value_or(0) : 0;
   const bool may_have_expired = status == 401 || status == 403 || status == 410;
   if (!may_have_expired || !RavelinOperation::get_file_state(URL::file(file_)).can_continue)

@@ -51,6 +51,7 @@ private:
   void show_failure(const std::string& reason);
   void end(End how, const std::string& summary);
   std::string describe_expiry(const CustomError& error) const;
+  std::string describe_change(const CustomError& error) const;
   std::string describe_success() const;
   std::string describe_interruption() const;
 

@@ -60,6 +60,11 @@ Script links() {
       asked += 1 - std::stol(range.substr(6)) + std::stol(range.substr(range.find('-') + 1));
     if (query == "asked")
       return Reply{.body = std::to_string(asked), .accept_ranges = false};
+    if (query == "any")
+      return Reply{.headers = {{"ETag", '"' + std::to_string(++asked) + '"'}},
+                   .body = body,
+                   .piece = 2000,
+                   .piece_delay = 5ms};
     if (query == "echo")
       return Reply{.headers = {{"Content-Disposition", "attachment; filename=same"}},
                    .body = header("X") + header("Y") + header("User-Agent") + link,
@@ -298,6 +303,8 @@ TEST(Program, stops_and_continues) {
        "get $at/f?v1+whole",
        0, "^.*no longer offers byte ranges; use.*\n.*ranges; downloading it again\n$", "f "},
       {"begin $at/f?barely+bare; saved; stop KILL; >f; get $at/f?barely+bare", 0, "^$", "f "},
+      {"get $at/f?any; get --no-split $at/f?any", 0,
+       "it again\n.*; try again, with --no-split .*\n$", "f "},
       {"ln -s g .f.lgresume.lock; get $at/f", 0, "^$", "f "}};
   for (const std::string harm : {"rm f", "rm .f.lgresume", ">f", "truncate -s 900000 f"})
     rows.push_back({"begin $at/f?slow; saved; stop KILL; " + harm + "; get $at/f", 0, "^$", "f "});
