@@ -144,7 +144,7 @@ void add_network_options(CLI::App& get, RawOptions& raw) {
       ->check(range(0, 1'000'000));
   get.add_option("--patience", raw.patience,
                  "Once bytes have arrived, keep retrying for up to this many seconds without "
-                 "progress (default 600)")
+                 "progress while the server is silent or away (default 600)")
       ->type_name("SECONDS")
       ->check(range(0.0, 1e9));
   get.add_option("-H,--header", raw.headers, "Send this header field: 'Name: value'")

@@ -68,7 +68,9 @@ milliseconds add_jitter(milliseconds wait) {
 } // namespace
 
 bool RetryPolicy::may_retry(const CustomError& error, Clock::time_point now) {
-  const bool has_received = received_ > 0; // if so, the server or network may just be restarting
+  // If so, the server or network may just be restarting. An attempt in one piece may have dropped
+  // the bytes.
+  const bool has_received = max_received_ > 0;
   const bool is_away = is_unreachable(error) || error.holds<CustomError::timeout>();
   const auto* const other = error.get_if<CustomError::other>();
   const bool may_recover =

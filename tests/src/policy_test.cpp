@@ -131,6 +131,9 @@ TEST(RetryPolicy, waits_longer_each_time_and_is_patient_once_bytes_have_come) {
   EXPECT_EQ(asked.wait(), 7s);
   asked.judge(make_custom_error(refused(503, false, 1'000'000)), 0, false);
   EXPECT_EQ(asked.wait(), 300s);
+  RetryPolicy from_zero({1, 60s});
+  EXPECT_EQ(from_zero.judge(lost, 10, false, start), again);
+  EXPECT_EQ(from_zero.judge(away, 0, false, start + 59s), again);
   RetryPolicy nothing_came({1, 60s});
   EXPECT_EQ(nothing_came.judge(lost, 0, true, start), again);
   EXPECT_EQ(nothing_came.judge(lost, 0, true, start), stop);
