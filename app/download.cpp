@@ -167,7 +167,7 @@ void Download::on_success() {
   if (checksum_)
     verify_checksum();
   else
-    succeed(describe_success());
+    succeed(describe_success(""));
 }
 
 void Download::verify_checksum() {
@@ -184,7 +184,7 @@ void Download::verify_checksum() {
       if (!error.empty())
         self->fail(error);
       else if (found.digits == self->checksum_->digits)
-        self->succeed(self->describe_success() + ", checksum OK");
+        self->succeed(self->describe_success(", checksum OK"));
       else
         self->fail_checksum(found);
     });
@@ -209,15 +209,16 @@ void Download::fail_checksum(const Checksum& found) {
        kept_as.native() + "'");
 }
 
-std::string Download::describe_success() const {
+std::string Download::describe_success(const std::string& verdict) const {
   if (!is_downloaded_)
-    return "already complete";
+    return "already complete" + verdict;
   std::error_code error;
   const auto size = fs::file_size(file_, error);
   if (error)
-    return "done";
+    return "done" + verdict;
   const std::chrono::duration<double> time = std::chrono::steady_clock::now() - began_at_;
-  return "done, " + human_size(static_cast<std::int64_t>(size)) + describe_average(received_, time);
+  return "done" + verdict + ", " + human_size(static_cast<std::int64_t>(size)) +
+         describe_average(received_, time);
 }
 
 std::string Download::describe_interruption() const {

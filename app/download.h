@@ -52,7 +52,7 @@ private:
   void end(End how, const std::string& summary);
   std::string describe_expiry(const CustomError& error) const;
   std::string describe_change(const CustomError& error) const;
-  std::string describe_success() const;
+  std::string describe_success(const std::string& verdict) const;
   std::string describe_interruption() const;
 
   const std::string link_;

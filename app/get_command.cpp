@@ -199,6 +199,7 @@ private:
       MainQueue::stop();
   }
 
+  /// On a narrow terminal the least important facts are left out, so that the line does not wrap.
   void print_summary() const {
     std::int64_t bytes = 0;
     for (const auto& download : downloads_)
@@ -206,13 +207,16 @@ private:
     std::string text;
     for (const auto& name : failed_)
       text += "failed: " + name + "\n";
-    text += fmt::format("{} files: {} done", files_.size(), succeeded_);
+    auto counts = fmt::format("{} done", succeeded_);
     if (!failed_.empty())
-      text += fmt::format(", {} failed", failed_.size());
+      counts += fmt::format(", {} failed", failed_.size());
     if (const auto others = files_.size() - succeeded_ - failed_.size())
-      text += fmt::format(", {} not finished", others);
-    print_to_stderr(text + "; " + human_size(bytes) +
-                    describe_average(bytes, std::chrono::steady_clock::now() - began_at_) + "\n");
+      counts += fmt::format(", {} not finished", others);
+    const auto of_all = fmt::format("{} files: {}", files_.size(), counts);
+    const auto with_size = of_all + "; " + human_size(bytes);
+    const auto average = describe_average(bytes, std::chrono::steady_clock::now() - began_at_);
+    print_to_stderr(text + first_that_fits({with_size + average, with_size, of_all, counts}) +
+                    "\n");
   }
 
   const GetOptions options_;

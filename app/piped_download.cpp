@@ -87,9 +87,8 @@ void PipedDownload::on_end(ContentRequest::End how, const Error* error) {
   if (checksum_)
     if (const auto found = hasher_->finish(); found.digits != checksum_->digits)
       return fail(found.name() + " mismatch: got " + found.digits);
-  end(success, "done, " + human_size(received_) +
-                   describe_average(received_, std::chrono::steady_clock::now() - began_at_) +
-                   (checksum_ ? ", checksum OK" : ""));
+  end(success, std::string("done, ") + (checksum_ ? "checksum OK, " : "") + human_size(received_) +
+                   describe_average(received_, std::chrono::steady_clock::now() - began_at_));
 }
 
 /// Ends at once: the reader may never take the chunk that is being written.

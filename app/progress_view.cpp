@@ -49,6 +49,13 @@ std::string bar(double share, std::size_t width) {
 
 } // namespace
 
+std::string first_that_fits(const std::vector<std::string>& texts) {
+  const auto width = isatty(STDERR_FILENO) ? terminal_width() : std::string::npos;
+  const auto fits = [&](const auto& text) { return display_width(text) < width; };
+  const auto found = std::ranges::find_if(texts, fits);
+  return found == texts.end() ? texts.back() : *found;
+}
+
 ProgressView::ProgressView(bool quiet) : quiet_(quiet) {
   const auto* const terminal = std::getenv("TERM");
   live_ = !quiet && isatty(STDERR_FILENO) && terminal && std::string(terminal) != "dumb";

@@ -11,6 +11,10 @@
 
 namespace ravelin::app {
 
+/// The first of the texts that fits into a line of the terminal that messages go to, or else the
+/// last one. Always the first one if they do not go to a terminal.
+std::string first_that_fits(const std::vector<std::string>& texts);
+
 /// Shows the progress of the downloads on standard error: live on a terminal, otherwise in a few
 /// plain lines.
 ///
