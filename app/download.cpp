@@ -8,6 +8,7 @@
 #include <fmt/core.h>
 
 #include <algorithm>
+#include <climits>
 #include <thread>
 #include <utility>
 
@@ -72,6 +73,15 @@ std::optional<std::string> Download::refusal() const {
     return "the destination is a directory; name a file with --output, or use --dir";
   if (fs::exists(file_, ignored) && !fs::is_regular_file(file_, ignored))
     return "the destination is a pipe or a device; name a file with --output";
+  if (options_.on_conflict == OnConflict::stop && fs::exists(file_, ignored))
+    return RavelinOperation::get_file_state(URL::file(file_)).is_unfinished
+               ? "the file already exists and is unfinished; to continue it, use --on-conflict "
+                 "resume"
+               : "the file already exists";
+  const auto lock = RavelinOperation::get_resume_file(URL::file(file_)).path() += ".lock";
+  for (const auto& needed : {file_, lock})
+    if (needed.filename().native().size() > NAME_MAX)
+      return "the name of the file is too long; give a shorter one with --output";
   if (options_.checksum_list && !checksum_)
     return "'" + shown_link(*options_.checksum_list) + "' has no checksum of this file";
   return std::nullopt;

@@ -76,7 +76,9 @@ public:
 /// What to download, and where to.
 void add_file_options(CLI::App& get, GetOptions& options, RawOptions& raw) {
   get.option_defaults()->group("Files");
-  get.add_option("URL", raw.links, "Links to download (http or https)")->type_name("");
+  get.add_option("URL", raw.links, "Links to download (http or https)")
+      ->type_name("")
+      ->check(not_empty);
   get.add_option("-o,--output", raw.output,
                  "Write to this file (default: the name in the link), or - for standard output")
       ->type_name("FILE")
@@ -210,6 +212,9 @@ void add_list(const std::string& from, std::vector<Link>& links) try {
 void check_combination(const GetOptions& options, const RawOptions& raw) {
   if (options.links.empty())
     throw CLI::RequiredError("URL");
+  if (options.links.size() > 1 && options.to_stdout)
+    throw CLI::ValidationError("--output", "standard output takes the content of one link; run the "
+                                           "command once for each");
   if (options.links.size() > 1 && !raw.output.empty())
     throw CLI::ValidationError("--output", "cannot write several links to one file; use --dir");
   if (options.links.size() > 1 && !raw.sha256.empty())

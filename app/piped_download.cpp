@@ -93,8 +93,12 @@ void PipedDownload::on_end(ContentRequest::End how, const Error* error) {
 
 /// Ends at once: the reader may never take the chunk that is being written.
 void PipedDownload::interrupt(int signal) {
-  if (!has_ended_)
+  if (!has_ended_) {
     signal_ = signal;
+    if (!options_.quiet)
+      view_.print_message("ravelin: " + shown_link(link_.url) +
+                          ": interrupted; what was written is incomplete");
+  }
   end(failed, "interrupted");
   request_.cancel();
 }

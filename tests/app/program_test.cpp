@@ -141,7 +141,7 @@ std::string tries(const std::string& wait, const std::string& which = "1 of 1") 
 TEST(Program, refuses_a_command_line_that_it_does_not_understand) {
   const std::string complaint = "^ravelin: (.|\n)*\nTry 'ravelin --help'.\n$";
   std::vector<Row> rows;
-  for (const std::string words : {"", "got", "get", "status", "get -i /dev/null"})
+  for (const std::string words : {"", "got", "get", "get ''", "status", "get -i /dev/null"})
     rows.push_back({"ravelin " + words, 2, complaint});
   for (const std::string options :
        {"--nonsense", "-c maybe", "-j 0", "--retry -1", "--retry x", "--timeout 0", "--timeout nan",
@@ -235,6 +235,7 @@ TEST(Program, tries_again_what_may_pass) {
           tries(wait, "1 of 2") + ".*connect.*2 of 2"},
          {"get ftp://h/f; get file:///f", 1, "^(.*only http and https.*\n){2}$"},
          {"get $at/f -o .", 1, "^" + fails("is a directory")},
+         {"get $at/f -o $(printf %0241d 1)", 1, "^" + fails("shorter one with --output")},
          {"mkfifo p; get $at/f -o p", 1, "^" + fails("a pipe or a device")},
          {"get http://127.0.0.1:1/f", 1, "^" + fails("connect")}});
 }
@@ -253,8 +254,9 @@ TEST(Program, writes_to_standard_output_in_order) {
        {pipe + "ok" + wrong_sum + count, 0, "^400003\n1\n.*mismatch"},
        {pipe + "ok | head -c 9 | wc -c; echo ${PIPESTATUS[0]}", 0, "^9\n1\n.*Broken pipe.*\n$"},
        {pipe + "ok >/dev/full; " + pipe + "ok >&-", 1, "^.*No space.*\n.*Bad file.*\n$"},
-       {"{ get_for_1s -o - $at/f; echo $? >s; } | until [ -s s ]; do sleep 0.01; done; cat s; rm s",
-        0, "^130\n$"},
+       {"{ get_for_1s --quiet=false -o - $at/f; echo $? >s; } | until [ -s s ]; do sleep 0.01; "
+        "done; cat s; rm s",
+        0, "^130\nravelin: .*interrupted; .* incomplete\n$"},
        {"for q in ok echo; do script -qec \"ravelin -o - $at/f?$q\" x; rm x; done", 0,
         "^ravelin: .*is binary.*\r\nravelin/.*/f\\?echo$"}});
 }
@@ -265,7 +267,7 @@ TEST(Program, prints_what_happens_as_lines_of_JSON) {
   check({{get, 0, "^" + start + "success $", "f "},
          {get + "?lost,ok", 0, "^connecting error... " + start + "success ravelin", "f "},
          {get + wrong_sum, 1, start + "error ravelin", "f.sha256-mismatch "},
-         {old + " -c stop", 1, "^error ravelin: .*already exists and complete", "f:old "},
+         {old + " -c stop", 1, "^error ravelin: .* -> f: the file already exists\n$", "f:old "},
          {old + " -c keep_both", 0, "^renamed " + start, "f (1) f:old "},
          {get + " $at/g -j 1", 0, "pending .*success connecting", "f g "},
          {"get_for_1s --events $at/f?mute", 130, "^connecting cancelling cancelled $"},
