@@ -296,6 +296,9 @@ TEST(Program, stops_and_continues) {
        0, "^.*unknown .*same; use --same-file .*\n.*are different.*\n$", "f "},
       {"begin $at/f?barely; saved; stop KILL; get --on-change fail $at/f?other; get $at/f?bare", 0,
        "^.*changed: bytes .* are different.*\n$", "f "},
+      {"begin $at/f?barely; saved; stop KILL; truncate -s 9 f; get --same-file -o f $at/g?bare; "
+       "get $at/f?bare",
+       0, "^.*shorter than its record.*\n$", "f "},
       {"begin $at/f?v1+v2; saved; stop KILL; get --on-change fail $at/f?v1+v2; get $at/f?v1+v2", 0,
        "changed.*--on-conflict replace.*\n.*changed.*; downloading it again\n$", "f "},
       {"begin $at/f?v1+named; saved; stop KILL; get --on-change fail $at/f?short; get $at/f?bare",
