@@ -59,6 +59,8 @@ void Download::start(std::function<void(End)> on_end) {
     return fail(*reason);
   if (cancelled_)
     return stop();
+  if (const auto reason = make_directory())
+    return fail(*reason);
   started_ = true;
   began_at_ = std::chrono::steady_clock::now();
   begin(options_.on_conflict);
@@ -84,6 +86,20 @@ std::optional<std::string> Download::refusal() const {
       return "the name of the file is too long; give a shorter one with --output";
   if (options_.checksum_list && !checksum_)
     return "'" + shown_link(*options_.checksum_list) + "' has no checksum of this file";
+  return std::nullopt;
+}
+
+/// Why the file has no directory.
+std::optional<std::string> Download::make_directory() const {
+  std::error_code error;
+  if (!options_.directory.empty())
+    fs::create_directories(options_.directory, error);
+  if (error)
+    return "could not create the directory '" + options_.directory.native() +
+           "': " + error.message();
+  const auto directory = file_.has_parent_path() ? file_.parent_path() : ".";
+  if (fs::status(directory, error).type() == fs::file_type::not_found)
+    return "the directory '" + directory.native() + "' does not exist; create it, or use --dir";
   return std::nullopt;
 }
 

@@ -33,6 +33,7 @@ public:
 
 private:
   std::optional<std::string> refusal() const;
+  std::optional<std::string> make_directory() const;
   void begin(OnConflict on_conflict);
   void on_status(const Status& status);
   void on_retry(const RetryNotice& notice);

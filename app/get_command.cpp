@@ -89,9 +89,6 @@ private:
   void start_downloads() {
     if (signal_)
       report_interruption();
-    std::error_code ignored; // the downloads fail if there is no directory
-    if (!options_.directory.empty())
-      fs::create_directories(options_.directory, ignored);
     for (const auto& link : options_.links)
       ++same_paths_[path_of(link.url)];
     const bool in_list = files_.size() > 1;

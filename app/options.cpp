@@ -324,11 +324,13 @@ The same command resumes an interrupted download.)";
 /// place of a command means `get`.
 std::vector<std::string> reversed_arguments(int argc, const char* const* argv) {
   std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
-  constexpr std::array own = {"-h", "--help", "-V", "--version"};
-  if (!arguments.empty() && std::ranges::find(own, arguments.front()) == own.end() &&
-      (arguments.front().starts_with('-') ||
-       arguments.front().find_first_of(".:/") != std::string::npos))
+  constexpr std::array own = {"-h", "--help", "-V", "--version", "get", "status", "clear"};
+  if (!arguments.empty() && std::ranges::find(own, arguments.front()) == own.end()) {
+    const auto& first = arguments.front();
+    if (!first.starts_with('-') && first.find_first_of(".:/") == std::string::npos)
+      throw CLI::ValidationError("'" + first + "'", "is not a command; use get, status or clear");
     arguments.insert(arguments.begin(), "get");
+  }
   std::ranges::reverse(arguments);
   return arguments;
 }
