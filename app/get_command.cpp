@@ -13,6 +13,7 @@
 
 #include <fmt/core.h>
 
+#include <chrono>
 #include <csignal>
 #include <deque>
 #include <map>
@@ -253,10 +254,14 @@ sigset_t signals_to_handle() {
 /// can be resumed in either case.
 void watch_signals(const sigset_t& signals, void (*on_signal)(int)) {
   std::thread([signals, on_signal] {
+    using Clock = std::chrono::steady_clock;
     int signal = 0;
     sigwait(&signals, &signal);
+    const auto first_at = Clock::now();
     MainQueue::async([on_signal, signal] { on_signal(signal); });
-    sigwait(&signals, &signal);
+    do // a program such as timeout may send the first one to its child and to its group
+      sigwait(&signals, &signal);
+    while (Clock::now() - first_at < std::chrono::milliseconds(200));
     _exit(signal == SIGTERM ? terminated : interrupted);
   }).detach();
 }
