@@ -49,8 +49,9 @@ std::error_code write_to_stdout(std::string_view bytes) noexcept {
 }
 
 void print_line(std::string_view line) noexcept {
-  errno = 0;
-  const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size() &&
+  errno = is_stdout_missing ? EBADF : 0;
+  const bool written = !is_stdout_missing &&
+                       std::fwrite(line.data(), 1, line.size(), stdout) == line.size() &&
                        std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
   if (!written && output_errno == 0)
     output_errno = errno != 0 ? errno : EIO;
