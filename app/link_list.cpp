@@ -6,6 +6,7 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -25,8 +26,10 @@ void open(std::ifstream& file, const std::string& path) {
 }
 
 /// None if it is not a link, or a link and a checksum. A blank must not become part of the link,
-/// since a checksum with a slip of the pen would, too.
+/// since a mistyped checksum would, too. A list separated by null bytes has control characters.
 std::optional<Link> parse_line(const std::string& line) {
+  if (std::ranges::any_of(line, [](unsigned char c) { return c < ' ' && c != '\t'; }))
+    return std::nullopt;
   const auto blank = line.find_first_of(" \t");
   if (blank == std::string::npos)
     return Link{complete_link(line), std::nullopt};

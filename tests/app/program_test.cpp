@@ -197,10 +197,12 @@ TEST(Program, does_what_the_command_line_says) {
         "a a (1) b "},
        {"printf '%s\n' $at/a \"$at/b $(printf %063d 1)\" | get -i -", 2,
         "line 2 of '-' is '.*/b 00"},
+       {"printf '%s\\0' $at/a $at/b | get -i -", 2, "line 1 of '-'"},
        {"mkdir d; seq -f $at/%g?echo 400 >list; ulimit -n 128; get -j 2 -d d -i list && ls d | "
         "wc -l; rm -r d list",
         0, "^400\n$"},
-       {"get --events $at/f >/dev/full", 1, "standard output", "f "},
+       {"get --events $at/f >/dev/full; get --events $at/f >&-", 1, "(standard output.*\n.*){2}",
+        "f "},
        {"for to in '2>&-' '2>/dev/full' '2> >(true)' '0<&- >&- 2>&-'; do eval get $to; echo $?; "
         "eval get $at/g?404 $to; echo $?; eval ravelin get -c replace $at/f $to; echo $?; done; "
         "ravelin get $at/h?slow <&- >&- 2>&- & until [ -e .h.lgresume ]; do sleep 0.01; done; "
