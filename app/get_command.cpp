@@ -89,7 +89,7 @@ private:
   /// in every run.
   void start_downloads() {
     if (signal_)
-      report_interruption();
+      report_interruption(); // nothing will start
     for (const auto& link : options_.links)
       ++same_paths_[path_of(link.url)];
     const bool in_list = files_.size() > 1;
@@ -119,6 +119,8 @@ private:
 
   /// Prints the final events of links without a download.
   void report_interruption() {
+    if (!options_.quiet && !options_.events)
+      print_to_stderr("ravelin: interrupted before the names of all files were known\n");
     std::set<std::size_t> reported;
     for (const auto& [number, request] : name_requests_)
       if (request->has_failed())
@@ -268,16 +270,19 @@ void watch_signals(const sigset_t& signals, void (*on_signal)(int)) {
 
 // What a signal stops. Never deleted, since a signal may arrive during exit; the main thread's.
 Job* current_job = nullptr;
+int list_signal = 0; // that arrived before there was a job
 std::shared_ptr<RavelinOperation>& list_download() {
   static auto& operation = *new std::shared_ptr<RavelinOperation>;
   return operation;
 }
 
 void stop_all(int signal) {
-  if (current_job)
+  if (current_job) {
     current_job->interrupt(signal);
-  else
+  } else {
+    list_signal = signal;
     list_download()->cancel(); // or its next run, if there is none yet
+  }
 }
 
 /// Whether the checksums are known, or the reason was printed.
@@ -321,8 +326,11 @@ int run_get(GetOptions options) {
     print_to_stderr(fmt::format("ravelin: could not start a thread: {}\n", error.code().message()));
     return failed;
   }
-  if (!read_checksums(options))
-    return list_download()->state().holds<State::cancelled>() ? interrupted : failed;
+  const bool has_checksums = read_checksums(options);
+  if (list_signal != 0)
+    return list_signal == SIGTERM ? terminated : interrupted;
+  if (!has_checksums)
+    return failed;
   if (options.to_stdout)
     current_job = new PipedDownload(std::move(options));
   else

@@ -96,8 +96,8 @@ void PipedDownload::interrupt(int signal) {
   if (!has_ended_) {
     signal_ = signal;
     if (!options_.quiet)
-      view_.print_message("ravelin: " + shown_link(link_.url) +
-                          ": interrupted; what was written is incomplete");
+      view_.print_message("ravelin: " + shown_link(link_.url) + ": interrupted" +
+                          (received_ > 0 ? "; what was written is incomplete" : ""));
   }
   end(failed, "interrupted");
   request_.cancel();

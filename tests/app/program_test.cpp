@@ -275,7 +275,10 @@ TEST(Program, prints_what_happens_as_lines_of_JSON) {
          {old + " -c keep_both", 0, "^renamed " + start, "f (1) f:old "},
          {get + " $at/g -j 1", 0, "pending .*success connecting", "f g "},
          {"get_for_1s --events $at/f?mute", 130, "^connecting cancelling cancelled $"},
-         {"get_for_1s --events -j1 $at/{a,b}/?mute $at/c", 130, "^(cancelled ){3}$"}});
+         {"get_for_1s --events -j1 $at/{a,b}/?mute $at/c", 130, "^(cancelled ){3}$"},
+         {"timeout --preserve-status 1 ravelin -J $at/f?mute; timeout --preserve-status 1 ravelin "
+          "--sha256-from $at/f?mute $at/f",
+          143, "^.*interrupted before.*\n.*: interrupted\n$"}});
 }
 
 TEST(Program, stops_and_continues) {
