@@ -35,9 +35,10 @@ std::string describe_reason(const CustomError& error) {
   }
   if (loading && loading->refusal == URLLoadingError::Refusal::unknown_content)
     text += "; use --same-file to check that and continue, or choose another file";
-  if (other && (other->error.code() == std::errc::no_space_on_device ||
-                other->error.code() == std::errc::file_too_large))
+  if (other && other->error.code() == std::errc::no_space_on_device)
     text += "; free up space, then run the same command to resume";
+  if (other && other->error.code() == std::errc::file_too_large) // as on FAT
+    text += "; the file system or a limit of the process does not allow files of this size";
   return text;
 }
 

@@ -239,6 +239,7 @@ TEST(Program, tries_again_what_may_pass) {
          {"get ftp://h/f; get file:///f", 1, "^(.*only http and https.*\n){2}$"},
          {"get $at/f -o .; get $at/f -o a/b; get $at/f -d /dev/null", 1,
           "^.* is a directory.*\n.*'a' does not exist.*\n.*could not create .*'/dev/null': .*\n$"},
+         {"(ulimit -f 100; get $at/f); ravelin clear f", 0, "does not allow files of this size\n$"},
          {"get $at/f -o $(printf %0241d 1)", 1, "^" + fails("shorter one with --output")},
          {"mkfifo p; get $at/f -o p", 1, "^" + fails("a pipe or a device")},
          {"get http://127.0.0.1:1/f", 1, "^" + fails("connect")}});
