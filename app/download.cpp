@@ -294,7 +294,8 @@ std::string Download::describe_change(const CustomError& error) const {
   const auto* const loading = loading_error(error);
   if (!loading || loading->refusal != URLLoadingError::Refusal::changed_content)
     return "";
-  return is_new_ && options_.split // all responses were of this run
+  const bool was_replaced = restarted_ || options_.on_conflict == OnConflict::replace;
+  return was_replaced && options_.split
              ? "; try again, with --no-split if the server sends another ETag each time"
              : "; use --on-conflict replace to download it again";
 }
