@@ -107,8 +107,8 @@ void FileProcessor::reset_files() {
 void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {
   file_write_grp.enter();
   queued_writes.push_back({pos, queued_count++});
-  file_write_queue.async([self = shared_from_this(), pos, bytes = std::move(bytes)] {
-    self->write_queued_bytes(pos, bytes);
+  file_write_queue.async([self = shared_from_this(), pos, bytes = std::move(bytes)]() mutable {
+    self->write_queued_bytes(pos, std::move(bytes));
     self->file_write_grp.leave();
   });
 }
@@ -117,13 +117,14 @@ void FileProcessor::bg_wait_for_writes() {
   file_write_grp.wait();
 }
 
-void FileProcessor::write_queued_bytes(std::int64_t pos, const Data& bytes) {
+void FileProcessor::write_queued_bytes(std::int64_t pos, Data bytes) {
   if (!main_file_handle)
     platform::fatal("bytes were queued for a destination that is not open");
   if (keeps_write_errors && exception.get())
     return; // an earlier write is missing, so later ones must not be counted
   try {
     main_file_handle->write(pos, bytes);
+    bytes = {}; // more can be received into its block during the flush
     main_file_handle->synchronize();
   } catch (...) {
     if (!keeps_write_errors)

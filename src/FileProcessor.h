@@ -84,7 +84,7 @@ private:
   void reset_files();
   bool can_continue();
   void open_main_file(bool continued);
-  void write_queued_bytes(std::int64_t pos, const platform::Data& bytes);
+  void write_queued_bytes(std::int64_t pos, platform::Data bytes);
   ResumeData flushed_record() MAIN_ONLY;
   const URL& required_resume_file_url() const;
 

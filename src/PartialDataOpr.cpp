@@ -124,7 +124,7 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,
 }
 
 void PartialDataOpr::urlSession(URLSession&, platform::DataTask& dataTask,
-                                const platform::Data& didReceive) {
+                                platform::Data didReceive) {
   if (task_err)
     return; // the task is being cancelled
   received_bytes += static_cast<std::int64_t>(didReceive.size());
@@ -134,20 +134,20 @@ void PartialDataOpr::urlSession(URLSession&, platform::DataTask& dataTask,
     return;
   }
   const bool cancelled =
-      bramblekit::main_sync_in_turn([&]() MAIN_ONLY { count_and_deliver(didReceive); },
+      bramblekit::main_sync_in_turn([&]() MAIN_ONLY { count_and_deliver(std::move(didReceive)); },
                                     [&]() MAIN_ONLY { return is_cancelled(); });
   if (!cancelled && stat_closure)
     stat_closure({Status::bg_after_receive_data{}});
 }
 
-void PartialDataOpr::count_and_deliver(const platform::Data& chunk) {
+void PartialDataOpr::count_and_deliver(platform::Data chunk) {
   total_fetched_bytes =
       platform::checked_add(total_fetched_bytes, static_cast<std::int64_t>(chunk.size()));
   const float prog_value =
       content_len ? static_cast<float>(total_fetched_bytes) / static_cast<float>(*content_len)
                   : 0.0F;
   if (!is_cancelled() && stat_closure)
-    stat_closure({Status::did_receive_data{{prog_value, chunk}}});
+    stat_closure({Status::did_receive_data{{prog_value, std::move(chunk)}}});
 }
 
 void PartialDataOpr::urlSession(URLSession&, platform::DataTask&,

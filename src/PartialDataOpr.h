@@ -69,14 +69,14 @@ public:
                   const platform::URLResponse& didReceive,
                   platform::ResponseHandler completionHandler) override;
   void urlSession(platform::URLSession& session, platform::DataTask& dataTask,
-                  const platform::Data& didReceive) override;
+                  platform::Data didReceive) override;
   void urlSession(platform::URLSession& session, platform::DataTask& task,
                   const std::optional<Error>& didCompleteWithError) override;
 
 private:
   void bg_request(const URL& url, const StatusClosure& status_closure) BG_ONLY;
   void start_task(const URL& url, const StatusClosure& status_closure) MAIN_ONLY;
-  void count_and_deliver(const platform::Data& chunk) MAIN_ONLY;
+  void count_and_deliver(platform::Data chunk) MAIN_ONLY;
   void finish(std::optional<Error> error, const StatusClosure& status_closure) MAIN_ONLY;
 
   std::optional<platform::URLSessionConfiguration> ephemeral_config;

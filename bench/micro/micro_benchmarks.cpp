@@ -78,9 +78,9 @@ public:
   void pass_chunk(std::size_t bytes) {
     for (std::size_t done = 0; done < bytes; done += socket_read)
       buffer_->append({piece_.data(), socket_read});
-    const auto chunk = buffer_->take();
+    auto chunk = buffer_->take();
     platform::URLSessionDelegate& delegate = *request_;
-    delegate.urlSession(*session_, *task_, *chunk);
+    delegate.urlSession(*session_, *task_, std::move(*chunk));
   }
 
 private:

@@ -2,10 +2,8 @@
 
 #include "platform/fatal.h"
 #include "platform/files/file_calls.h"
-#include "platform/files/storage_speed.h"
 
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
@@ -60,14 +58,12 @@ void FileHandle::write(std::int64_t offset, const Data& bytes) {
 }
 
 void FileHandle::synchronize() {
-  const auto start = std::chrono::steady_clock::now();
   while (file_calls().fdatasync(descriptor_) != 0) {
     if (errno == EINVAL)
       return; // a pipe or device cannot be flushed
     if (errno != EINTR)
       fail("flush");
   }
-  note_flush(std::chrono::steady_clock::now() - start);
 }
 
 std::int64_t FileHandle::visible_size() const {

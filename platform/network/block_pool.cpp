@@ -6,6 +6,7 @@ namespace ravelin::platform {
 namespace {
 
 constexpr std::size_t min_kept = 4; // blocks; small files need no new ones
+constexpr std::size_t max_members_with_two = 2;
 
 } // namespace
 
@@ -26,8 +27,13 @@ void BlockPool::leave() {
     free_.pop_back();
 }
 
+int BlockPool::blocks_per_transfer() {
+  const std::lock_guard lock(mutex_);
+  return members_ <= max_members_with_two ? 2 : 1;
+}
+
 std::size_t BlockPool::max_free() const {
-  return std::max(min_kept, 2 * members_);
+  return std::max(min_kept, members_);
 }
 
 std::unique_ptr<Block> BlockPool::obtain() {

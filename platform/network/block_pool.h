@@ -7,7 +7,7 @@
 
 namespace ravelin::platform {
 
-constexpr std::size_t pool_block_size = 1024 * 1024; // bytes; untouched pages cost nothing
+constexpr std::size_t pool_block_size = 768 * 1024; // bytes; untouched pages cost nothing
 
 /// The receive blocks of all transfers of the process. The block freed last, which is still in the
 /// processor's caches, is reused first.
@@ -21,6 +21,9 @@ public:
   /// to the system, except for a few.
   void join();
   void leave();
+  /// Two while there are few transfers: one block is filled while the other is on its way to the
+  /// file. With more of them, others are filled meanwhile.
+  int blocks_per_transfer();
   std::unique_ptr<Block> obtain();
   void give_back(std::unique_ptr<Block> block);
 

@@ -1,6 +1,5 @@
 #include "platform/network/receive_buffer.h"
 
-#include "platform/files/storage_speed.h"
 #include "platform/network/block_pool.h"
 
 #include <cstring>
@@ -10,14 +9,12 @@ namespace ravelin::platform {
 namespace {
 
 // Each chunk costs thread switches and a flush, so larger chunks are cheaper. Smaller ones need
-// less memory and stay in the processor's caches.
-constexpr std::size_t fast_storage_chunk = 288 * 1024;                      // bytes
-constexpr std::size_t slow_storage_chunk = pool_block_size - max_read_size; // bytes
+// less memory.
+constexpr std::size_t max_chunk_size = pool_block_size - max_read_size; // bytes
 constexpr auto coalescing_delay = std::chrono::milliseconds(5);
 // If fewer bytes than this arrive in that time, the flow is slow, and waiting longer loses little.
 constexpr std::size_t slow_flow_size = 32 * 1024; // bytes
 constexpr auto slow_flow_delay = std::chrono::milliseconds(300);
-constexpr int max_blocks = 2;
 
 } // namespace
 
@@ -31,16 +28,12 @@ ReceiveBuffer::~ReceiveBuffer() {
   BlockPool::instance().leave();
 }
 
-std::size_t ReceiveBuffer::max_chunk_size() const {
-  return storage_is_slow_ ? slow_storage_chunk : fast_storage_chunk;
-}
-
 bool ReceiveBuffer::has_enough() const {
-  return has_bytes() && filling_->size >= max_chunk_size() / 8 * 7;
+  return has_bytes() && filling_->size >= max_chunk_size / 8 * 7;
 }
 
 bool ReceiveBuffer::obtain_block() {
-  if (!filling_ && blocks_ < max_blocks) {
+  if (!filling_ && blocks_ < BlockPool::instance().blocks_per_transfer()) {
     filling_ = BlockPool::instance().obtain();
     ++blocks_;
   }
@@ -62,7 +55,7 @@ ReceiveBuffer::Appended ReceiveBuffer::append(std::string_view bytes) {
   filling_->size += bytes.size();
   if (!std::exchange(delivering_, true))
     return Appended::wake_delegate;
-  paused_ = paused_ || filling_->size >= max_chunk_size();
+  paused_ = paused_ || filling_->size >= max_chunk_size;
   const auto appended = paused_ ? Appended::full : Appended::buffered;
   const bool is_due = paused_ || (!had_enough && has_enough());
   lock.unlock(); // the woken thread needs it at once
@@ -87,7 +80,6 @@ void ReceiveBuffer::discard() {
 
 std::optional<Data> ReceiveBuffer::take() {
   std::unique_lock lock(mutex_);
-  storage_is_slow_ = has_slow_storage();
   const auto must_end = [this] { return finished_ || discarded_ || paused_; };
   const auto is_due = [&] { return must_end() || has_enough(); };
   // At full speed the next chunk arrives sooner than a new delivery could be scheduled.
@@ -116,7 +108,8 @@ void ReceiveBuffer::recycle(std::unique_ptr<Block> block) {
 
 void ReceiveBuffer::resume_if_paused(std::unique_lock<std::mutex>& lock) {
   // If there is no space, a block is in use, and this is called again when it is recycled.
-  if (!paused_ || !(filling_ ? filling_->size < max_chunk_size() : blocks_ < max_blocks))
+  if (!paused_ || !(filling_ ? filling_->size < max_chunk_size
+                             : blocks_ < BlockPool::instance().blocks_per_transfer()))
     return;
   paused_ = false;
   lock.unlock();

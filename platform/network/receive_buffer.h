@@ -15,8 +15,8 @@ constexpr std::size_t max_read_size = 128 * 1024; // bytes; may still arrive aft
 
 /// Collects the body of one task between the network thread and the delegate queue.
 ///
-/// While the delegate handles one chunk the next one grows. When both blocks are full the network
-/// thread pauses the transfer. Chunks may grow larger where flushes are slow.
+/// While one chunk is flushed, or handled if there are few transfers, the next one grows. When no
+/// block has space the network thread pauses the transfer.
 ///
 /// Threads: see each function. Ownership: shared; blocks in use keep it alive.
 class ReceiveBuffer : public BlockRecycler, public std::enable_shared_from_this<ReceiveBuffer> {
@@ -44,7 +44,6 @@ public:
 private:
   using Clock = std::chrono::steady_clock;
   bool obtain_block();
-  std::size_t max_chunk_size() const;
   bool has_enough() const;
   bool has_bytes() const { return filling_ && filling_->size > 0; }
   void resume_if_paused(std::unique_lock<std::mutex>& lock);
@@ -52,8 +51,7 @@ private:
   std::mutex mutex_; // used by the network thread, the delegate queue and writers
   std::condition_variable ready_;
   std::unique_ptr<Block> filling_;
-  bool storage_is_slow_ = false; // as of the last chunk
-  int blocks_ = 0;               // `filling_` and those in use
+  int blocks_ = 0; // `filling_` and those in use
   Clock::time_point first_byte_;
   bool delivering_ = false;
   bool paused_ = false;

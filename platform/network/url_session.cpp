@@ -85,9 +85,9 @@ void DataTask::deliver_data() {
   if (undecided_ || ended_)
     return;
   const auto delegate = session_->delegate_.lock();
-  while (const auto data = buffer_->take())
+  while (auto data = buffer_->take())
     if (delegate)
-      delegate->urlSession(*session_, *this, *data);
+      delegate->urlSession(*session_, *this, std::move(*data));
 }
 
 void DataTask::complete(std::optional<Error> error) {

@@ -64,7 +64,7 @@ public:
   virtual void urlSession(URLSession& session, DataTask& dataTask, const URLResponse& didReceive,
                           ResponseHandler completionHandler) = 0;
   /// The next chunk is delivered after this returns.
-  virtual void urlSession(URLSession&, DataTask&, const Data& /*didReceive*/) {}
+  virtual void urlSession(URLSession&, DataTask&, Data /*didReceive*/) {}
   /// The last call for a task, exactly once.
   virtual void urlSession(URLSession& session, DataTask& task,
                           const std::optional<Error>& didCompleteWithError) = 0;

@@ -1,4 +1,3 @@
-#include "platform/files/storage_speed.h"
 #include "platform/network/curl_errors.h"
 #include "platform/network/data_task.h"
 #include "platform/network/http_date.h"
@@ -75,11 +74,11 @@ struct Fetch : URLSessionDelegate, std::enable_shared_from_this<Fetch> {
       answer += name.size() == 1 ? name + "=" + value + " " : "";
     on_response(task, std::move(decide));
   }
-  void urlSession(URLSession& session, DataTask& task, const Data& data) override {
+  void urlSession(URLSession& session, DataTask& task, Data data) override {
     body += data.text();
     largest = std::max(largest, data.size());
     on_data(task);
-    queued.push_back(data); // as for a writer who is slower
+    queued.push_back(std::move(data)); // as for a writer who is slower
     session.delegate_queue().async([self = shared_from_this()] {
       EXPECT_GE(2U, self->queued.size());
       self->queued.clear();
@@ -252,8 +251,6 @@ TEST(DataTask, waits_for_a_slow_delegate_and_ends_when_cancelled_or_alone) {
       {disallow, cut, "-999 200 "},
       {cancel_data, stalls, "-999 200 bo"}};
   for (const auto& [when, reply, outcome] : cases) {
-    for (int i = 0; i < 99; ++i) // slow storage is worth larger chunks, one slow flush is not
-      note_flush(when == slow_data || i == 98 ? 1ms : 0ms);
     const ScriptedServer server(reply);
     const auto request = std::make_shared<Fetch>();
     request->options.idle_timeout = 1s;
@@ -273,7 +270,7 @@ TEST(DataTask, waits_for_a_slow_delegate_and_ends_when_cancelled_or_alone) {
     server.wait_for_requests(1);
     when == cancel_request ? task->cancel() : void();
     EXPECT_EQ(outcome, request->outcome());
-    EXPECT_EQ(when == slow_data, request->largest > 512 * 1024);
+    EXPECT_LE(request->largest, 768U * 1024);
     task->cancel();
   }
   std::promise<void> gone;
