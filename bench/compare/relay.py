@@ -5,10 +5,13 @@ import asyncio
 import collections
 import contextlib
 import math
+import socket
 import threading
 import urllib.parse
 
 MAX_UNDERWAY = 16 << 20  # bytes of one direction of a connection, like a large TCP window
+
+SEND_BUFFER = 64 << 10  # bytes, for each connection of a line with a limited rate
 
 
 class Link:
@@ -62,6 +65,12 @@ class Relay:
 
     async def _accept(self, reader, writer):
         self.connections += 1
+        if self._down.rate:
+            # Otherwise megabytes would wait in the system's buffer and be counted as received,
+            # though the client closes the connection without having read them.
+            sock = writer.get_extra_info("socket")
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, SEND_BUFFER)
+            writer.transport.set_write_buffer_limits(0)
         with contextlib.suppress(asyncio.CancelledError, OSError):
             server_reader, server_writer = await asyncio.open_connection(*self._server,
                                                                          limit=1 << 20)
