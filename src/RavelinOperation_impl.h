@@ -40,6 +40,9 @@ bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int6
 class RavelinOperation::Impl {
 public:
   static constexpr double save_interval = 0.1; // seconds between saves of the record
+  // Further requests to a server that is nearer are answered at once, and closing the connection in
+  // the middle of the content would cost more than it gives.
+  static constexpr auto far_response_time = std::chrono::milliseconds(50);
 
   Impl(RavelinOperation& operation, Options its_options)
       : opr(operation),
@@ -142,6 +145,7 @@ public:
 
   // The parts of the transfer.
   void start_parts(const URL& link, bool should_split, HeldResponse held_response) MAIN_ONLY;
+  bool whole_ends_soon() const MAIN_ONLY;
   void start_waiting_parts(const URL& link) MAIN_ONLY;
   std::shared_ptr<PartialDataOpr> new_request() MAIN_ONLY;
   void start_download(const URL& link, std::int64_t part_index, bool use_range,
@@ -183,6 +187,8 @@ public:
   PartSchedule parts MAIN_STATE;
   // Takes the content of a split download from the response to the header request.
   std::shared_ptr<PartialDataOpr> whole_request MAIN_STATE;
+  bramblekit::StopWatch whole_watch MAIN_STATE;  // since that request was started
+  std::int64_t whole_received MAIN_STATE = 0;    // bytes
   std::int64_t reached_part MAIN_STATE = 0;      // by that request
   std::optional<Error> holding_error MAIN_STATE; // the server's wish to wait before more requests
   std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry

@@ -22,6 +22,9 @@ using platform::Semaphore;
 
 namespace {
 
+constexpr double first_look = 0.01; // seconds after which the rate of a response is estimated
+constexpr std::int64_t max_one_response = 8 * 1024 * 1024; // bytes; more is not worth that wait
+
 /// Whether it says nothing about the content.
 bool is_refused_range(const URLLoadingError& error) {
   using Refusal = URLLoadingError::Refusal;
@@ -57,8 +60,22 @@ void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
   start_waiting_parts(link);
 }
 
+/// Whether the whole content is about to come before requests for the parts would be answered.
+/// Their connections would be closed for nothing.
+bool RavelinOperation::Impl::whole_ends_soon() const {
+  const auto& record = *file_proc->resume_data;
+  if (!whole_request || !record.content_length)
+    return false;
+  const auto elapsed = whole_watch.elapsed_time();
+  if (elapsed < first_look)
+    return *record.content_length <= max_one_response;
+  const auto missing = static_cast<double>(*record.content_length - record.received_bytes());
+  const auto rate = static_cast<double>(whole_received) / elapsed;
+  return missing < rate * std::chrono::duration<double>(far_response_time).count();
+}
+
 void RavelinOperation::Impl::start_waiting_parts(const URL& link) {
-  while (!opr.is_cancelled() && parts.may_open(partial_data_oprs.size())) {
+  while (!opr.is_cancelled() && !whole_ends_soon() && parts.may_open(partial_data_oprs.size())) {
     const auto next = parts.take_waiting();
     if (!next)
       return;
@@ -95,6 +112,8 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
   using Event = PartialDataOpr::Status;
   if (!use_range && file_proc->split_count) {
     whole_request = request;
+    whole_watch.reset();
+    whole_received = 0;
     reached_part = part_index;
   }
   const PartialDataOpr::StatusClosure on_main = [this, keep = self(), link, request,
@@ -162,6 +181,7 @@ void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const pla
 /// the server may refuse all ranges.
 void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
                                                const std::shared_ptr<PartialDataOpr>& request) {
+  whole_received += static_cast<std::int64_t>(data.size());
   std::size_t done = 0;
   while (done < data.size() && !opr.is_cancelled()) {
     const auto& part = record_of_part(reached_part);

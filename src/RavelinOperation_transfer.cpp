@@ -24,12 +24,9 @@ using platform::Semaphore;
 
 namespace {
 
-constexpr auto save_check_interval = std::chrono::milliseconds(50);
-constexpr auto burst_check_interval = std::chrono::milliseconds(10);
+constexpr auto check_interval = std::chrono::milliseconds(50); // for late saves and parts
+constexpr auto short_check_interval = std::chrono::milliseconds(10);
 constexpr std::int64_t large_burst = 1024 * 1024; // bytes
-// Further requests to a server that is nearer are answered at once, and closing the connection in
-// the middle of the content would cost more than it gives.
-constexpr auto far_response_time = std::chrono::milliseconds(50);
 constexpr const char* source_file = "src/RavelinOperation";
 constexpr const char* header_function = "bg_request_http_header(for:)";
 
@@ -117,12 +114,14 @@ void RavelinOperation::Impl::bg_start_connections(Run& run, bool split_allowed,
       start_parts(run.link, should_split, std::move(held_response));
       return data_opr_sema;
     });
-    auto interval = save_check_interval;
+    auto interval = short_check_interval;
     while (running && !running->wait_for(interval))
       interval = main_sync([&]() MAIN_ONLY {
         save_if_behind();
         start_late_parts(run.link);
-        return unsaved_bytes < large_burst ? save_check_interval : burst_check_interval;
+        const bool is_urgent =
+            unsaved_bytes >= large_burst || (parts.has_waiting() && whole_ends_soon());
+        return is_urgent ? short_check_interval : check_interval;
       });
     file_proc->bg_wait_for_writes(); // so that the record counts every byte
     if (!main_sync([&]() MAIN_ONLY { return finish_files(); }))
