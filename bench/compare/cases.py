@@ -92,13 +92,15 @@ def through_relays(bench, files, base, names, rounds, flushes=False, **line):
 
 def far(bench):
     """Short downloads from a server whose answers take 60 ms."""
-    folder = bench.served_folder(64 * 1024, 40)
-    many_files = {f"/{folder.name}/{one.name}": one for one in sorted(folder.iterdir())}
+    small, large = (
+        {f"/{folder.name}/{one.name}": one for one in sorted(folder.iterdir())}
+        for folder in (bench.served_folder(64 * 1024, 40), bench.served_folder(MIB, 40)))
     one_name = ["ours", "curl", "aria2"]
     result = {}
     for title, files, names in (
-            ("40 files of 64 KiB", many_files,
+            ("40 files of 64 KiB", small,
              ["ours split list", "ours list", "aria2 list", "curl list"]),
+            ("40 files of 1 MiB", large, ["ours split list", "aria2 list", "curl list"]),
             ("1 MiB", {f"/{MIB}.bin": bench.served(MIB)}, one_name),
             ("20 MiB", {f"/{20 * MIB}.bin": bench.served(20 * MIB)}, one_name)):
         result[title] = through_relays(bench, files, bench.server.tls, names, bench.rounds,

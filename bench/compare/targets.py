@@ -6,7 +6,7 @@ import statistics
 
 from .trial import median
 
-GIB = 1 << 30
+MIB = 1 << 20
 
 
 @dataclasses.dataclass
@@ -42,6 +42,8 @@ def ram_targets(case):
 def disk_targets(case):
     yield Target("plain to disk, flushed, wall, vs. aria2 without a flush",
                  ratio(case, "ravelin", "aria2 -x5"), 1.0)
+    yield Target("plain to disk, peak memory", median(case["clients"]["ravelin"], "peak") / MIB,
+                 20, " MiB")
 
 
 def tls_targets(case):
@@ -56,11 +58,13 @@ def limited_targets(case):
 
 
 def far_targets(cases):
-    many, one, twenty = (cases[name] for name in ("40 files of 64 KiB", "1 MiB", "20 MiB"))
-    for name in ("ravelin -j5", "ravelin -j5 --no-split"):
-        yield Target(f"60 ms away, 40 files of 64 KiB, {name}, wall, vs. aria2 -j5",
+    one, twenty = cases["1 MiB"], cases["20 MiB"]
+    for size, name in (("64 KiB", "ravelin -j5"), ("64 KiB", "ravelin -j5 --no-split"),
+                       ("1 MiB", "ravelin -j5")):
+        many = cases[f"40 files of {size}"]
+        yield Target(f"60 ms away, 40 files of {size}, {name}, wall, vs. aria2 -j5",
                      ratio(many, name, "aria2 -j5"), 1.8)
-        yield Target(f"60 ms away, 40 files of 64 KiB, {name}, connections",
+        yield Target(f"60 ms away, 40 files of {size}, {name}, connections",
                      many["clients"][name]["connections"], 60)
     yield Target("60 ms away, 1 MiB, wall, vs. curl", ratio(one, "ravelin", "curl"), 1.8)
     yield Target("60 ms away, 20 MiB, wall, vs. aria2", ratio(twenty, "ravelin", "aria2 -x5"), 1.2)
