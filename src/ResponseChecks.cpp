@@ -29,12 +29,11 @@ Error refusal(Refusal kind, const std::string& text, const URLResponse& response
 /// Why its length does not tell where the content ends. In a chunked response it does not have to.
 std::optional<std::string> describe_bad_length(const URLResponse& response) {
   const auto length = case_insensitive(response.header_fields, "Content-Length");
-  if (length && length->find(',') != std::string::npos)
-    return "the server sent conflicting values of Content-Length: " + *length;
-  const auto coding = case_insensitive(response.header_fields, "Transfer-Encoding");
-  const bool is_chunked = coding && platform::equal_ignoring_case(*coding, "chunked");
-  if (!length || is_chunked || announced_length(response.header_fields).value_or(-1) >= 0)
+  if (!length || platform::is_chunked(response) ||
+      announced_length(response.header_fields).value_or(-1) >= 0)
     return std::nullopt;
+  if (length->find(',') != std::string::npos)
+    return "the server sent several values of Content-Length: " + *length;
   return "the server sent a Content-Length that is not a number of bytes: '" + *length + "'";
 }
 

@@ -76,7 +76,7 @@ const struct {
     {"some parts refused, 403", right, all({.status = 403}, half), one},
     {"416 for the parts", right, all({.status = 416}, ranged), one},
     {"redirect out of the web", refused, all(with("Location", "ftp://127.0.0.1/f", 302))},
-    {"two lengths", refused, raw(ok + length + "\r\nContent-Length: 17"), "conflicting"},
+    {"two lengths", refused, raw(ok + length + "\r\nContent-Length: 17"), "several"},
     {"unreadable length, cut", refused, raw(ok + length + "x", body.substr(9)), "not a number"},
     {"length too long", refused, all({.content_length = "9000000"})},
     {"unbelievable length", refused, all({.content_length = "9223372036854775807"})},

@@ -74,6 +74,17 @@ const std::string* find_field(const HeaderFields& fields, std::string_view name)
   return found == fields.end() ? nullptr : &found->second;
 }
 
+bool is_chunked(const URLResponse& response) {
+  const auto* const coding = find_field(response.header_fields, "Transfer-Encoding");
+  return coding && equal_ignoring_case(*coding, "chunked");
+}
+
+/// libcurl takes "5x" for 5, and the last of several lengths for the length.
+bool has_unreadable_length(const URLResponse& response) {
+  const auto* const length = find_field(response.header_fields, "Content-Length");
+  return length && !parse_digits(*length) && !is_chunked(response);
+}
+
 std::optional<std::string> unknown_coding(const URLResponse& response) {
   const auto* const coding = find_field(response.header_fields, "Transfer-Encoding");
   if (!coding || equal_ignoring_case(*coding, "chunked") ||

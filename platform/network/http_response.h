@@ -29,6 +29,11 @@ struct URLResponse {
 /// The transfer coding if it is other than "chunked".
 std::optional<std::string> unknown_coding(const URLResponse& response);
 
+bool is_chunked(const URLResponse& response);
+
+/// Whether the length of the content is told by a value that libcurl would misread.
+bool has_unreadable_length(const URLResponse& response);
+
 /// Parses the header lines of consecutive responses and keeps the last one.
 class HeaderCollector {
 public:

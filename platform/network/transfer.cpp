@@ -18,7 +18,6 @@ constexpr long min_read_size = 1024;
 constexpr long max_connect_timeout = 24L * 60 * 60 * 1000; // ms
 constexpr long max_idle_seconds = 60;                      // of a connection to reuse
 constexpr auto max_redirect_body_time = std::chrono::seconds(1);
-constexpr std::size_t max_length_digits = 18;        // what fits into 64 bits in any case
 constexpr std::size_t max_drained_bytes = 64 * 1024; // of an unwanted body
 
 /// Fields that would break what the library asks for itself.
@@ -295,22 +294,10 @@ bool Transfer::handle_header(std::string_view line) {
   else if (seen == HeaderCollector::Line::redirect_end)
     redirect_deadline_ = last_activity_ + max_redirect_body_time;
   else if (seen == HeaderCollector::Line::final_end)
-    has_bad_length_ = !length_ignored_ && !is_chunked() && has_unreadable_length();
+    has_bad_length_ = !length_ignored_ && has_unreadable_length(headers_.response());
   if (seen == HeaderCollector::Line::final_end && !has_bad_length_)
     report_response();
   return !refused_ && !has_bad_length_;
-}
-
-/// libcurl takes "5x" for 5, and the last of several lengths for the length.
-bool Transfer::has_unreadable_length() const {
-  const auto* const length = find_field(headers_.response().header_fields, "Content-Length");
-  return length && (length->empty() || length->size() > max_length_digits ||
-                    length->find_first_not_of("0123456789") != std::string::npos);
-}
-
-bool Transfer::is_chunked() const {
-  const auto* const coding = find_field(headers_.response().header_fields, "Transfer-Encoding");
-  return coding && equal_ignoring_case(*coding, "chunked");
 }
 
 void Transfer::report_response() {

@@ -72,8 +72,6 @@ private:
   bool handle_header(std::string_view line);
   std::size_t handle_body(std::string_view bytes);
   void report_response();
-  bool has_unreadable_length() const;
-  bool is_chunked() const;
   long buffer_size() const;
   std::array<RateLimiter*, 2> limiters() const;
   bool may_take_now() const;
