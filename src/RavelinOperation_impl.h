@@ -147,6 +147,7 @@ public:
   void start_parts(const URL& link, bool should_split, HeldResponse held_response) MAIN_ONLY;
   bool whole_ends_soon() const MAIN_ONLY;
   void start_waiting_parts(const URL& link) MAIN_ONLY;
+  bool lacks_bytes(std::int64_t part_index) const MAIN_ONLY;
   std::shared_ptr<PartialDataOpr> new_request() MAIN_ONLY;
   void start_download(const URL& link, std::int64_t part_index, bool use_range,
                       HeldResponse held_response = nullptr) MAIN_ONLY;

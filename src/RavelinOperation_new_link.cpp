@@ -51,7 +51,8 @@ void refuse_other_length(const ResumeData& record, std::optional<std::int64_t> l
       .rethrow();
 }
 
-/// What has arrived is kept; the server may be one of several, or soon be itself again.
+/// What has arrived is kept, unless the application starts again: the server may be one of several,
+/// or soon be itself again.
 void refuse_without_ranges(const ResumeData& record) {
   if (!record.is_splitted || record.received_bytes() == 0)
     return;
@@ -157,6 +158,10 @@ std::optional<std::string> RavelinOperation::Impl::bg_compare(Run& run, const Re
       continue;
     const auto ours = platform::read_range(run.destination, range.start,
                                            static_cast<std::size_t>(range.size()), run.links);
+    if (static_cast<std::int64_t>(ours.size()) < range.size()) {
+      run.must_restart = true;
+      return std::nullopt;
+    }
     if (ours != bg_request_bytes(run.link, range))
       return range.text();
   }

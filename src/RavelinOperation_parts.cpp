@@ -22,7 +22,9 @@ using platform::Semaphore;
 
 namespace {
 
-constexpr double first_look = 0.01; // seconds after which the rate of a response is estimated
+// Seconds after which the rate of a response is estimated, and at most relied on.
+constexpr double first_look = 0.01;
+constexpr double last_look = 0.2;
 constexpr std::int64_t max_one_response = 8 * 1024 * 1024; // bytes; more is not worth that wait
 
 /// Whether it says nothing about the content.
@@ -38,6 +40,11 @@ ResumeData::Part& RavelinOperation::Impl::record_of_part(std::int64_t index) con
       index >= static_cast<std::int64_t>(file_proc->resume_data->parts.size()))
     platform::fatal("the resume record has no part " + std::to_string(index));
   return *file_proc->resume_data->parts[static_cast<std::size_t>(index)];
+}
+
+bool RavelinOperation::Impl::lacks_bytes(std::int64_t part_index) const {
+  const auto& part = record_of_part(part_index);
+  return part.curr_bytes < part.total_bytes_expected;
 }
 
 void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
@@ -69,6 +76,8 @@ bool RavelinOperation::Impl::whole_ends_soon() const {
   const auto elapsed = whole_watch.elapsed_time();
   if (elapsed < first_look)
     return *record.content_length <= max_one_response;
+  if (elapsed > last_look)
+    return false; // it may have stalled
   const auto missing = static_cast<double>(*record.content_length - record.received_bytes());
   const auto rate = static_cast<double>(whole_received) / elapsed;
   return missing < rate * std::chrono::duration<double>(far_response_time).count();
@@ -101,7 +110,7 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
   std::optional<PartialDataOpr::BytesRange> range;
   if (use_range) {
     const auto& part = record_of_part(part_index);
-    if (part.curr_bytes >= part.total_bytes_expected)
+    if (!lacks_bytes(part_index))
       return;
     const auto end = checked_add(part.begin_pos, part.total_bytes_expected);
     range = {checked_add(part.begin_pos, part.curr_bytes), checked_subtract(end, 1)};
@@ -141,7 +150,11 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
                        download_exception = failed.error;
                      end_part(link, part, request);
                    },
-                   [&](const Event::success&) MAIN_ONLY { end_part(link, part, request); },
+                   [&](const Event::success&) MAIN_ONLY {
+                     if (request == whole_request && lacks_bytes(part))
+                       parts.wait_for_connection(part); // its end could not be told
+                     end_part(link, part, request);
+                   },
                    [&](const Event::cancelled&) MAIN_ONLY {
                      const bool is_intended =
                          parts.is_given_up(part) || !parts.is_served_by(part, request);
