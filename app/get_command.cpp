@@ -252,8 +252,8 @@ sigset_t signals_to_handle() {
   return signals;
 }
 
-/// The first signal calls `on_signal` on the main thread, the second one exits at once. The files
-/// can be resumed in either case.
+/// The first signal calls `on_signal` on the main thread, the next one after 0.2 seconds exits at
+/// once. The files can be resumed in either case.
 void watch_signals(const sigset_t& signals, void (*on_signal)(int)) {
   std::thread([signals, on_signal] {
     using Clock = std::chrono::steady_clock;

@@ -63,6 +63,8 @@ std::vector<Link> read_link_list(const std::string& from) {
           number, from, shown_link(line)));
     links.push_back(*link);
   }
+  if (lines.bad())
+    throw TextError("could not read all of '" + from + "'");
   if (links.empty())
     throw TextError("'" + from + "' contains no links");
   return links;

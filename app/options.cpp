@@ -328,7 +328,7 @@ std::vector<std::string> reversed_arguments(int argc, const char* const* argv) {
   if (!arguments.empty() && std::ranges::find(own, arguments.front()) == own.end()) {
     const auto& first = arguments.front();
     if (!first.starts_with('-') && first.find_first_of(".:/") == std::string::npos)
-      throw CLI::ValidationError("'" + first + "'", "is not a command; use get, status or clear");
+      throw CLI::ValidationError("'" + first + "' is not a command; use get, status or clear");
     arguments.insert(arguments.begin(), "get");
   }
   std::ranges::reverse(arguments);
