@@ -13,7 +13,7 @@
 namespace ravelin {
 
 /// Requests the content of a link in order, over one connection, and passes it on instead of
-/// keeping it in a file. Only about 1 MiB is in memory at once.
+/// keeping it in a file. At most 1.5 MiB is in memory at once.
 ///
 /// Retries if `Options::retry` is set. Bytes that were passed on cannot be taken back: after a lost
 /// connection, the rest is requested only if the server supports byte ranges and says by a strong
