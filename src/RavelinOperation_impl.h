@@ -151,6 +151,9 @@ public:
   std::shared_ptr<PartialDataOpr> new_request() MAIN_ONLY;
   void start_download(const URL& link, std::int64_t part_index, bool use_range,
                       HeldResponse held_response = nullptr) MAIN_ONLY;
+  void handle_part_event(const URL& link, std::int64_t part_index,
+                         const std::shared_ptr<PartialDataOpr>& request,
+                         const PartialDataOpr::Status& event) MAIN_ONLY;
   void did_receive_data(std::int64_t part_index, const platform::Data& data) MAIN_ONLY;
   void did_receive_whole(const platform::Data& data, const std::shared_ptr<PartialDataOpr>& request)
       MAIN_ONLY;

@@ -125,52 +125,58 @@ void RavelinOperation::Impl::start_download(const URL& link, std::int64_t part_i
     whole_received = 0;
     reached_part = part_index;
   }
-  const PartialDataOpr::StatusClosure on_main = [this, keep = self(), link, request,
-                                                 part_index](const Event& event) MAIN_ONLY {
-    const auto part = request == whole_request ? reached_part : part_index;
-    std::visit(match{
-                   [&](const Event::started& started) MAIN_ONLY {
-                     bramblekit::suppress_warns_for(started.content_length);
-                     parts.has_response(part, request);
-                     if (!std::exchange(download_started, true))
-                       send(stat_closure, {Status::started{content_len}});
-                   },
-                   [](const Event::connecting&) {},
-                   [&](const Event::did_receive_data& received) MAIN_ONLY {
-                     if (request == whole_request)
-                       did_receive_whole(received.progress.data, request);
-                     else
-                       did_receive_data(part, received.progress.data);
-                     replace_slow_part();
-                   },
-                   [](const Event::bg_after_receive_data&) {},
-                   [&](const Event::error& failed) MAIN_ONLY {
-                     if (parts.is_served_by(part, request) &&
-                         !requeue_part(link, part, request, failed.error))
-                       download_exception = failed.error;
-                     end_part(link, part, request);
-                   },
-                   [&](const Event::success&) MAIN_ONLY {
-                     if (request == whole_request && lacks_bytes(part))
-                       parts.wait_for_connection(part); // its end could not be told
-                     end_part(link, part, request);
-                   },
-                   [&](const Event::cancelled&) MAIN_ONLY {
-                     const bool is_intended =
-                         parts.is_given_up(part) || !parts.is_served_by(part, request);
-                     if (!is_intended || opr.is_cancelled())
-                       download_exception = to_error(Exception());
-                     end_part(link, part, request);
-                   },
-               },
-               event.value);
-  };
+  const PartialDataOpr::StatusClosure on_main =
+      [this, keep = self(), link, request, part_index](const Event& event)
+          MAIN_ONLY { handle_part_event(link, part_index, request, event); };
   request->request(link, range, [this, request, on_main](const Event& event) {
     if (std::holds_alternative<Event::bg_after_receive_data>(event.value))
       bg_after_receive_data(*request);
     else
       on_main(event);
   });
+}
+
+void RavelinOperation::Impl::handle_part_event(const URL& link, std::int64_t part_index,
+                                               const std::shared_ptr<PartialDataOpr>& request,
+                                               const PartialDataOpr::Status& event) {
+  using Event = PartialDataOpr::Status;
+  const auto part = request == whole_request ? reached_part : part_index;
+  std::visit(match{
+                 [&](const Event::started& started) MAIN_ONLY {
+                   bramblekit::suppress_warns_for(started.content_length);
+                   parts.has_response(part, request);
+                   if (!std::exchange(download_started, true))
+                     send(stat_closure, {Status::started{content_len}});
+                 },
+                 [](const Event::connecting&) {},
+                 [&](const Event::did_receive_data& received) MAIN_ONLY {
+                   if (request == whole_request)
+                     did_receive_whole(received.progress.data, request);
+                   else
+                     did_receive_data(part, received.progress.data);
+                   replace_slow_part();
+                 },
+                 [](const Event::bg_after_receive_data&) {},
+                 [&](const Event::error& failed) MAIN_ONLY {
+                   if (parts.is_served_by(part, request) &&
+                       !requeue_part(link, part, request, failed.error))
+                     download_exception = failed.error;
+                   end_part(link, part, request);
+                 },
+                 [&](const Event::success&) MAIN_ONLY {
+                   if (request == whole_request && lacks_bytes(part))
+                     parts.wait_for_connection(part); // its end could not be told
+                   end_part(link, part, request);
+                 },
+                 [&](const Event::cancelled&) MAIN_ONLY {
+                   const bool is_intended =
+                       parts.is_given_up(part) || !parts.is_served_by(part, request);
+                   if (!is_intended || opr.is_cancelled())
+                     download_exception = to_error(Exception());
+                   end_part(link, part, request);
+                 },
+             },
+             event.value);
 }
 
 void RavelinOperation::Impl::did_receive_data(std::int64_t part_index, const platform::Data& data) {
