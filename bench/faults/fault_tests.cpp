@@ -103,7 +103,9 @@ TEST(ServerZoo, is_met_with_the_right_file_or_a_refusal) {
     const bool wrong = ran.status == 0 && dir.read("file.bin") != body;
     EXPECT_TRUE(ran.status == fate && !wrong) << ran.status << ran.err;
     EXPECT_TRUE(std::regex_match(ran.err, std::regex("(ravelin: .*\n)*"))) << ran.err;
-    EXPECT_NE(ran.err.find(says), ran.err.npos) << ran.err;
+    // A busy machine may seem far away, and then the first response brings everything.
+    const bool has_no_trouble = fate == right && ran.err.empty();
+    EXPECT_TRUE(has_no_trouble || ran.err.find(says) != ran.err.npos) << ran.err;
     EXPECT_EQ(ran.err.find(" -> ") != ran.err.npos, fate == refused) << ran.err;
     return true;
   });

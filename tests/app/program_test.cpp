@@ -47,15 +47,16 @@ const std::map<std::string, Reply> replies = {
     {"in7s", {.status = 503, .headers = {{"Retry-After", "7"}}}}};
 
 // The query of a link tells what its server does. Of "first,later" the first request gets the one,
-// of "first+later" the first six do.
+// of "first+later" all those before the second one without a range.
 Script links() {
   return [seen = std::map<std::string, int>(), asked = 0L](const Request& request) mutable {
     const auto& link = request.target;
     auto query = link.find('?') == link.npos ? "ok" : link.substr(link.find('?') + 1);
-    if (const auto mark = query.find_first_of(",+"); mark != query.npos)
-      query = seen[link]++ < (query[mark] == ',' ? 1 : 6) ? query.substr(0, mark)
-                                                          : query.substr(mark + 1);
     const auto header = [&](const char* name) { return request.header(name).value_or(""); };
+    if (const auto mark = query.find_first_of(",+"); mark != query.npos) {
+      seen[link] += query[mark] == ',' || header("Range").empty() ? 1 : 0;
+      query = seen[link] <= 1 ? query.substr(0, mark) : query.substr(mark + 1);
+    }
     if (const auto range = header("Range"); !range.empty() && query == "ok")
       asked += 1 - std::stol(range.substr(6)) + std::stol(range.substr(range.find('-') + 1));
     if (query == "asked")
