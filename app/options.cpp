@@ -39,6 +39,7 @@ struct RawOptions {
   int retries = 5;
   int connections = 5;
   bool no_split = false;
+  bool separate_header = false;
   bool no_safeguards = false;
 };
 
@@ -139,6 +140,8 @@ void add_network_options(CLI::App& get, RawOptions& raw) {
                  "Use one connection for files smaller than this (default 256k)")
       ->type_name("SIZE")
       ->check(not_empty);
+  get.add_flag("--separate-header", raw.separate_header,
+               "Ask for the header in a request of its own, and never download from its response");
   get.add_option("--retry", raw.retries,
                  "Retry up to N times after a lost connection, a timeout or a busy server; resets "
                  "on progress (default 5, 0 turns retries off)")
@@ -234,7 +237,7 @@ void check_output(const CLI::App& get) {
 void apply(const RawOptions& raw, GetOptions& options) {
   auto& values = options.download;
   values = Options::careful();
-  values.reuse_header_response = true;
+  values.reuse_header_response = !raw.separate_header;
   values.compare_new_link = raw.same_file;
   values.max_connections = raw.connections;
   values.min_split_size = parse_size(raw.min_split_size);

@@ -3,8 +3,8 @@ _ravelin() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
   local commands="get status clear"
   local options="--output --dir --remote-header-name --input-file --on-conflict --on-change
-    --same-file --remote-time --xattr --no-split --connections --min-split-size --max-downloads
-    --sha256 --sha256-from --retry --patience --header --limit-rate --proxy --cacert --user-agent
+    --same-file --remote-time --xattr --no-split --connections --min-split-size --separate-header
+    --max-downloads --sha256 --sha256-from --retry --patience --header --limit-rate --proxy --cacert --user-agent
     --timeout --no-safeguards --quiet --events --events-interval --help"
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then

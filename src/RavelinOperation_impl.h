@@ -40,9 +40,11 @@ bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int6
 class RavelinOperation::Impl {
 public:
   static constexpr double save_interval = 0.1; // seconds between saves of the record
-  // Further requests to a server that is nearer are answered at once, and closing the connection in
-  // the middle of the content would cost more than it gives.
+  /// Further requests to a server that is nearer are answered at once, and closing the connection
+  /// in the middle of large content would cost more than it gives.
   static constexpr auto far_response_time = std::chrono::milliseconds(50);
+  /// Bytes. More is not worth waiting to see how fast one response is.
+  static constexpr std::int64_t max_one_response = 8 * 1024 * 1024;
 
   Impl(RavelinOperation& operation, Options its_options)
       : opr(operation),

@@ -25,7 +25,6 @@ namespace {
 // Seconds after which the rate of a response is estimated, and at most relied on.
 constexpr double first_look = 0.01;
 constexpr double last_look = 0.2;
-constexpr std::int64_t max_one_response = 8 * 1024 * 1024; // bytes; more is not worth that wait
 
 /// Whether it says nothing about the content.
 bool is_refused_range(const URLLoadingError& error) {

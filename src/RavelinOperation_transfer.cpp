@@ -61,6 +61,7 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
       header_opr->holds_response = [split_allowed,
                                     options = settings](const HeaderOpr::Result& header) {
         return header.response_time >= far_response_time ||
+               header.content_length.value_or(0) <= max_one_response ||
                !can_split(split_allowed, header.ranges_accepted, header.content_length,
                           options->options);
       };
