@@ -105,6 +105,9 @@ def far(bench):
             ("20 MiB", {f"/{20 * MIB}.bin": bench.served(20 * MIB)}, one_name)):
         result[title] = through_relays(bench, files, bench.server.tls, names, bench.rounds,
                                        delay=0.03)
+        if files is not small:
+            result[f"{title}, slow start"] = through_relays(
+                bench, files, bench.server.tls, names, bench.rounds, delay=0.03, slow_start=True)
     probe = bench.served(bench.size(800 * MIB))
     result["relay"] = through_relays(bench, {f"/{probe.name}": probe}, bench.server.tls, ["curl"],
                                      1, delay=0.03)

@@ -1,5 +1,6 @@
 """Passes TCP connections on to a server as a distant or slow one would: bytes arrive late, at a
-limited rate, or in bursts. TLS passes through unchanged. The TCP handshake is not delayed."""
+limited rate, or in bursts. TLS passes through unchanged. The TCP handshake is delayed, and what a
+new connection may have underway limited, only with `slow_start`."""
 
 import asyncio
 import collections
@@ -10,6 +11,8 @@ import threading
 import urllib.parse
 
 MAX_UNDERWAY = 16 << 20  # bytes of one direction of a connection, like a large TCP window
+
+INITIAL_WINDOW = 10 * 1460  # bytes
 
 SEND_BUFFER = 64 << 10  # bytes, for each connection of a line with a limited rate
 
@@ -32,14 +35,39 @@ class Link:
         return self.free_at, arrival + self.delay
 
 
+class Window:
+    """What the server of a new connection may have underway: twice as much in each round trip."""
+
+    def __init__(self, round_trip):
+        self.round_trip = round_trip
+        self.size, self.underway = INITIAL_WINDOW, 0
+        self.sent = collections.deque()  # when it is acknowledged, and bytes
+
+    def add(self, size, now):
+        self.sent.append((now + self.round_trip, size))
+        self.underway += size
+
+    async def room(self, loop):
+        """How much may be sent, once that is more than nothing."""
+        while True:
+            while self.sent and self.sent[0][0] <= loop.time():
+                size = self.sent.popleft()[1]
+                self.underway -= size
+                self.size = min(self.size + size, MAX_UNDERWAY)
+            if self.underway < self.size:
+                return self.size - self.underway
+            await asyncio.sleep(self.sent[0][0] - loop.time())
+
+
 class Relay:
     """Listens on a port of its own. `connections` counts those accepted, `received` the bytes of
     the server that were passed on."""
 
-    def __init__(self, server, delay=0, rate=None, burst=None):
+    def __init__(self, server, delay=0, rate=None, burst=None, slow_start=False):
         link = urllib.parse.urlsplit(server)
         self._server = link.hostname, link.port
         self._up, self._down = Link(delay), Link(delay, rate, burst)
+        self._slow_start = slow_start
         self.connections = 0
         self._loop = asyncio.new_event_loop()
         listening = self._loop.run_until_complete(
@@ -74,18 +102,25 @@ class Relay:
         with contextlib.suppress(asyncio.CancelledError, OSError):
             server_reader, server_writer = await asyncio.open_connection(*self._server,
                                                                          limit=1 << 20)
+            window = None
+            if self._slow_start:
+                window = Window(self._up.delay + self._down.delay)
+                await asyncio.sleep(window.round_trip)  # of the handshake
             await asyncio.gather(self._pass_on(reader, server_writer, self._up),
-                                 self._pass_on(server_reader, writer, self._down))
+                                 self._pass_on(server_reader, writer, self._down, window))
         writer.close()
 
-    async def _pass_on(self, reader, writer, link):
+    async def _pass_on(self, reader, writer, link, window=None):
         underway = collections.deque()  # arrival time and bytes
         changed = asyncio.Event()
         sender = asyncio.ensure_future(self._send(underway, changed, writer, link))
         try:
             while not sender.done():
-                data = await reader.read(link.piece)
+                room = await window.room(self._loop) if window else link.piece
+                data = await reader.read(min(link.piece, room))
                 read_at, arrival = link.schedule(len(data), self._loop.time())
+                if window:
+                    window.add(len(data), self._loop.time())
                 underway.append((arrival, data))
                 changed.set()
                 if not data:

@@ -29,7 +29,9 @@ NOTES = {
     "tls": "All clients use the same cipher (TLS 1.3, AES-256-GCM).",
     "split": "The cost or gain of four more connections when the network is not the limit.",
     "far": "A relay delays each byte by 30 ms in either direction. The TCP handshake is not "
-           "delayed. The connections are those of one run.",
+           "delayed, except with slow start: there the server may have 14,600 bytes underway on a "
+           "new connection, and twice as many after each round trip. The connections are those of "
+           "one run.",
     "home": "All connections share the line, which delays each byte by 10 ms. The flushes are "
             "those of the file; the record has two more each time that it is saved.",
     "kills": "A relay passes on 50 MB/s. The program is killed three times in the course of the "
