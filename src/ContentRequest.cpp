@@ -174,6 +174,7 @@ private:
 
   void end(End how, const std::optional<Error>& error = {}) {
     request_ = nullptr;
+    chunk_ = {}; // its block is needed elsewhere
     if (const auto callbacks = std::exchange(callbacks_, {}); callbacks.on_end)
       callbacks.on_end(how, how == End::failed ? &*error : nullptr);
   }
