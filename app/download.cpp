@@ -295,8 +295,10 @@ std::string Download::describe_change(const CustomError& error) const {
   if (!loading || loading->refusal != URLLoadingError::Refusal::changed_content)
     return "";
   const bool was_replaced = restarted_ || options_.on_conflict == OnConflict::replace;
-  if (was_replaced && options_.split)
-    return "; try again, with --no-split if the server sends another ETag each time";
+  if (was_replaced)
+    return options_.split
+               ? "; try again, with --no-split if the server sends another ETag each time"
+               : "; try again";
   return options_.on_conflict == OnConflict::keep_both
              ? "; delete '" + file_.native() + "' to download it again"
              : "; use --on-conflict replace to download it again";
