@@ -216,7 +216,8 @@ void RavelinOperation::Impl::did_receive_whole(const platform::Data& data,
 }
 
 bool RavelinOperation::Impl::go_on_with_next_part(const std::shared_ptr<PartialDataOpr>& request) {
-  const bool goes_on = !download_exception && record_of_part(reached_part + 1).curr_bytes == 0 &&
+  const bool goes_on = !request->is_cancelled() && !download_exception &&
+                       record_of_part(reached_part + 1).curr_bytes == 0 &&
                        !parts.has_response(reached_part + 1);
   parts.take_over(reached_part);
   if (!goes_on) {
@@ -313,7 +314,7 @@ void RavelinOperation::Impl::end_part(const URL& link, std::int64_t part_index,
   if (!download_exception && !parts.starts_later())
     start_waiting_parts(link);
   if (whole_request && partial_data_oprs.size() == 1 && !parts.has_waiting() &&
-      !opr.is_cancelled() && record_of_part(reached_part).curr_bytes == 0) {
+      !opr.is_cancelled() && whole_received == 0) {
     parts.give_up(reached_part); // all others have ended, and it has sent nothing
     whole_request->cancel();
   }

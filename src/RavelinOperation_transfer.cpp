@@ -175,7 +175,8 @@ void RavelinOperation::Impl::check_content(Run& run) {
   const ResponseChecks safeguards(settings->options);
   const bool is_first = record.received_bytes() == 0;
   if (is_first || std::exchange(run.is_compared, false)) { // so far it is content of this version
-    record.server_side_date = server_side_date;
+    if (safeguards.reject_changed_content() || checks_destination())
+      record.server_side_date = server_side_date;
     if (checks_destination())
       note_origin(file, run.link);
     // Only split downloads are ever resumed.
@@ -225,6 +226,10 @@ bool RavelinOperation::Impl::finish_files() {
     return remove_marks(*file_proc->main_file_url);
   }
   if (download_exception->is<Exception>()) {
+    if (file_proc->bounds_counts && !opr.is_cancelled()) { // a part has none to request its rest
+      save_received();
+      throw std::system_error(make_error_code(URLError::network_connection_lost));
+    }
     if (!should_clear_files)
       file_proc->update_resume_file();
   } else {

@@ -92,6 +92,7 @@ TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
   const Reply slow{.body = body, .header_delay = 60ms, .piece = 10, .piece_delay = 20ms};
   const Reply cut{.body = body, .header_delay = 300ms, .cut_after = 150};
   const Reply never{.header_delay = 10s};
+  const auto large = pattern(5 * 128 * 1024);
   const std::tuple<Reply, Reply, int, std::string> cases[] = {
       {fast, never, 5, "(100-199 )?(200-299 )?(300-399 )?(400-499 )?all"},
       {slow, Reply{.body = body}, 5, "(0-99 )?100-199 200-299 300-399 400-499 all"},
@@ -110,7 +111,12 @@ TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
       {{.body = body, .header_delay = 60ms, .stall_after = 0},
        {.body = body},
        5,
-       "0-99 100-199 200-299 300-399 400-499 all"}};
+       "0-99 100-199 200-299 300-399 400-499 all"},
+      // Each piece is a chunk that ends with a part.
+      {{.body = large, .piece = large.size() / 5, .piece_delay = 60ms},
+       {.status = 403, .header_delay = 1s},
+       5,
+       "([0-9-]+ ){3,4}all"}};
   for (const auto& [first, others, connections, requests] : cases) {
     SCOPED_TRACE(requests);
     Options options;
@@ -123,8 +129,8 @@ TEST_F(DownloadTest, takes_parts_from_the_first_answer_while_that_is_faster) {
     const auto& run = download({.opr = std::make_shared<RavelinOperation>(options)});
     EXPECT_EQ(run.story, "cfsd+") << run.error_text;
     EXPECT_TRUE(std::regex_match(asked(), std::regex(requests))) << asked();
-    EXPECT_EQ(run.last<Status::downloading>()->progress.received_bytes, 500);
-    EXPECT_EQ(dir.read("file.bin"), body);
+    EXPECT_EQ(run.last<Status::downloading>()->progress.received_bytes, std::ssize(first.body));
+    EXPECT_EQ(dir.read("file.bin"), first.body);
     RavelinOperation::clear_files(file());
   }
 }
