@@ -119,6 +119,19 @@ bool RavelinOperation::Impl::must_restart(const Run& run) const {
          counted_end(*record) > size_of(run.destination);
 }
 
+/// Whether an unfinished file whose server has no ranges is kept, unless the application starts
+/// again: the server may be one of several, or soon be itself again. One from another link is
+/// refused for other reasons.
+bool RavelinOperation::Impl::keeps_unfinished(const Run& run) const {
+  if (!checks_destination() || !settings->options.reject_changed_content.value_or(false))
+    return false;
+  const auto origin = origin_of(run.destination, run.link);
+  const bool compares = settings->options.compare_new_link.value_or(false);
+  const bool may_be_own =
+      origin == Origin::same_link || (!compares && origin != Origin::other_link);
+  return may_be_own && !must_restart(run);
+}
+
 /// Whether the files belong to this run and may be deleted.
 bool RavelinOperation::Impl::may_clear(const Run& run) const {
   if (run.claim_error)

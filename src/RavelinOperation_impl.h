@@ -61,8 +61,9 @@ public:
     bool is_complete;
     bool must_restart; // replace existing files once the server has answered
     platform::Links links = platform::Links::followed;
-    bool is_compared = false; // what is there was found at the link by comparing
-    bool has_content = false; // has begun the content, or checked what was there of it
+    bool is_compared = false;   // what is there was found at the link by comparing
+    bool has_content = false;   // has begun the content, or checked what was there of it
+    bool is_begun_here = false; // nothing is there that an earlier run received
   };
 
   // The public flow.
@@ -133,6 +134,7 @@ public:
                                         HeldResponse& held_response) BG_ONLY;
   std::string bg_request_bytes(const URL& link, const platform::BytesRange& range) BG_ONLY;
   bool must_restart(const Run& run) const;
+  bool keeps_unfinished(const Run& run) const;
   bool may_clear(const Run& run) const MAIN_ONLY;
   void check_finished_file() const MAIN_ONLY;
 

@@ -51,18 +51,6 @@ void refuse_other_length(const ResumeData& record, std::optional<std::int64_t> l
       .rethrow();
 }
 
-/// What has arrived is kept, unless the application starts again: the server may be one of several,
-/// or soon be itself again.
-void refuse_without_ranges(const ResumeData& record) {
-  if (!record.is_splitted || record.received_bytes() == 0)
-    return;
-  URLLoadingError error(URLError::bad_server_response,
-                        "the unfinished file cannot be continued, because the server no longer "
-                        "offers byte ranges");
-  error.refusal = URLLoadingError::Refusal::changed_content;
-  throw error;
-}
-
 /// The last bytes of a part that have arrived.
 BytesRange sample_of(const ResumeData::Part& part) {
   const auto end = part.begin_pos + part.curr_bytes;
@@ -96,8 +84,8 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
   const bool is_own = origin == Origin::same_link || (origin == Origin::unknown && !compares);
   if (split_allowed && checks && rejects_changes && origin != Origin::other_link) {
     refuse_other_length(record, current.total);
-    if (!has_ranges && is_own && !is_short)
-      refuse_without_ranges(record);
+    if (!has_ranges && record.is_splitted && record.received_bytes() > 0 && keeps_unfinished(run))
+      lost_ranges("no longer offers byte ranges").rethrow();
   }
   const bool has_same_length = noted.total && noted.total == current.total;
   const bool is_continued = record.is_splitted && splits && has_same_length;

@@ -2,6 +2,7 @@
 #include "bramblekit/main_thread.h"
 #include "ravelin/text.h"
 #include "src/RavelinOperation_impl.h"
+#include "src/ResponseChecks.h"
 #include "src/RetryPolicy.h"
 
 // The attempts of a run, and waiting between them.
@@ -47,6 +48,9 @@ Remedy RavelinOperation::Impl::judge(RetryPolicy& policy, const Error& error, co
   const auto remedy = policy.judge(custom_error, received, split);
   if (remedy == Remedy::give_up)
     return remedy;
+  if (remedy == Remedy::try_in_one_piece && received > 0 && !run.is_begun_here &&
+      keeps_unfinished(run))
+    lost_ranges("refuses requests for byte ranges: " + custom_error.text()).rethrow();
   const auto what =
       remedy == Remedy::try_in_one_piece ? "retrying over one connection" : policy.describe_retry();
   log("'" + without_password(run.link.text()) + "': " + custom_error.text() + "; " + what);

@@ -164,6 +164,9 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
   file_proc->setup();
   run.must_restart = false; // the files are this run's own now
   run.has_content = true;
+  const auto received =
+      main_sync([&]() MAIN_ONLY { return file_proc->resume_data->received_bytes(); });
+  run.is_begun_here = run.is_begun_here || received == 0;
   return should_split;
 }
 

@@ -75,6 +75,14 @@ Error changed_content(const std::string& what) {
   return to_error(std::move(error));
 }
 
+Error lost_ranges(const std::string& what_it_does) {
+  URLLoadingError error(URLError::bad_server_response,
+                        "the unfinished file cannot be continued, because the server " +
+                            what_it_does);
+  error.refusal = Refusal::changed_content;
+  return to_error(std::move(error));
+}
+
 std::optional<Error> ResponseChecks::refuse_status(const URLResponse& response,
                                                    bool asked_for_range) const {
   const bool has_no_content =

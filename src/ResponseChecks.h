@@ -60,5 +60,7 @@ private:
 
 /// The error for content that is no longer that of the download.
 Error changed_content(const std::string& what);
+/// The error for an unfinished file that the server does not let continue.
+Error lost_ranges(const std::string& what_it_does);
 
 } // namespace ravelin

@@ -60,7 +60,7 @@ public:
     none,
     http_status,
     range,
-    changed_content, ///< or, with an unfinished file, the server no longer offers byte ranges
+    changed_content, ///< or, with an unfinished file, the server has or sends no byte ranges
     unknown_content  ///< an unfinished file is from another link; see `Options::compare_new_link`
   };
   /// `none` unless a safeguard refused the response.

@@ -1,3 +1,4 @@
+#include "src/LinkIdentity.h"
 #include "tests/src/transfer_fixture.h"
 
 // Several downloads, destinations that exist already, and cancelling.
@@ -253,6 +254,39 @@ TEST_F(ConflictTest, compares_once_what_came_from_a_link_that_tells_no_version) 
   EXPECT_EQ(asked(), "0-1999 0-499 2000-2499 2000-3999 2500-3999 2500-3999 4000-4499 4000-5999 "
                      "4500-5999 4500-5999 500-1999 500-1999 6000-6499 6000-7999 6500-7999 "
                      "6500-7999 8000-8499 8000-9999 8500-9999 8500-9999 all all all");
+}
+
+TEST_F(ConflictTest, keeps_what_the_server_does_not_let_continue) {
+  const std::string whole = pattern(10'000), offers = "no longer offers", refuses = "refuses requ";
+  const Headers etag = {{"ETag", "\"1\""}};
+  const std::tuple<Headers, const char*, Reply, Reply, std::string, std::string> cases[] = {
+      {etag, "", {.accept_ranges = false}, {}, "c!", offers},
+      {etag, "?old", {.accept_ranges = false}, {}, "c!", offers},
+      {etag, "", {}, {.honour_ranges = false}, "c!", refuses},
+      {etag, "?old", {}, {.honour_ranges = false}, "c!", refuses},
+      {{}, "", {}, {.honour_ranges = false}, "c!", refuses},
+      {etag, "", {}, {.status = 403}, "cc!", refuses},
+      {etag, "", {.status = 403}, {}, "c!", "status 403"}};
+  for (const auto& [headers, query, header, range, story, text] : cases) {
+    SCOPED_TRACE(text + query);
+    auto options = Options::careful();
+    options.retry = Retry{.max_attempts = 1};
+    released = false;
+    serve([&, headers = headers, header = header, range = range](const Request& request) {
+      auto reply = !released ? Reply{.stall_after = 500} : request.header("Range") ? range : header;
+      reply.headers = headers, reply.body = whole;
+      return reply;
+    });
+    cancel(start_until(2500, {.opr = std::make_shared<RavelinOperation>(options)}));
+    note_origin(file(), URL(server->url(std::string("/file.bin") + query)));
+    const auto before = dir.read("file.bin") + dir.read(".file.lgresume");
+    released = true;
+    const auto& run = download({.opr = std::make_shared<RavelinOperation>(options)});
+    EXPECT_EQ(run.story, story);
+    EXPECT_TRUE(run.error_text.find(text) != text.npos) << run.error_text;
+    EXPECT_EQ(dir.read("file.bin") + dir.read(".file.lgresume"), before);
+    RavelinOperation::clear_files(file());
+  }
 }
 
 TEST_F(ConflictTest, refuses_what_others_may_have_put_in_the_place_of_its_files) {
