@@ -52,7 +52,7 @@ struct [[gnu::visibility("default")]] Options {
   /// the default options, all downloads together. Both may be set.
   std::optional<std::int64_t> rate_limit;
   /// How long to wait for a server that sends nothing, above 0, at most a day. Unset: 60 seconds.
-  /// A header that is not complete after ten times as long is an error.
+  /// A header that is not complete after ten times as long is a timeout as well.
   std::optional<std::chrono::milliseconds> idle_timeout;
 
   // Safeguards. Unset: off. `careful()` turns all of them on.

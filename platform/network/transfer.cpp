@@ -271,7 +271,7 @@ Transfer::Clock::time_point Transfer::deadline() const {
 
 Error Transfer::timeout_error() const {
   if (!response_reported_ && Clock::now() >= header_deadline())
-    return url_error(URLError::bad_server_response,
+    return url_error(URLError::timed_out,
                      "the header of the response from " + host() + " did not end within " +
                          seconds_text(max_header_timeouts * idle_timeout_));
   return url_error(URLError::timed_out,
