@@ -66,6 +66,21 @@ std::error_code make_error_code(URLError code) noexcept {
 URLLoadingError::URLLoadingError(URLError code, std::string text)
     : std::system_error(code), text_(std::move(text)) {}
 
+namespace {
+
+/// Of an exception whose text is put before that of another one.
+std::error_code code_of_nested(const std::exception& outer) {
+  try {
+    std::rethrow_if_nested(outer);
+  } catch (const std::system_error& e) {
+    return e.code();
+  } catch (...) {
+  }
+  return {};
+}
+
+} // namespace
+
 struct Error::Held {
   std::exception_ptr exception;
   std::string text;
@@ -82,6 +97,7 @@ Error::Error(std::exception_ptr exception) {
     held->code = e.code();
   } catch (const std::exception& e) {
     held->text = e.what();
+    held->code = code_of_nested(e);
   } catch (...) {
     held->text = "an exception that is not a std::exception";
   }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <system_error>
 
 namespace ravelin {
@@ -21,12 +22,12 @@ namespace {
 
 constexpr std::size_t max_record_size = 1024 * 1024; // real ones have less than 1 KiB
 
-/// Runs `step`; an exception becomes a text error that starts with `message`.
+/// Runs `step`; an exception becomes a text error that starts with `message` and has its code.
 template <class Step> void with_message(const char* message, Step&& step) {
   try {
     step();
   } catch (...) {
-    throw TextError(message + Error::current().text());
+    std::throw_with_nested(TextError(message + Error::current().text()));
   }
 }
 

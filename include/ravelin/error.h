@@ -91,7 +91,7 @@ public:
 
   /// What happened, for people. Programs should use `code()` or the type instead.
   const std::string& text() const;
-  /// The error code, or an empty one if the exception is not a `std::system_error`.
+  /// The error code; an empty one unless the exception is a `std::system_error` or nests one.
   std::error_code code() const;
   /// The exception if it is an `E` or derived from it, otherwise null. Valid as long as this error
   /// or a copy of it exists.

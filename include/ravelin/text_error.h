@@ -6,7 +6,7 @@
 
 namespace ravelin {
 
-/// An error of the library that has a text but no code.
+/// An error of the library that has a text but no code, unless it nests an exception that has one.
 class [[gnu::visibility("default")]] TextError : public std::runtime_error {
 public:
   /// `text` is both `what()` and `message()`.

@@ -306,18 +306,24 @@ TEST_F(DownloadTest, names_the_kind_of_its_failure) {
 // Odd, and kept: the save that failed stops the parts, which end as cancelled and not as failed.
 TEST_F(DownloadTest, ends_as_the_last_save_does_when_an_earlier_one_fails) {
   serve(Reply{.body = body, .piece = 1, .piece_delay = 10ms});
-  for (const bool fails_again : {false, true}) {
+  const std::tuple<int, int, std::string, std::string> cases[] = {
+      {1, 1, "cfsd+", ""}, {1, 999, "cfsd!", "Couldn't update"}, {0, 0, "c!", "Couldn't create"}};
+  for (const auto& [first, last, story, text] : cases) {
     std::atomic<int> saves = 0;
     const FaultyFiles calls([&](std::string_view call, const std::string& path) {
-      const int number = call == "rename" && path.ends_with(".lgresume") ? saves++ : 0;
-      return number == 1 || (number > 1 && fails_again) ? EIO : 0;
+      const int number = call == "rename" && path.ends_with(".lgresume") ? saves++ : -1;
+      return number >= first && number <= last ? ENOSPC : 0;
     });
     const auto& run = download({});
-    EXPECT_EQ(run.story, fails_again ? "cfsd!" : "cfsd+");
-    EXPECT_EQ(run.error_text.starts_with("Couldn't update resume file: \n"), fails_again);
+    EXPECT_EQ(run.story, story);
     EXPECT_EQ(RavelinOperation::get_progress(file()).received_bytes,
-              fails_again ? 0 : run.received);
+              story == "cfsd!" ? 0 : run.received);
     EXPECT_LT(run.received, 500);
+    if (const auto* const failed = run.last<Status::error>()) {
+      EXPECT_TRUE(run.error_text.starts_with(text + " resume file: \n")) << run.error_text;
+      EXPECT_EQ(failed->custom_error.get_if<CustomError::other>()->error.code(),
+                std::errc::no_space_on_device);
+    }
     RavelinOperation::clear_files(file());
   }
 }
