@@ -62,7 +62,13 @@ void FileProcessor::setup() {
     reset_files();
     read_resume_data();
   }
-  open_main_file(resumed);
+  try {
+    open_main_file(resumed);
+  } catch (...) {
+    if (!fm.file_exists(*main_file_url)) // it could not be created either
+      remove_traces();
+    throw;
+  }
 }
 
 bool FileProcessor::can_continue() {
@@ -103,6 +109,15 @@ void FileProcessor::reset_files() {
   bramblekit::set_is_hidden(*main_file_url, true);
   RavelinOperation::Impl::of(owner_opr).report_off_main(
       {Status::files_are_created{*main_file_url, resume_file}});
+}
+
+void FileProcessor::remove_traces() noexcept {
+  try {
+    bramblekit::set_is_hidden(*main_file_url, false);
+    delete_resume_file();
+  } catch (...) {
+    // The error of the file itself is the one to report.
+  }
 }
 
 void FileProcessor::async_write_bytes(std::int64_t pos, Data bytes) {

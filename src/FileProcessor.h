@@ -82,6 +82,7 @@ private:
   };
 
   void reset_files();
+  void remove_traces() noexcept;
   bool can_continue();
   void open_main_file(bool continued);
   void write_queued_bytes(std::int64_t pos, platform::Data bytes);
