@@ -23,6 +23,8 @@ void RavelinOperation::Impl::bg_download(Run& run) {
       auto held_response = bg_request_http_header(run.link, split);
       if (bg_is_complete(run))
         return;
+      if (split)
+        main_sync([&]() MAIN_ONLY { policy.note_ranges(ranges_accepted); });
       bg_start_connections(run, split, std::move(held_response));
       return;
     } catch (...) {

@@ -58,6 +58,13 @@ bool ranges_are_refused(const CustomError& error) {
   return loading->refusal == URLLoadingError::Refusal::range || is_refused_range(error);
 }
 
+/// The server of this header is not the one that offered ranges before.
+bool lacks_ranges(const CustomError& error) {
+  const auto* const loading = loading_error(error);
+  return loading && loading->refusal == URLLoadingError::Refusal::range &&
+         !loading->asked_for_range && !loading->http_status;
+}
+
 milliseconds add_jitter(milliseconds wait) {
   static std::mt19937 random{std::random_device{}()};
   std::uniform_real_distribution<double> factor(0.5, 1.0);
@@ -73,8 +80,8 @@ bool RetryPolicy::may_retry(const CustomError& error, Clock::time_point now) {
   const bool has_received = max_received_ > 0;
   const bool is_away = is_unreachable(error) || error.holds<CustomError::timeout>();
   const auto* const other = error.get_if<CustomError::other>();
-  const bool may_recover =
-      is_unreachable(error) || is_refused_range(error) || (other && lacks_resources(other->error));
+  const bool may_recover = is_unreachable(error) || is_refused_range(error) ||
+                           lacks_ranges(error) || (other && lacks_resources(other->error));
   if (!is_temporary(error) && !(may_recover && has_received))
     return false;
   beyond_attempts_ = attempt_ >= limits_.max_attempts;
@@ -108,6 +115,16 @@ Remedy RetryPolicy::judge(const CustomError& error, std::int64_t received, bool 
   if (loading && loading->retry_after)
     wait_ = std::clamp<milliseconds>(*loading->retry_after, wait_, max_requested_wait);
   return Remedy::try_again;
+}
+
+void RetryPolicy::note_ranges(bool are_offered) {
+  if (!are_offered && ranges_were_offered_ && max_received_ > 0 &&
+      attempt_ < limits_.max_attempts) {
+    URLLoadingError error(URLError::bad_server_response, "the server offers no byte ranges now");
+    error.refusal = URLLoadingError::Refusal::range;
+    throw error;
+  }
+  ranges_were_offered_ = ranges_were_offered_ || are_offered;
 }
 
 std::string RetryPolicy::describe_retry() const {

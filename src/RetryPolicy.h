@@ -28,6 +28,10 @@ public:
   /// `received`: bytes in the record after the attempt. `split`: whether it could use ranges.
   Remedy judge(const CustomError& error, std::int64_t received, bool split,
                Clock::time_point now = Clock::now());
+  /// Whether the header of an attempt offers ranges. Without them, what has come could not be
+  /// continued, and one of several servers may offer none while the others do: as long as another
+  /// attempt is allowed, that is an error for `judge()`.
+  void note_ranges(bool are_offered);
   /// How long to wait before the attempt that `judge()` allowed.
   std::chrono::milliseconds wait() const { return wait_; }
   /// Whether a network that comes up ends the wait.
@@ -42,6 +46,7 @@ private:
   int attempt_ = 0;
   std::int64_t received_ = 0;
   std::int64_t max_received_ = 0;
+  bool ranges_were_offered_ = false;
   std::optional<Clock::time_point> failing_since_; // since the last progress
   bool beyond_attempts_ = false;                   // allowed by `patience` only
   std::chrono::milliseconds wait_{0};

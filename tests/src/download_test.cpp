@@ -191,6 +191,7 @@ TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is
     std::string ranges;
     int sent_before = 0; // the last request
     std::string story = "cfsd+";
+    int bare_headers = 0; // without ranges, after the first one
   } cases[] = {
       {5, "199", 1, reset, in_two},
       {5, "199", 1, cut, in_two},
@@ -206,6 +207,14 @@ TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is
        twice + " all",
        400,
        "cfsdcsd+"},
+      {5,
+       "399",
+       1,
+       {.status = 429, .headers = {{"Retry-After", "1"}}},
+       twice + " all all",
+       400,
+       "cfsdccsd+",
+       1},
       {4, "399", 1, {.status = 503}, twice, 200},
       {2, "none", 0, {}, all_ranges, 300},
       {1, "none", 0, {}, all_ranges, 400}};
@@ -214,13 +223,14 @@ TEST_F(DownloadTest, asks_again_for_what_a_part_lacks_as_soon_as_a_connection_is
     auto values = Options::careful();
     values.idle_timeout = 300ms;
     values.max_connections = c.connections;
-    values.retry = Retry{.max_attempts = 1};
+    values.retry = Retry{.max_attempts = 2};
     set_default_options(values);
     std::int64_t sent_before = 0;
-    serve([&, left = c.count](const Request& request) mutable {
+    serve([&, left = c.count, bare = c.bare_headers](const Request& request) mutable {
       sent_before = server->bytes_sent();
       const auto range = request.header("Range").value_or("");
-      return range.empty()                                ? Reply{.body = body, .stall_after = 0}
+      const bool is_bare = range.empty() && request.index > 0 && bare-- > 0;
+      return range.empty() ? Reply{.body = body, .accept_ranges = !is_bare, .stall_after = 0}
              : range.ends_with("-" + c.end) && left-- > 0 ? c.fault
                                                           : slow;
     });

@@ -78,6 +78,23 @@ Error failed(URLError code) {
   return to_error(URLLoadingError(code, ""));
 }
 
+// Of a header, where one before offered ranges.
+Error without_ranges() {
+  RetryPolicy policy({2});
+  policy.note_ranges(true);
+  policy.note_ranges(false); // nothing has come, and nothing would be lost
+  policy.judge(make_custom_error(failed(URLError::timed_out)), 10, true);
+  try {
+    policy.note_ranges(false);
+  } catch (...) {
+    const auto error = Error::current();
+    EXPECT_EQ(policy.judge(make_custom_error(error), 10, true), Remedy::try_again);
+    policy.note_ranges(false); // the last attempt
+    return error;
+  }
+  throw std::logic_error("it is no error");
+}
+
 constexpr auto again = Remedy::try_again, whole = Remedy::try_in_one_piece, stop = Remedy::give_up;
 
 TEST(RetryPolicy, tells_errors_that_may_pass_from_those_that_stay) {
@@ -99,6 +116,7 @@ TEST(RetryPolicy, tells_errors_that_may_pass_from_those_that_stay) {
                {"500", refused(500, false), again, again, again},
                {"503, part", refused(503, true), again, again, again},
                {"403, part", refused(403, true), whole, again, stop},
+               {"no ranges", without_ranges(), stop, again, stop},
                {"wrong range", refused(200, true), whole, whole, stop}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
