@@ -82,7 +82,8 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
   });
   const bool is_short = must_restart(run);
   const bool is_own = origin == Origin::same_link || (origin == Origin::unknown && !compares);
-  if (split_allowed && checks && rejects_changes && origin != Origin::other_link) {
+  const bool must_compare = compares && !is_own; // and nothing else may happen to the file
+  if (split_allowed && checks && rejects_changes && origin != Origin::other_link && !must_compare) {
     refuse_other_length(record, current.total);
     if (!has_ranges && record.is_splitted && record.received_bytes() > 0 && keeps_unfinished(run))
       lost_ranges("no longer offers byte ranges").rethrow();
@@ -96,7 +97,7 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
   }
   const auto difference = describe_difference(noted, current);
   if (origin != Origin::other_link &&
-      (!is_continued || record.received_bytes() == 0 || (difference && !compares)))
+      (record.received_bytes() == 0 || (!compares && (!is_continued || difference))))
     return; // it starts again, or is refused as changed
   if (is_shown_equal(noted, current) && !compares)
     return;

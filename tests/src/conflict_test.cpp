@@ -264,7 +264,8 @@ TEST_F(ConflictTest, compares_once_what_came_from_a_link_that_tells_no_version) 
 }
 
 TEST_F(ConflictTest, keeps_what_the_server_does_not_let_continue) {
-  const std::string whole = pattern(10'000), offers = "no longer offers", refuses = "refuses requ";
+  const std::string whole = pattern(10'000), offers = "no longer offers", refuses = "refuses requ",
+                    compared = "cannot be compared";
   const Headers etag = {{"ETag", "\"1\""}};
   const std::tuple<Headers, const char*, Reply, Reply, std::string, std::string> cases[] = {
       {etag, "", {.accept_ranges = false}, {}, "c!", offers},
@@ -272,12 +273,15 @@ TEST_F(ConflictTest, keeps_what_the_server_does_not_let_continue) {
       {etag, "", {}, {.honour_ranges = false}, "c!", refuses},
       {etag, "?old", {}, {.honour_ranges = false}, "c!", refuses},
       {{}, "", {}, {.honour_ranges = false}, "c!", refuses},
+      {etag, "?old", {.accept_ranges = false}, {}, "c!", compared},
+      {etag, "?old", {}, {.honour_ranges = false}, "cc!", compared},
       {etag, "", {}, {.status = 403}, "cc!", refuses},
       {etag, "", {.status = 403}, {}, "c!", "status 403"}};
   for (const auto& [headers, query, header, range, story, text] : cases) {
     SCOPED_TRACE(text + query);
     auto options = Options::careful();
     options.retry = Retry{.max_attempts = 1};
+    options.compare_new_link = text == compared;
     released = false;
     serve([&, headers = headers, header = header, range = range](const Request& request) {
       auto reply = !released ? Reply{.stall_after = 500} : request.header("Range") ? range : header;
