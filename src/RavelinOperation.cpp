@@ -57,6 +57,7 @@ void RavelinOperation::Impl::resume(const URL& link, const URL& dest_file, bool 
   should_clear_files = false;
   main_file_is_already_complete = false;
   must_replace = false;
+  one_at_a_time = false;
   response.reset();
   error_during_activation.reset();
   opr_has_never_been_added_to_active_list = true;

@@ -198,6 +198,7 @@ public:
   bramblekit::StopWatch whole_watch MAIN_STATE;  // since that request was started
   std::int64_t whole_received MAIN_STATE = 0;    // bytes
   std::int64_t reached_part MAIN_STATE = 0;      // by that request
+  bool one_at_a_time MAIN_STATE = false;         // the server has refused all parts more than once
   std::optional<Error> holding_error MAIN_STATE; // the server's wish to wait before more requests
   std::shared_ptr<platform::RetryWait> retry_wait MAIN_STATE; // while waiting to retry
   std::unique_ptr<DestinationLock> destination_lock; // belongs to the background flow while it runs

@@ -49,6 +49,8 @@ bool RavelinOperation::Impl::lacks_bytes(std::int64_t part_index) const {
 void RavelinOperation::Impl::start_parts(const URL& link, bool should_split,
                                          HeldResponse held_response) {
   parts = PartSchedule(settings->options);
+  if (one_at_a_time)
+    parts.limit_connections(1);
   holding_error.reset();
   whole_request = nullptr;
   if (!should_split) {

@@ -48,6 +48,10 @@ Remedy RavelinOperation::Impl::judge(RetryPolicy& policy, const Error& error, co
   const auto received =
       run.must_restart ? 0 : RavelinOperation::get_progress(run.destination).received_bytes;
   const auto remedy = policy.judge(custom_error, received, split);
+  const auto* const loading = error.get_if<URLLoadingError>();
+  // It may count connections for a while after they are closed, or allow one only.
+  one_at_a_time =
+      loading && loading->asked_for_range && is_refused_for_now(error) && policy.repetitions() > 1;
   if (remedy == Remedy::give_up)
     return remedy;
   if (remedy == Remedy::try_in_one_piece && received > 0 && !run.is_begun_here &&

@@ -36,6 +36,8 @@ public:
   std::chrono::milliseconds wait() const { return wait_; }
   /// Whether a network that comes up ends the wait.
   bool waits_for_network() const { return waits_for_network_; }
+  /// How often the attempt has been repeated without progress.
+  int repetitions() const { return attempt_; }
   /// Such as "retrying in 1.5 s (2 of 5)".
   std::string describe_retry() const;
 
