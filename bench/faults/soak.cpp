@@ -212,8 +212,9 @@ void download_with_locked_list() {
   require(listed == count / 2 && left == listed && lines() == 0, "the list has other lines");
   for (std::size_t i = 0; i < count; ++i)
     require(dir.read("file" + std::to_string(i)) == body, "a file is wrong beside a locked list");
-  // Each download has waited for a tenth of a second on its own thread.
-  require(is_sanitized || quantile(waits, 1) < 90, "the main thread waits for the list");
+  // Each download has waited for a tenth of a second on its own thread; on the main thread they
+  // would have waited one after the other. A busy machine holds it for as long as one of them.
+  require(is_sanitized || quantile(waits, 1) < 500, "the main thread waits for the list");
 }
 
 } // namespace
