@@ -44,6 +44,7 @@ public:
     std::variant<success, error, cancelled> value;
   };
   using StatusClosure = std::function<void(const Status&)>;
+  using HoldsResponse = std::function<bool(const Result&)>;
 
   /// Returns at once. `status_closure` gets exactly one status, on the main thread.
   void request(const URL& url, StatusClosure status_closure);
@@ -53,7 +54,7 @@ public:
 
   /// Whether a response with this result is held for another request instead of being refused; set
   /// before `request`. Called on the delegate queue.
-  std::function<bool(const Result& result)> holds_response;
+  HoldsResponse holds_response;
 
   /// The full response, after success.
   platform::URLResponse response;

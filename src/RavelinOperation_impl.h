@@ -139,7 +139,8 @@ public:
   void check_finished_file() const MAIN_ONLY;
 
   // The transfer.
-  HeldResponse bg_request_http_header(const URL& link, bool split_allowed) BG_ONLY;
+  HeaderOpr::HoldsResponse responses_to_hold(const Run& run, bool split_allowed) const MAIN_ONLY;
+  HeldResponse bg_request_http_header(const Run& run, bool split_allowed) BG_ONLY;
   void bg_start_connections(Run& run, bool split_allowed, HeldResponse held_response) BG_ONLY;
   bool bg_prepare_files(Run& run, bool split_allowed) BG_ONLY;
   void check_content(Run& run) MAIN_ONLY;

@@ -26,12 +26,6 @@ namespace {
 constexpr double first_look = 0.01;
 constexpr double last_look = 0.2;
 
-/// Whether it says nothing about the content.
-bool is_refused_range(const URLLoadingError& error) {
-  using Refusal = URLLoadingError::Refusal;
-  return error.refusal == Refusal::http_status || error.refusal == Refusal::range;
-}
-
 } // namespace
 
 ResumeData::Part& RavelinOperation::Impl::record_of_part(std::int64_t index) const {
@@ -282,16 +276,18 @@ bool RavelinOperation::Impl::requeue_part(const URL& link, std::int64_t part_ind
     log("'" + without_password(link.text()) + "': using fewer connections: " + error.text());
     return true;
   }
-  if (whole_may_bring_it && loading && is_refused_range(*loading)) {
-    parts.limit_connections(partial_data_oprs.size() - 1); // until another one has ended
+  if (is_lost_connection(error) && parts.may_replace(part_index)) {
     parts.wait_for_connection(part_index);
+    log("'" + without_password(link.text()) + "': retrying the rest of part " +
+        std::to_string(part_index + 1) + " of " + std::to_string(split_count) + ": " +
+        error.text());
     return true;
   }
-  if (!is_lost_connection(error) || !parts.may_replace(part_index))
+  const bool has_changed = loading && loading->refusal == URLLoadingError::Refusal::changed_content;
+  if (!whole_may_bring_it || has_changed)
     return false;
+  parts.limit_connections(partial_data_oprs.size() - 1); // until another one has ended
   parts.wait_for_connection(part_index);
-  log("'" + without_password(link.text()) + "': retrying the rest of part " +
-      std::to_string(part_index + 1) + " of " + std::to_string(split_count) + ": " + error.text());
   return true;
 }
 

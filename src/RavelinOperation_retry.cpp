@@ -20,7 +20,7 @@ void RavelinOperation::Impl::bg_download(Run& run) {
   for (;;) {
     Error error = bramblekit::to_error(Exception());
     try {
-      auto held_response = bg_request_http_header(run.link, split);
+      auto held_response = bg_request_http_header(run, split);
       if (bg_is_complete(run))
         return;
       if (split)

@@ -38,9 +38,26 @@ bool can_split(bool split_allowed, bool ranges_accepted, std::optional<std::int6
   return split_allowed && ranges_accepted && length.value_or(0) >= min_size;
 }
 
+/// From which responses to the header request the content may be taken. Where the first part has
+/// begun, requests for the others come next, and a server that allows one connection must not see
+/// two.
+HeaderOpr::HoldsResponse RavelinOperation::Impl::responses_to_hold(const Run& run,
+                                                                   bool split_allowed) const {
+  if (!settings->options.reuse_header_response.value_or(false))
+    return nullptr;
+  const bool has_begun =
+      split_allowed && RavelinOperation::get_progress(run.destination).received_bytes > 0;
+  return [has_begun, split_allowed, options = settings](const HeaderOpr::Result& header) {
+    if (!can_split(split_allowed, header.ranges_accepted, header.content_length, options->options))
+      return true;
+    return !has_begun && (header.response_time >= far_response_time ||
+                          header.content_length.value_or(0) <= max_one_response);
+  };
+}
+
 /// Returns the response if the content may be taken from it.
 RavelinOperation::Impl::HeldResponse
-RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allowed) {
+RavelinOperation::Impl::bg_request_http_header(const Run& run, bool split_allowed) {
   std::optional<HeaderOpr::Status> result;
   HeldResponse held_response;
   bool has_header = false;
@@ -57,16 +74,9 @@ RavelinOperation::Impl::bg_request_http_header(const URL& link, bool split_allow
       throw Exception(); // by the callback, before there was a request to cancel
     header_opr = std::make_shared<HeaderOpr>();
     header_opr->settings = settings;
-    if (settings->options.reuse_header_response.value_or(false))
-      header_opr->holds_response = [split_allowed,
-                                    options = settings](const HeaderOpr::Result& header) {
-        return header.response_time >= far_response_time ||
-               header.content_length.value_or(0) <= max_one_response ||
-               !can_split(split_allowed, header.ranges_accepted, header.content_length,
-                          options->options);
-      };
+    header_opr->holds_response = responses_to_hold(run, split_allowed);
     // Last: if anything threw after it, the request would outlive the locals that it refers to.
-    header_opr->request(link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
+    header_opr->request(run.link, [&](const HeaderOpr::Status& status) MAIN_ONLY {
       result = status;
       const auto request = std::exchange(header_opr, nullptr);
       if (const auto* const success = std::get_if<HeaderOpr::Status::success>(&status.value)) {
