@@ -196,18 +196,26 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
   // ends with the connection.
   const bool may_be_bad_length = std::exchange(has_bad_length_, false) ||
                                  (code == CURLE_WEIRD_SERVER_REPLY && headers_.is_in_header());
-  if (may_be_bad_length && !std::exchange(length_ignored_, true)) {
-    headers_ = {};
-    curl_multi_remove_handle(multi_, easy_);
-    curl_easy_setopt(easy_, CURLOPT_IGNORE_CONTENT_LENGTH, 1L);
-    return send();
-  }
+  if (may_be_bad_length && !std::exchange(length_ignored_, true))
+    return send_again(CURLOPT_IGNORE_CONTENT_LENGTH);
+  // What a server sends beyond a response would be taken for the beginning of the next one.
+  long new_connections = 1;
+  curl_easy_getinfo(easy_, CURLINFO_NUM_CONNECTS, &new_connections);
+  if (code == CURLE_UNSUPPORTED_PROTOCOL && new_connections == 0)
+    return send_again(CURLOPT_FRESH_CONNECT);
   if (code != CURLE_OK)
     return Outcome{failure(code)};
   if (!response_reported_)
     return Outcome{url_error(URLError::network_connection_lost,
                              "the server closed the connection within the header")};
   return Outcome{};
+}
+
+std::optional<Transfer::Outcome> Transfer::send_again(CURLoption with) {
+  headers_ = {};
+  curl_multi_remove_handle(multi_, easy_);
+  curl_easy_setopt(easy_, with, 1L);
+  return send();
 }
 
 std::optional<Transfer::Outcome> Transfer::follow_redirect() {
@@ -271,9 +279,9 @@ Transfer::Clock::time_point Transfer::deadline() const {
 
 Error Transfer::timeout_error() const {
   if (!response_reported_ && Clock::now() >= header_deadline())
-    return url_error(URLError::timed_out,
-                     "the header of the response from " + host() + " did not end within " +
-                         seconds_text(max_header_timeouts * idle_timeout_));
+    return url_error(URLError::timed_out, "the header of the response from " + host() +
+                                              " did not end within " +
+                                              seconds_text(max_header_timeouts * idle_timeout_));
   return url_error(URLError::timed_out,
                    "nothing received from " + host() + " for " + seconds_text(idle_timeout_));
 }

@@ -65,6 +65,7 @@ private:
   static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
   void check_header_fields() const;
   std::optional<Outcome> send();
+  std::optional<Outcome> send_again(CURLoption with);
   std::optional<Outcome> follow_redirect();
   void set_options();
   void set_request_headers();
