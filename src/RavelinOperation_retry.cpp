@@ -47,7 +47,8 @@ Remedy RavelinOperation::Impl::judge(RetryPolicy& policy, const Error& error, co
   const auto custom_error = make_custom_error(error);
   const auto received =
       run.must_restart ? 0 : RavelinOperation::get_progress(run.destination).received_bytes;
-  const auto remedy = policy.judge(custom_error, received, split);
+  const bool could_split = can_split(split, ranges_accepted, content_len, settings->options);
+  const auto remedy = policy.judge(custom_error, received, could_split);
   const auto* const loading = error.get_if<URLLoadingError>();
   // It may count connections for a while after they are closed, or allow one only.
   one_at_a_time =
