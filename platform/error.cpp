@@ -70,8 +70,11 @@ namespace {
 
 /// Of an exception whose text is put before that of another one.
 std::error_code code_of_nested(const std::exception& outer) {
+  const auto* const nested = dynamic_cast<const std::nested_exception*>(&outer);
+  if (!nested || !nested->nested_ptr())
+    return {};
   try {
-    std::rethrow_if_nested(outer);
+    nested->rethrow_nested();
   } catch (const std::system_error& e) {
     return e.code();
   } catch (...) {

@@ -201,7 +201,7 @@ std::optional<Transfer::Outcome> Transfer::ended(CURLcode code) {
   // What a server sends beyond a response would be taken for the beginning of the next one.
   long new_connections = 1;
   curl_easy_getinfo(easy_, CURLINFO_NUM_CONNECTS, &new_connections);
-  if (code == CURLE_UNSUPPORTED_PROTOCOL && new_connections == 0)
+  if (code == CURLE_UNSUPPORTED_PROTOCOL && new_connections == 0 && !std::exchange(is_fresh_, true))
     return send_again(CURLOPT_FRESH_CONNECT);
   if (code != CURLE_OK)
     return Outcome{failure(code)};

@@ -110,6 +110,7 @@ private:
   bool waits_for_rate_ = false;
   Clock::time_point last_rate_use_;
   bool length_ignored_ = false;
+  bool is_fresh_ = false; // uses no kept connections
   std::optional<Error> refused_;
   Clock::time_point sent_at_ = Clock::now(); // the last request
   Clock::time_point last_activity_ = Clock::now();
