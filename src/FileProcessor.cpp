@@ -65,7 +65,7 @@ void FileProcessor::setup() {
   try {
     open_main_file(resumed);
   } catch (...) {
-    if (!fm.file_exists(*main_file_url)) // it could not be created either
+    if (removes_traces && !fm.file_exists(*main_file_url)) // it could not be created either
       remove_traces();
     throw;
   }

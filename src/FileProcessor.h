@@ -66,6 +66,7 @@ public:
   platform::Links links = platform::Links::followed;
   bool bounds_counts = false;      // reject records that count more bytes than their parts have
   bool keeps_write_errors = false; // in `exception` instead of terminating the process
+  bool removes_traces = false;     // if the destination cannot be created
   // Opened by `setup()`, used on the write queue, closed by the owner when the group is empty.
   std::optional<platform::FileHandle> main_file_handle;
   platform::FileManager& fm;

@@ -81,7 +81,9 @@ void RavelinOperation::Impl::bg_check_unfinished(Run& run, bool split_allowed,
                       can_split(split_allowed, ranges_accepted, content_len, settings->options));
   });
   const bool is_short = must_restart(run);
-  const bool is_own = origin == Origin::same_link || (origin == Origin::unknown && !compares);
+  // Where attributes cannot be set, the origin is unknown even of what this run has received.
+  const bool is_own =
+      origin == Origin::same_link || (origin == Origin::unknown && (!compares || run.has_content));
   const bool must_compare = compares && !is_own; // and nothing else may happen to the file
   if (split_allowed && checks && rejects_changes && origin != Origin::other_link && !must_compare) {
     refuse_other_length(record, current.total);

@@ -45,8 +45,9 @@ HeaderOpr::HoldsResponse RavelinOperation::Impl::responses_to_hold(const Run& ru
                                                                    bool split_allowed) const {
   if (!settings->options.reuse_header_response.value_or(false))
     return nullptr;
-  const bool has_begun =
-      split_allowed && RavelinOperation::get_progress(run.destination).received_bytes > 0;
+  const bool has_begun = split_allowed &&
+                         RavelinOperation::get_progress(run.destination).received_bytes > 0 &&
+                         !must_restart(run);
   return [has_begun, split_allowed, options = settings](const HeaderOpr::Result& header) {
     if (!can_split(split_allowed, header.ranges_accepted, header.content_length, options->options))
       return true;
@@ -166,6 +167,7 @@ bool RavelinOperation::Impl::bg_prepare_files(Run& run, bool split_allowed) {
     file_proc->must_restart = restart;
     file_proc->links = run.links;
     file_proc->bounds_counts = settings->options.require_exact_ranges.value_or(false);
+    file_proc->removes_traces = checks_destination(); // or the record may be another file's
     file_proc->keeps_write_errors = settings->options.report_write_errors.value_or(false);
     return split;
   });
@@ -240,7 +242,7 @@ bool RavelinOperation::Impl::finish_files() {
   }
   if (download_exception->is<Exception>()) {
     if (file_proc->bounds_counts && !opr.is_cancelled()) { // a part has none to request its rest
-      save_received();
+      file_proc->update_resume_file(); // if that failed before, this is the reason
       throw std::system_error(make_error_code(URLError::network_connection_lost));
     }
     if (!should_clear_files)
