@@ -103,10 +103,10 @@ struct [[gnu::visibility("default")]] Options {
   /// time, and is soon repeated. Unset: all content is split if the server supports ranges.
   std::optional<std::int64_t> min_split_size;
   /// Content that is not split is taken from the response that told its length, instead of being
-  /// requested again. One request less, and links that work only once can be downloaded. Split
-  /// content is taken from it as well if it is at most 8 MiB, or if the server takes 50 ms or more
-  /// to answer, up to the first part of which the server has accepted a request; the parts are
-  /// requested only if that response is not about to end. Unset: off.
+  /// requested again. One request less, and links that work only once can be downloaded. If nothing
+  /// has arrived yet, split content is taken from it as well if it is at most 8 MiB, or if the
+  /// server takes 50 ms or more to answer, up to the first part of which the server has accepted a
+  /// request; the parts are requested only if that response is not about to end. Unset: off.
   std::optional<bool> reuse_header_response;
 
   /// Called on the main thread before a run waits to retry. It may cancel the operation, and must

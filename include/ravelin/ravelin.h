@@ -197,9 +197,9 @@ void ravelin_options_set_max_connections(ravelin_options* options, int count);
 /** Content of fewer bytes is downloaded over one connection; 0 for no minimum. */
 void ravelin_options_set_min_split_size(ravelin_options* options, int64_t bytes);
 /** Takes content that is not split from the response that told its length, instead of requesting it
- * again. Links that work only once can then be downloaded. The first parts of split content
- * are taken from it as well if that is at most 8 MiB or the server takes 50 ms or more to answer.
- * Off unless set. */
+ * again. Links that work only once can then be downloaded. If nothing has arrived yet, the
+ * first parts of split content are taken from it as well if that is at most 8 MiB or the server
+ * takes 50 ms or more to answer. Off unless set. */
 void ravelin_options_set_reuse_header_response(ravelin_options* options, bool on);
 /** Retries after errors that may be temporary: up to `max_attempts` times without progress and,
  * once bytes have arrived, for up to `patience` milliseconds without progress. 0 attempts: never.
