@@ -264,10 +264,6 @@ Error Transfer::failure(CURLcode code) const {
   return url_error_for({code, error_text_, link_.host()});
 }
 
-Error Transfer::not_http_error() {
-  return url_error(URLError::bad_server_response, "the response is not HTTP");
-}
-
 Transfer::Clock::time_point Transfer::deadline() const {
   if (redirect_deadline_)
     return *redirect_deadline_;
@@ -336,7 +332,7 @@ std::size_t Transfer::handle_body(std::string_view bytes) {
     return discarded_ <= max_drained_bytes ? bytes.size() : CURL_WRITEFUNC_ERROR;
   }
   if (!response_reported_) {
-    refused_ = not_http_error();
+    refused_ = url_error(URLError::bad_server_response, "the response is not HTTP");
     return CURL_WRITEFUNC_ERROR;
   }
   waits_for_rate_ = data_allowed_ && !may_take_now();

@@ -60,7 +60,6 @@ public:
 private:
   static std::size_t on_header(char* bytes, std::size_t one, std::size_t size, void* self) noexcept;
   static std::size_t on_body(char* bytes, std::size_t one, std::size_t size, void* self) noexcept;
-  static Error not_http_error();
   Error failure(CURLcode code) const;
   static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
   void check_header_fields() const;
